@@ -1,0 +1,48 @@
+# Thin wrapper around CMake/Ninja/CTest. `make test` is what CI runs.
+BUILD      ?= build
+JOBS       ?= 2
+CMAKE_GEN   = -G Ninja
+CTEST_ARGS ?= --output-on-failure -j $(JOBS)
+
+.PHONY: all deps build test run sanitize tsan bench fuzz clean
+
+all: build
+
+deps:
+	@scripts/setup-deps.sh
+
+$(BUILD)/build.ninja: | deps
+	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+# Installs what is missing, builds everything and runs every test.
+test: build
+	ctest --test-dir $(BUILD) $(CTEST_ARGS)
+	@if [ -x scripts/fuzz-smoke.sh ]; then scripts/fuzz-smoke.sh; fi
+
+# The main job: the command-line tool against the virtual cameras.
+run: build
+	@scripts/run-demo.sh $(BUILD)
+
+# AddressSanitizer + UndefinedBehaviorSanitizer build and test run.
+sanitize: deps
+	cmake -S . -B build-asan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKIVCAM_SANITIZE=address,undefined
+	cmake --build build-asan -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build-asan $(CTEST_ARGS)
+
+# ThreadSanitizer build; runs the threading and multi-process tests.
+tsan: deps
+	cmake -S . -B build-tsan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKIVCAM_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan $(CTEST_ARGS) -L threads
+
+bench:
+	@scripts/setup-deps.sh --bench
+	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKIVCAM_BUILD_BENCH=ON -DKIVCAM_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	@echo "benchmarks are in build-bench/bin (bench_*)"
+
+clean:
+	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing KivCam need.
+# Idempotent and quiet when everything is present. `--bench` adds the packages
+# of the comparison benchmarks (OpenCV).
+set -euo pipefail
+
+pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
+      libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev)
+if [[ "${1:-}" == "--bench" ]]; then
+  pkgs+=(libbenchmark-dev libopencv-dev)
+fi
+
+missing=()
+for p in "${pkgs[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+echo "setup-deps: installing ${missing[*]}"
+SUDO=""
+[[ $(id -u) -ne 0 ]] && SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

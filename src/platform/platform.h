@@ -1,0 +1,197 @@
+// Operating-system services of KivCam. This is the only layer that touches the
+// operating system; everything above uses these types. Machine-wide names
+// given here are the documented names: the layer appends the value of
+// KIVCAM_IPC_NAMESPACE itself, so test processes never meet each other.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace kivcam::platform {
+
+constexpr uint32_t kInfinite = 0xFFFFFFFFu;
+
+// ---- locks -------------------------------------------------------------------
+// Re-entrant by its owner, like a Windows critical section.
+class RecursiveLock {
+ public:
+  RecursiveLock();
+  ~RecursiveLock();
+  RecursiveLock(const RecursiveLock&) = delete;
+  RecursiveLock& operator=(const RecursiveLock&) = delete;
+  void Lock();
+  void Unlock();
+  bool TryLock();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+class LockGuard {
+ public:
+  explicit LockGuard(RecursiveLock& l) : l_(l) { l_.Lock(); }
+  ~LockGuard() { l_.Unlock(); }
+  LockGuard(const LockGuard&) = delete;
+  LockGuard& operator=(const LockGuard&) = delete;
+
+ private:
+  RecursiveLock& l_;
+};
+
+// ---- events and waiting ------------------------------------------------------
+// Anything WaitAny can wait on: unnamed events and machine-wide named events.
+class Waitable {
+ public:
+  virtual ~Waitable() = default;
+  // Internal to the platform layer: a descriptor that becomes readable when
+  // the object may be signalled, and an attempt to take the signal.
+  virtual int PollFd() const = 0;
+  virtual bool TryAcquire() = 0;  // true: signalled (an auto-reset one is consumed)
+};
+
+// Unnamed event with Windows semantics: manual reset stays signalled until
+// Reset; auto reset wakes exactly one waiter and is consumed by it only.
+class Event : public Waitable {
+ public:
+  Event(bool manual_reset, bool initially_set);
+  ~Event() override;
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+  bool ok() const;  // false when the kernel object could not be created
+  void Set();
+  void Reset();
+  bool Wait(uint32_t timeout_ms);  // true: signalled within the time
+  int PollFd() const override;
+  bool TryAcquire() override;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+enum WaitResult : int {
+  kWaitTimeout = -1,
+  kWaitFailed = -2,
+  // 0..count-1: index of the signalled object
+};
+
+// Waits until one of the objects is signalled. The lowest signalled index
+// wins; an auto-reset object is consumed only when it is the one reported.
+int WaitAny(Waitable* const* objects, size_t count, uint32_t timeout_ms);
+
+// ---- machine-wide named objects ---------------------------------------------
+enum class MutexWait { kAcquired, kAbandoned, kTimeout, kFailed };
+
+// Machine-wide mutex (robust, process-shared). A holder that died is reported
+// as kAbandoned; the caller then owns the mutex, as on Windows.
+class NamedMutex {
+ public:
+  static std::unique_ptr<NamedMutex> CreateOrOpen(const std::string& name);
+  ~NamedMutex();
+  MutexWait Wait(uint32_t timeout_ms = kInfinite);
+  void Release();
+
+ private:
+  NamedMutex() = default;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Machine-wide auto-reset event that takes part in WaitAny.
+class NamedEvent : public Waitable {
+ public:
+  static std::unique_ptr<NamedEvent> CreateOrOpen(const std::string& name);
+  ~NamedEvent() override;
+  void Set();
+  bool Wait(uint32_t timeout_ms);
+  int PollFd() const override;
+  bool TryAcquire() override;
+
+ private:
+  NamedEvent() = default;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Machine-wide shared memory, zero-filled when new, mapped read-write.
+class SharedMapping {
+ public:
+  static std::unique_ptr<SharedMapping> CreateOrOpen(const std::string& name, size_t size);
+  ~SharedMapping();  // closes the handle; see Detach
+  void* data() const;
+  size_t size() const;
+  bool already_existed() const;
+  // Closes the handle but leaves the view mapped until the process ends,
+  // so late readers of the pointer never touch unmapped memory.
+  void* Detach();
+
+ private:
+  SharedMapping() = default;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The machine-wide object name as the operating system sees it: the
+// documented name plus the KIVCAM_IPC_NAMESPACE suffix.
+std::string MachineWideName(const std::string& name);
+
+// ---- threads -----------------------------------------------------------------
+class Thread {
+ public:
+  using Proc = void (*)(void* arg);
+  // Starts proc(arg). Returns null when the thread could not be created.
+  static std::unique_ptr<Thread> Start(Proc proc, void* arg);
+  ~Thread();  // detaches when not joined
+  void Join();
+  void Detach();
+  // Highest real-time priority when the process may set it; silently nothing otherwise.
+  void SetTimeCritical();
+
+ private:
+  Thread() = default;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+void SleepMs(uint32_t ms);
+uint32_t ProcessId();
+uint32_t ThreadId();  // the kernel's thread id (gettid)
+uint32_t TickCount();  // monotonic milliseconds, wrapping at 32 bits
+
+struct LocalTime {
+  int year, month, day, hour, minute, second, millisecond;
+};
+LocalTime GetLocalTime();
+
+// ---- environment, files, processes -----------------------------------------
+// The variable's value, or empty with found=false.
+std::string GetEnv(const char* name, bool* found = nullptr);
+// The monitor program configured for this machine (KIVCAM_MONITORPATH), or empty.
+std::string MonitorPath();
+// Starts a program with no arguments, detached from this process. False on failure.
+bool StartProcess(const std::string& path);
+// Data folder: $KIVCAM_COMMON_APPDATA (else /var/lib) + "Valdrix/KivCam".
+std::string DataFolder();
+// Joins a path and one more component with exactly one separator.
+std::string PathAppend(const std::string& dir, const std::string& component);
+bool FileExists(const std::string& path);
+
+// ---- modules -----------------------------------------------------------------
+class Module {
+ public:
+  // A bare name is searched on the loader path. Null on failure; *error gets the reason.
+  static std::unique_ptr<Module> Load(const std::string& path, std::string* error = nullptr);
+  ~Module();  // unloads
+  void* Symbol(const char* name) const;
+  const std::string& path() const;
+
+ private:
+  Module() = default;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kivcam::platform
