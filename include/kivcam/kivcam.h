@@ -729,9 +729,10 @@ KIVCAM_API uint32_t KIVCAM_GetLastError(void);
  * every producer (GigE first); KIVCAM_UID_ANY opens the first camera that no
  * other application holds. *camera receives the handle (null is stored first,
  * whenever camera is not null).
- * Errors: PARAM (camera null, uid 0), ALREADY_OPEN (that camera is open in
- * this or another process), NO_CAMERA (not found / nothing openable /
- * description not loadable), NOT_SUPPORTED. Lock: API lock. */
+ * Errors: PARAM (camera null, uid 0), NOT_SUPPORTED (a UID search with no
+ * producer loaded), ALREADY_OPEN (that camera is open in this or another
+ * process), NO_CAMERA (not found / nothing openable / description not
+ * loadable). Lock: API lock. */
 KIVCAM_API KIVCAM_BOOL KIVCAM_Open(uint64_t uid, HCAMERA *camera);
 
 /* Opens a GigE camera as param says: by UID when given, else by device key
@@ -815,8 +816,8 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_WatchAlloc(HCAMERA camera);
 KIVCAM_API KIVCAM_BOOL KIVCAM_WatchRelease(HCAMERA camera);
 
 /* Starts receiving on a watch-mode camera (the device itself is not started).
- * Errors: NO_CAMERA, MODE, NOT_ALLOCATED, RUNNING, OTHER (no conversion
- * engine). Lock: camera lock. */
+ * Errors: NO_CAMERA, MODE, NOT_ALLOCATED, RUNNING, OTHER (the default
+ * conversion engine could not be created). Lock: camera lock. */
 KIVCAM_API KIVCAM_BOOL KIVCAM_WatchStart(HCAMERA camera);
 
 /* Stops receiving on a watch-mode camera; works on an absent camera too.
