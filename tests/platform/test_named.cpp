@@ -1,7 +1,9 @@
 // Machine-wide named objects, shared between real processes.
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -133,21 +135,35 @@ TEST_F(Named, MutexExcludesAnotherProcessUntilReleased) {
   m->Release();
 }
 
-// Unprotected read-modify-write of a shared counter by two processes: any
-// gap in the exclusion loses increments.
+// Unprotected read-modify-write of a shared counter by two processes running
+// at the same time: any gap in the exclusion loses increments.
 TEST_F(Named, MutexSerialisesUpdatesFromTwoProcesses) {
+  struct Shared {
+    std::atomic<int> arrived;
+    long counter;
+  };
   const std::string mutex_name = Name("mutex"), map_name = Name("map");
-  auto map = kp::SharedMapping::CreateOrOpen(map_name, sizeof(long));
+  auto map = kp::SharedMapping::CreateOrOpen(map_name, sizeof(Shared));
   ASSERT_TRUE(map);
+  auto* shared = static_cast<Shared*>(map->data());
   const int kLoops = 20000;
   auto work = [&]() {
     auto mm = kp::NamedMutex::CreateOrOpen(mutex_name);
-    auto mp = kp::SharedMapping::CreateOrOpen(map_name, sizeof(long));
-    if (!mm || !mp) return 1;
-    volatile long* counter = static_cast<long*>(mp->data());
+    if (!mm) return 1;
+    // Both processes must be on a processor before either starts counting,
+    // or one may finish before the other begins.
+    shared->arrived.fetch_add(1);
+    uint32_t start = kp::TickCount();
+    while (shared->arrived.load() < 2) {
+      if (kp::TickCount() - start > static_cast<uint32_t>(kBoundMs)) return 3;
+      sched_yield();
+    }
+    volatile long* counter = &shared->counter;
     for (int i = 0; i < kLoops; ++i) {
       if (mm->Wait() != kp::MutexWait::kAcquired) return 2;
       long v = *counter;
+      for (volatile int spin = 0; spin < 50; spin = spin + 1) {
+      }
       *counter = v + 1;
       mm->Release();
     }
@@ -156,7 +172,7 @@ TEST_F(Named, MutexSerialisesUpdatesFromTwoProcesses) {
   ChildProcess child(work);
   EXPECT_EQ(work(), 0);
   EXPECT_EQ(child.Join(), 0);
-  EXPECT_EQ(*static_cast<long*>(map->data()), 2L * kLoops);
+  EXPECT_EQ(shared->counter, 2L * kLoops);
 }
 
 TEST_F(Named, MutexOfAProcessThatDiedHoldingItIsReportedAbandoned) {
