@@ -138,6 +138,12 @@ class SharedMapping {
 // documented name plus the KIVCAM_IPC_NAMESPACE suffix.
 std::string MachineWideName(const std::string& name);
 
+// Removes the machine-wide name (mapping, mutex or event) so that the next
+// CreateOrOpen makes a fresh object; objects already open keep working.
+// POSIX names outlive their users, so whoever made a private name (a test, a
+// tool) removes it with this.
+void RemoveMachineWideName(const std::string& name);
+
 // ---- threads -----------------------------------------------------------------
 class Thread {
  public:

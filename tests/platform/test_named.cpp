@@ -1,0 +1,283 @@
+// Machine-wide named objects, shared between real processes.
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+#include "platform/platform.h"
+
+namespace kp = kivcam::platform;
+using kivtest::ChildProcess;
+using kivtest::kBoundMs;
+using kivtest::Pipe;
+
+namespace {
+
+// Gives each test its own names and removes them afterwards, since POSIX
+// names outlive the processes that made them.
+class Named : public ::testing::Test {
+ protected:
+  std::string Name(const char* what) {
+    std::string n = std::string("KivTest_") +
+                    ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + what;
+    names_.push_back(n);
+    return n;
+  }
+  void TearDown() override {
+    for (const auto& n : names_) kp::RemoveMachineWideName(n);
+  }
+
+ private:
+  std::vector<std::string> names_;
+};
+
+bool ThreadGetsMutex(kp::NamedMutex& m, uint32_t timeout_ms) {
+  kp::MutexWait r = kp::MutexWait::kFailed;
+  std::thread t([&] {
+    r = m.Wait(timeout_ms);
+    if (r == kp::MutexWait::kAcquired || r == kp::MutexWait::kAbandoned) m.Release();
+  });
+  t.join();
+  return r == kp::MutexWait::kAcquired;
+}
+
+}  // namespace
+
+TEST(MachineWideName, AppendsTheNamespaceAndReplacesSlashes) {
+  const char* saved = std::getenv("KIVCAM_IPC_NAMESPACE");
+  std::string keep = saved ? saved : "";
+  setenv("KIVCAM_IPC_NAMESPACE", "_ns1", 1);
+  EXPECT_EQ(kp::MachineWideName("KIVCAMLogFile_Orvanta"), "/KIVCAMLogFile_Orvanta_ns1");
+  EXPECT_EQ(kp::MachineWideName("a/b"), "/a_b_ns1");
+  setenv("KIVCAM_IPC_NAMESPACE", "/x", 1);
+  EXPECT_EQ(kp::MachineWideName("n"), "/n_x");
+  unsetenv("KIVCAM_IPC_NAMESPACE");
+  EXPECT_EQ(kp::MachineWideName("KIVCAMLogFile_Orvanta"), "/KIVCAMLogFile_Orvanta");
+  if (saved) setenv("KIVCAM_IPC_NAMESPACE", keep.c_str(), 1);
+}
+
+TEST_F(Named, MappingIsZeroFilledWhenNewAndSharedWithAnotherProcess) {
+  const std::string name = Name("map");
+  auto m = kp::SharedMapping::CreateOrOpen(name, 8192);
+  ASSERT_TRUE(m);
+  EXPECT_FALSE(m->already_existed());
+  EXPECT_EQ(m->size(), 8192u);
+  auto* bytes = static_cast<char*>(m->data());
+  EXPECT_EQ(std::count(bytes, bytes + 8192, 0), 8192);
+  std::strcpy(bytes, "from parent");
+
+  ChildProcess child([&] {
+    auto c = kp::SharedMapping::CreateOrOpen(name, 8192);
+    if (!c) return 1;
+    if (!c->already_existed()) return 2;
+    auto* cb = static_cast<char*>(c->data());
+    if (std::strcmp(cb, "from parent") != 0) return 3;
+    std::strcpy(cb + 8000, "from child");
+    return 0;
+  });
+  EXPECT_EQ(child.Join(), 0);
+  EXPECT_STREQ(bytes + 8000, "from child");
+}
+
+TEST_F(Named, DetachedViewOutlivesTheObjectAndRemovalGivesAFreshMapping) {
+  const std::string name = Name("map");
+  auto m = kp::SharedMapping::CreateOrOpen(name, 4096);
+  ASSERT_TRUE(m);
+  auto* view = static_cast<int*>(m->Detach());
+  m.reset();
+  view[10] = 1234;  // still mapped
+
+  auto again = kp::SharedMapping::CreateOrOpen(name, 4096);
+  ASSERT_TRUE(again);
+  EXPECT_TRUE(again->already_existed());
+  EXPECT_EQ(static_cast<int*>(again->data())[10], 1234);
+
+  kp::RemoveMachineWideName(name);
+  auto fresh = kp::SharedMapping::CreateOrOpen(name, 4096);
+  ASSERT_TRUE(fresh);
+  EXPECT_FALSE(fresh->already_existed());
+  EXPECT_EQ(static_cast<int*>(fresh->data())[10], 0);
+}
+
+TEST_F(Named, MutexExcludesAnotherProcessUntilReleased) {
+  const std::string name = Name("mutex");
+  auto m = kp::NamedMutex::CreateOrOpen(name);
+  ASSERT_TRUE(m);
+  ASSERT_EQ(m->Wait(), kp::MutexWait::kAcquired);
+  Pipe to_parent, to_child;
+  ChildProcess child([&] {
+    auto c = kp::NamedMutex::CreateOrOpen(name);
+    if (!c) return 1;
+    if (c->Wait(0) != kp::MutexWait::kTimeout) return 2;
+    uint32_t start = kp::TickCount();
+    if (c->Wait(30) != kp::MutexWait::kTimeout || kp::TickCount() - start < 30) return 3;
+    to_parent.Send('t');
+    if (c->Wait(kBoundMs) != kp::MutexWait::kAcquired) return 4;
+    to_parent.Send('a');
+    if (to_child.Receive() != 'r') return 5;
+    c->Release();
+    return 0;
+  });
+  ASSERT_EQ(to_parent.Receive(), 't');
+  m->Release();
+  ASSERT_EQ(to_parent.Receive(), 'a');
+  EXPECT_EQ(m->Wait(0), kp::MutexWait::kTimeout);
+  to_child.Send('r');
+  EXPECT_EQ(child.Join(), 0);
+  EXPECT_EQ(m->Wait(0), kp::MutexWait::kAcquired);
+  m->Release();
+}
+
+// Unprotected read-modify-write of a shared counter by two processes running
+// at the same time: any gap in the exclusion loses increments.
+TEST_F(Named, MutexSerialisesUpdatesFromTwoProcesses) {
+  struct Shared {
+    std::atomic<int> arrived;
+    long counter;
+  };
+  const std::string mutex_name = Name("mutex"), map_name = Name("map");
+  auto map = kp::SharedMapping::CreateOrOpen(map_name, sizeof(Shared));
+  ASSERT_TRUE(map);
+  auto* shared = static_cast<Shared*>(map->data());
+  const int kLoops = 20000;
+  auto work = [&]() {
+    auto mm = kp::NamedMutex::CreateOrOpen(mutex_name);
+    if (!mm) return 1;
+    // Both processes must be on a processor before either starts counting,
+    // or one may finish before the other begins.
+    shared->arrived.fetch_add(1);
+    uint32_t start = kp::TickCount();
+    while (shared->arrived.load() < 2) {
+      if (kp::TickCount() - start > static_cast<uint32_t>(kBoundMs)) return 3;
+      sched_yield();
+    }
+    volatile long* counter = &shared->counter;
+    for (int i = 0; i < kLoops; ++i) {
+      if (mm->Wait() != kp::MutexWait::kAcquired) return 2;
+      long v = *counter;
+      for (volatile int spin = 0; spin < 50; spin = spin + 1) {
+      }
+      *counter = v + 1;
+      mm->Release();
+    }
+    return 0;
+  };
+  ChildProcess child(work);
+  EXPECT_EQ(work(), 0);
+  EXPECT_EQ(child.Join(), 0);
+  EXPECT_EQ(shared->counter, 2L * kLoops);
+}
+
+TEST_F(Named, MutexOfAProcessThatDiedHoldingItIsReportedAbandoned) {
+  const std::string name = Name("mutex");
+  auto m = kp::NamedMutex::CreateOrOpen(name);
+  ASSERT_TRUE(m);
+  Pipe to_parent, to_child;
+  ChildProcess child([&] {
+    auto c = kp::NamedMutex::CreateOrOpen(name);
+    if (!c || c->Wait() != kp::MutexWait::kAcquired) return 1;
+    to_parent.Send('h');
+    to_child.Receive();  // dies holding it once the parent is about to wait
+    return 0;
+  });
+  ASSERT_EQ(to_parent.Receive(), 'h');
+  EXPECT_EQ(m->Wait(0), kp::MutexWait::kTimeout);
+  to_child.Send('x');
+  EXPECT_EQ(m->Wait(kBoundMs), kp::MutexWait::kAbandoned);
+  EXPECT_EQ(child.Join(), 0);
+  // The waiter owns it now, and it works normally afterwards.
+  EXPECT_FALSE(ThreadGetsMutex(*m, 0));
+  m->Release();
+  EXPECT_TRUE(ThreadGetsMutex(*m, 0));
+  EXPECT_EQ(m->Wait(0), kp::MutexWait::kAcquired);
+  m->Release();
+}
+
+TEST_F(Named, MutexIsReentrantByItsOwningThreadAcrossHandles) {
+  const std::string name = Name("mutex");
+  auto m = kp::NamedMutex::CreateOrOpen(name);
+  auto second = kp::NamedMutex::CreateOrOpen(name);
+  ASSERT_TRUE(m && second);
+  ASSERT_EQ(m->Wait(), kp::MutexWait::kAcquired);
+  EXPECT_EQ(m->Wait(0), kp::MutexWait::kAcquired);
+  EXPECT_EQ(second->Wait(0), kp::MutexWait::kAcquired);
+
+  // A release by a thread that does not own it changes nothing.
+  std::thread([&] { m->Release(); }).join();
+  EXPECT_FALSE(ThreadGetsMutex(*second, 0));
+
+  m->Release();
+  second->Release();
+  EXPECT_FALSE(ThreadGetsMutex(*m, 0));
+  uint32_t start = kp::TickCount();
+  EXPECT_FALSE(ThreadGetsMutex(*m, 30));
+  EXPECT_GE(kp::TickCount() - start, 30u);
+  m->Release();
+  EXPECT_TRUE(ThreadGetsMutex(*m, 0));
+}
+
+TEST_F(Named, EventSetWithoutWaiterIsKeptForOneWaitInAnotherProcess) {
+  const std::string name = Name("event");
+  auto e = kp::NamedEvent::CreateOrOpen(name);
+  ASSERT_TRUE(e);
+  ChildProcess child([&] {
+    auto c = kp::NamedEvent::CreateOrOpen(name);
+    if (!c) return 1;
+    c->Set();
+    c->Set();  // not a counter: one signal
+    return 0;
+  });
+  ASSERT_EQ(child.Join(), 0);
+  EXPECT_TRUE(e->Wait(0));
+  EXPECT_FALSE(e->Wait(0));
+}
+
+TEST_F(Named, EventSetWakesOneWaitingProcessPerSet) {
+  const std::string name = Name("event");
+  auto e = kp::NamedEvent::CreateOrOpen(name);
+  ASSERT_TRUE(e);
+  Pipe ready, woke;
+  auto waiter = [&](char id) {
+    return [&, id] {
+      auto c = kp::NamedEvent::CreateOrOpen(name);
+      if (!c) return 1;
+      ready.Send('r');
+      if (!c->Wait(kBoundMs)) return 2;
+      woke.Send(id);
+      return 0;
+    };
+  };
+  ChildProcess first(waiter('1')), second(waiter('2'));
+  ASSERT_EQ(ready.Receive(), 'r');
+  ASSERT_EQ(ready.Receive(), 'r');
+  e->Set();
+  char a = woke.Receive();
+  e->Set();
+  char b = woke.Receive();
+  EXPECT_EQ(first.Join(), 0);
+  EXPECT_EQ(second.Join(), 0);
+  EXPECT_NE(a, 0);
+  EXPECT_NE(b, 0);
+  EXPECT_NE(a, b);
+  // Two Sets, two waits: nothing may be left over.
+  EXPECT_FALSE(e->Wait(0));
+}
+
+TEST(Ids, AForkedChildSeesItsOwnProcessAndThreadIds) {
+  const uint32_t parent_pid = kp::ProcessId(), parent_tid = kp::ThreadId();
+  EXPECT_EQ(parent_pid, static_cast<uint32_t>(getpid()));
+  ChildProcess child([&] {
+    if (kp::ProcessId() != static_cast<uint32_t>(getpid())) return 1;
+    if (kp::ProcessId() == parent_pid || kp::ThreadId() == parent_tid) return 2;
+    if (kp::ThreadId() != static_cast<uint32_t>(getpid())) return 3;  // the child's only thread
+    return 0;
+  });
+  EXPECT_EQ(child.Join(), 0);
+}
