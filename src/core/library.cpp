@@ -1,0 +1,76 @@
+// Start-up and shut-down of the library in a process: the shared-library
+// constructor and destructor play the loader's attach and detach.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/base.h"
+#include "core/kivcam_dll.h"
+#include "core/process_table.h"
+#include "diag/call_log.h"
+#include "platform/platform.h"
+
+namespace kivcam::core {
+
+namespace {
+
+std::atomic<CKivCamDLL*> g_library{nullptr};
+std::atomic<uint32_t> g_struct_version{0};
+platform::NamedMutex* g_filter_mutex = nullptr;
+// Set by an exit handler: at process exit the handlers run before the
+// library's destructor, at a dynamic unload after it.
+volatile bool g_process_ending = false;
+
+void OnProcessExit() { g_process_ending = true; }
+
+void StartMonitor() {
+  std::string path = platform::MonitorPath();
+  if (path.size() > 1) platform::StartProcess(path);  // failures are not reported
+}
+
+__attribute__((constructor)) void LibraryAttach() {
+  std::atexit(OnProcessExit);
+  char name[256];
+  std::snprintf(name, sizeof name, "%s_%d_%d", "KIVCAMOutFilterMutex_Orvanta",
+                static_cast<int>(platform::ProcessId()), 3);
+  g_filter_mutex = platform::NamedMutex::CreateOrOpen(name).release();
+
+  diag::OpenCallLog();
+  diag::LogLoad("DLL ATTACH");
+  RegisterProcess();
+  StartMonitor();
+
+  registry::Create();
+  try {
+    g_library.store(new CKivCamDLL);
+  } catch (...) {
+    // The library stays loaded without an object; exports then fail.
+    g_library.store(nullptr);
+  }
+}
+
+__attribute__((destructor)) void LibraryDetach() {
+  if (!g_process_ending) {
+    DestroyLibrary();
+    registry::Destroy();
+  }
+  UnregisterProcess();
+  diag::LogLoad("DLL DETACH");
+  delete g_filter_mutex;
+  g_filter_mutex = nullptr;
+  diag::CloseCallLog();
+}
+
+}  // namespace
+
+CKivCamDLL* Library() { return g_library.load(std::memory_order_acquire); }
+
+void DestroyLibrary() {
+  CKivCamDLL* lib = g_library.exchange(nullptr);
+  delete lib;
+}
+
+uint32_t StructVersion() { return g_struct_version; }
+void SetStructVersionValue(uint32_t version) { g_struct_version = version; }
+
+}  // namespace kivcam::core

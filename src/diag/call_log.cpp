@@ -1,0 +1,181 @@
+#include "diag/call_log.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/platform.h"
+
+namespace kivcam::diag {
+
+namespace {
+
+// Level 0: a process whose log objects are missing writes nothing.
+LogArea g_dummy_area{};
+LogArea* g_area = &g_dummy_area;
+SharedData* g_shared = nullptr;
+
+// Raw pointers on purpose: at process exit the C++ static destructors run
+// before the library's own shut-down, which still writes its last line.
+platform::NamedMutex* g_mutex = nullptr;
+platform::NamedEvent* g_event = nullptr;
+platform::SharedMapping* g_mapping = nullptr;
+platform::SharedMapping* g_shared_mapping = nullptr;
+
+}  // namespace
+
+void OpenCallLog() {
+  g_area = &g_dummy_area;
+  g_mutex = platform::NamedMutex::CreateOrOpen(KIVCAM_LOG_MUTEX_NAME).release();
+  g_event = platform::NamedEvent::CreateOrOpen(KIVCAM_LOG_EVENT_NAME).release();
+  g_mapping = platform::SharedMapping::CreateOrOpen(KIVCAM_LOG_MAPPING_NAME, kLogAreaSize).release();
+  if (g_mutex && g_event && g_mapping && g_mapping->data()) {
+    g_area = static_cast<LogArea*>(g_mapping->data());
+  }
+
+  g_shared_mapping =
+      platform::SharedMapping::CreateOrOpen(KIVCAM_SHARED_DATA_NAME, kSharedDataSize).release();
+  if (g_shared_mapping && g_shared_mapping->data()) {
+    g_shared = static_cast<SharedData*>(g_shared_mapping->data());
+    if (!g_shared_mapping->already_existed()) {
+      // The compiler's date form, e.g. "Nov 22 2026".
+      std::snprintf(g_shared->BuildDate, sizeof g_shared->BuildDate, "%s", __DATE__);
+    }
+  }
+}
+
+void CloseCallLog() {
+  // The views stay mapped: a late line from another thread must not fault.
+  // The area pointer falls back to level 0 first so no line races the close.
+  g_area = &g_dummy_area;
+  if (g_mapping) g_mapping->Detach();
+  if (g_shared_mapping) g_shared_mapping->Detach();
+  delete g_mapping;
+  delete g_shared_mapping;
+  delete g_mutex;
+  delete g_event;
+  g_mapping = g_shared_mapping = nullptr;
+  g_mutex = nullptr;
+  g_event = nullptr;
+}
+
+LogArea* CurrentLogArea() { return g_area; }
+SharedData* CurrentSharedData() { return g_shared; }
+
+void WriteLineV(bool verbose, const char* fmt, va_list ap) {
+  if (!LogWanted(verbose) || !g_mutex) return;
+  platform::MutexWait w = g_mutex->Wait(platform::kInfinite);
+  if (w != platform::MutexWait::kAcquired) {
+    // An owner that died mid-line: drop this line, leave the mutex usable.
+    if (w == platform::MutexWait::kAbandoned) g_mutex->Release();
+    return;
+  }
+  LogArea* area = g_area;
+  uint32_t pending = area->Pending;
+  bool monitor = g_shared && __atomic_load_n(&g_shared->MonitorProcessId, __ATOMIC_RELAXED) ==
+                                 platform::ProcessId();
+  if (monitor || pending >= kLogSlots) {
+    g_mutex->Release();
+    return;
+  }
+  char* slot = area->Line[pending];
+  platform::LocalTime t = platform::GetLocalTime();
+  int n = std::snprintf(slot, kLogSlotSize, "%04d/%02d/%02d %02d:%02d:%02d'%03d  ", t.year, t.month,
+                        t.day, t.hour, t.minute, t.second, t.millisecond);
+  if (n > 0 && static_cast<uint32_t>(n) < kLogSlotSize) {
+    std::vsnprintf(slot + n, kLogSlotSize - n, fmt, ap);
+  }
+  area->Pending = pending + 1;
+  g_event->Set();
+  g_mutex->Release();
+}
+
+void WriteLine(bool verbose, const char* fmt, ...) {
+  if (!LogWanted(verbose)) return;
+  va_list ap;
+  va_start(ap, fmt);
+  WriteLineV(verbose, fmt, ap);
+  va_end(ap);
+}
+
+#define KIVCAM_IDS "ThreadID=%d, ProcessID=%d\n"
+#define KIVCAM_ID_ARGS static_cast<int>(platform::ThreadId()), static_cast<int>(platform::ProcessId())
+
+void LogExport(bool verbose, const char* name, const char* event) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s %s " KIVCAM_IDS, name, event, KIVCAM_ID_ARGS);
+}
+
+void LogExportError(bool verbose, const char* name, uint32_t error) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s Error=%d, " KIVCAM_IDS, name, static_cast<int>(error), KIVCAM_ID_ARGS);
+}
+
+void LogCamera(bool verbose, const char* name, const char* event, const void* hcamera) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s %s HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name, event, Ptr(hcamera),
+            KIVCAM_ID_ARGS);
+}
+
+void LogCameraError(bool verbose, const char* name, uint32_t error, const void* hcamera) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s Error=%d, HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
+            static_cast<int>(error), Ptr(hcamera), KIVCAM_ID_ARGS);
+}
+
+void LogConvHandle(bool verbose, const char* name, const char* event, const void* hctbl) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s %s HCTBL=0x" KIVCAM_PTR ", " KIVCAM_IDS, name, event, Ptr(hctbl),
+            KIVCAM_ID_ARGS);
+}
+
+void LogConvHandleError(bool verbose, const char* name, uint32_t error, const void* hctbl) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s Error=%d, HCTBL=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
+            static_cast<int>(error), Ptr(hctbl), KIVCAM_ID_ARGS);
+}
+
+void LogBuffer(bool verbose, const char* name, const char* event, const void* buffer,
+               const void* hcamera) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-28s %s Buffer=0x" KIVCAM_PTR ", HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
+            event, Ptr(buffer), Ptr(hcamera), KIVCAM_ID_ARGS);
+}
+
+void LogBufferError(bool verbose, const char* name, uint32_t error, const void* buffer,
+                    const void* hcamera) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose,
+            "%-28s Error=%d, Buffer=0x" KIVCAM_PTR ", HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
+            static_cast<int>(error), Ptr(buffer), Ptr(hcamera), KIVCAM_ID_ARGS);
+}
+
+void LogOpenUidStart(const char* name, uint64_t uid) {
+  if (!LogWanted(false)) return;
+  WriteLine(false, "%-28s Start Req UID=0x%08X %08X, " KIVCAM_IDS, name,
+            static_cast<unsigned>(uid >> 32), static_cast<unsigned>(uid & 0xFFFFFFFFu),
+            KIVCAM_ID_ARGS);
+}
+
+void LogOpenEnd(const char* name, const void* hcamera) {
+  if (!LogWanted(false)) return;
+  WriteLine(false, "%-28s End HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name, Ptr(hcamera),
+            KIVCAM_ID_ARGS);
+}
+
+void LogEvent(bool verbose, const char* op, const char* text) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-34s %s " KIVCAM_IDS, op, text, KIVCAM_ID_ARGS);
+}
+
+void LogDump(bool verbose, const char* op, const char* text, const void* value) {
+  if (!LogWanted(verbose)) return;
+  WriteLine(verbose, "%-34s %s DUMP=0x" KIVCAM_PTR ", " KIVCAM_IDS, op, text, Ptr(value),
+            KIVCAM_ID_ARGS);
+}
+
+void LogLoad(const char* text) {
+  if (!LogWanted(false)) return;
+  WriteLine(false, "%s ProcessID=%d\n", text, static_cast<int>(platform::ProcessId()));
+}
+
+}  // namespace kivcam::diag

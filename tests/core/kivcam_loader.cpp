@@ -1,0 +1,49 @@
+#include "kivcam_loader.h"
+
+#include <unistd.h>
+
+#include <climits>
+
+namespace kivtest {
+
+std::string BuildDir() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return ".";
+  exe[n] = '\0';
+  std::string path(exe);
+  path = path.substr(0, path.rfind('/'));  // .../build/bin
+  return path.substr(0, path.rfind('/'));
+}
+
+std::string LibraryPath() { return BuildDir() + "/lib/libkivcam.so"; }
+
+KivCamLibrary::KivCamLibrary() {
+  handle_ = dlopen(LibraryPath().c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle_) return;
+#define KIVTEST_BIND(name) name = Get<decltype(name)>(#name)
+  KIVTEST_BIND(KIVCAM_SetStructVersion);
+  KIVTEST_BIND(KIVCAM_GetLibraryRevision);
+  KIVTEST_BIND(KIVCAM_FreeLibrary);
+  KIVTEST_BIND(KIVCAM_GetLastError);
+  KIVTEST_BIND(KIVCAM_SetCallBack);
+  KIVTEST_BIND(KIVCAM_LogCommonAreaGet);
+#undef KIVTEST_BIND
+  RaiseEvent = Get<void (*)(uint32_t)>("kivcam_internal_raise_event");
+}
+
+KivCamLibrary::~KivCamLibrary() { Unload(); }
+
+bool KivCamLibrary::Unload() {
+  if (!handle_) return false;
+  dlclose(handle_);
+  handle_ = nullptr;
+  void* still = dlopen(LibraryPath().c_str(), RTLD_NOW | RTLD_NOLOAD);
+  if (still) {
+    dlclose(still);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace kivtest

@@ -1,0 +1,186 @@
+// The call log's writer rules, exercised on the writer code itself with a
+// reader that takes lines the way any monitor must.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <map>
+#include <regex>
+#include <string>
+
+#include "diag/call_log.h"
+#include "log_reader.h"
+#include "platform/platform.h"
+
+namespace {
+
+using kivcam::diag::kLogSlots;
+namespace diag = kivcam::diag;
+
+const std::regex kTime(R"(^\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}'\d{3}  )");
+
+// The part of a line after its time stamp, after checking the stamp's shape.
+std::string Body(const std::string& line) {
+  std::smatch m;
+  EXPECT_TRUE(std::regex_search(line, m, kTime)) << line;
+  return m.empty() ? line : line.substr(m.length(0));
+}
+
+std::string Ids() {
+  return "ThreadID=" + std::to_string(kivcam::platform::ThreadId()) +
+         ", ProcessID=" + std::to_string(kivcam::platform::ProcessId()) + "\n";
+}
+
+class CallLogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(reader_.Open());
+    reader_.SetLevel(0);
+    reader_.Take();
+    std::memset(reader_.area()->Line, 0, sizeof reader_.area()->Line);
+    diag::OpenCallLog();
+    if (diag::CurrentSharedData()) diag::CurrentSharedData()->MonitorProcessId = 0;
+  }
+  void TearDown() override {
+    reader_.SetLevel(0);
+    diag::CloseCallLog();
+  }
+  kivcam::monitor::LogReader reader_;
+};
+
+TEST_F(CallLogTest, LevelZeroWritesNothingAndVerboseNeedsLevelTwo) {
+  diag::LogEvent(false, "CTest::Op", "hidden");
+  EXPECT_EQ(reader_.area()->Pending, 0u);
+
+  reader_.SetLevel(1);
+  diag::LogEvent(true, "CTest::Op", "verbose at 1");
+  diag::LogEvent(false, "CTest::Op", "normal at 1");
+  reader_.SetLevel(2);
+  diag::LogEvent(true, "CTest::Op", "verbose at 2");
+  auto lines = reader_.Take();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("normal at 1"), std::string::npos);
+  EXPECT_NE(lines[1].find("verbose at 2"), std::string::npos);
+}
+
+TEST_F(CallLogTest, EveryLineFamilyHasItsExactLayout) {
+  reader_.SetLevel(1);
+  const void* cam = reinterpret_cast<const void*>(uintptr_t{0x7f12ab340010});
+  const void* buf = reinterpret_cast<const void*>(uintptr_t{0xABCDEF});
+  diag::LogExport(false, "KIVCAM_SetCallBack", "Start");
+  diag::LogExportError(false, "KIVCAM_SetStructVersion", 16);
+  diag::LogCamera(false, "KIVCAM_Close", "End  ", cam);
+  diag::LogCameraError(false, "KIVCAM_Close", 6, cam);
+  diag::LogConvHandle(false, "KIVCAM_CloseConvHandle", "Start", buf);
+  diag::LogBufferError(false, "KIVCAM_ImageFree", 12, buf, cam);
+  diag::LogOpenUidStart("KIVCAM_Open", 0x0000001234567890ULL);
+  diag::LogOpenEnd("KIVCAM_Open", cam);
+  diag::LogEvent(false, "CKivCamDLL::UserBusEvent", "BusReset Detection");
+  diag::LogDump(false, "CCamera::Test", "Value", buf);
+  diag::LogLoad("DLL ATTACH");
+  auto lines = reader_.Take();
+  ASSERT_EQ(lines.size(), 11u);
+  const std::string ids = Ids();
+  const std::string pid = "ProcessID=" + std::to_string(kivcam::platform::ProcessId()) + "\n";
+  EXPECT_EQ(Body(lines[0]), "KIVCAM_SetCallBack           Start " + ids);
+  EXPECT_EQ(Body(lines[1]), "KIVCAM_SetStructVersion      Error=16, " + ids);
+  EXPECT_EQ(Body(lines[2]), "KIVCAM_Close                 End   HCAMERA=0x00007F12AB340010, " + ids);
+  EXPECT_EQ(Body(lines[3]), "KIVCAM_Close                 Error=6, HCAMERA=0x00007F12AB340010, " + ids);
+  EXPECT_EQ(Body(lines[4]), "KIVCAM_CloseConvHandle       Start HCTBL=0x0000000000ABCDEF, " + ids);
+  EXPECT_EQ(Body(lines[5]),
+            "KIVCAM_ImageFree             Error=12, Buffer=0x0000000000ABCDEF, "
+            "HCAMERA=0x00007F12AB340010, " + ids);
+  EXPECT_EQ(Body(lines[6]), "KIVCAM_Open                  Start Req UID=0x00000012 34567890, " + ids);
+  EXPECT_EQ(Body(lines[7]), "KIVCAM_Open                  End HCAMERA=0x00007F12AB340010, " + ids);
+  EXPECT_EQ(Body(lines[8]), "CKivCamDLL::UserBusEvent           BusReset Detection " + ids);
+  EXPECT_EQ(Body(lines[9]), "CCamera::Test                      Value DUMP=0x0000000000ABCDEF, " + ids);
+  EXPECT_EQ(Body(lines[10]), "DLL ATTACH " + pid);
+}
+
+TEST_F(CallLogTest, FullLogDropsLinesUntilTheReaderTakesThem) {
+  reader_.SetLevel(1);
+  for (unsigned i = 0; i < kLogSlots + 1; ++i) {
+    diag::WriteLine(false, "line %u\n", i);
+  }
+  EXPECT_EQ(reader_.area()->Pending, kLogSlots);
+  auto lines = reader_.Take();
+  ASSERT_EQ(lines.size(), kLogSlots);
+  EXPECT_EQ(Body(lines[31]), "line 31\n");  // the 33rd never made it
+
+  diag::WriteLine(false, "after reset\n");
+  ASSERT_EQ(reader_.area()->Pending, 1u);
+  EXPECT_EQ(Body(std::string(reader_.area()->Line[0])), "after reset\n");
+}
+
+TEST_F(CallLogTest, LongLineIsCutToItsSlot) {
+  reader_.SetLevel(1);
+  std::string text(3000, 'x');
+  diag::WriteLine(false, "%s\n", text.c_str());
+  const char* slot = reader_.area()->Line[0];
+  EXPECT_EQ(strnlen(slot, diag::kLogSlotSize), diag::kLogSlotSize - 1);
+  EXPECT_EQ(reader_.area()->Line[1][0], '\0');  // nothing spilled into the next slot
+}
+
+TEST_F(CallLogTest, MonitorProcessWritesNothing) {
+  ASSERT_NE(diag::CurrentSharedData(), nullptr);
+  reader_.SetLevel(1);
+  diag::CurrentSharedData()->MonitorProcessId = kivcam::platform::ProcessId();
+  diag::LogEvent(false, "CTest::Op", "from the monitor");
+  EXPECT_EQ(reader_.area()->Pending, 0u);
+  diag::CurrentSharedData()->MonitorProcessId = kivcam::platform::ProcessId() + 1;
+  diag::LogEvent(false, "CTest::Op", "from someone else");
+  EXPECT_EQ(reader_.area()->Pending, 1u);
+}
+
+TEST_F(CallLogTest, SharedDataCarriesTheBuildDate) {
+  ASSERT_NE(diag::CurrentSharedData(), nullptr);
+  std::string date = diag::CurrentSharedData()->BuildDate;
+  EXPECT_TRUE(std::regex_match(date, std::regex(R"([A-Z][a-z]{2} [ 123]\d \d{4})"))) << date;
+}
+
+// Two processes writing at once: every slot holds one whole line, the slots
+// are consecutive, and each writer's lines keep their order.
+TEST_F(CallLogTest, TwoProcessesFillConsecutiveWholeSlots) {
+  reader_.SetLevel(1);
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  pid_t children[2];
+  for (int c = 0; c < 2; ++c) {
+    children[c] = fork();
+    ASSERT_GE(children[c], 0);
+    if (children[c] == 0) {
+      char b;
+      close(go[1]);
+      if (read(go[0], &b, 1) != 1) _exit(2);
+      for (int i = 0; i < 16; ++i) {
+        diag::WriteLine(false, "writer %d line %02d %s\n", c, i, std::string(200, 'a' + c).c_str());
+      }
+      _exit(0);
+    }
+  }
+  close(go[0]);
+  ASSERT_EQ(write(go[1], "gg", 2), 2);
+  close(go[1]);
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  auto lines = reader_.Take();
+  ASSERT_EQ(lines.size(), kLogSlots);
+  std::map<int, int> next;
+  const std::regex shape(R"(writer ([01]) line (\d\d) (a{200}|b{200})\n)");
+  for (const std::string& l : lines) {
+    std::smatch m;
+    std::string body = Body(l);
+    ASSERT_TRUE(std::regex_match(body, m, shape)) << body;
+    int writer = std::stoi(m[1]);
+    EXPECT_EQ(m[3].str()[0], 'a' + writer);
+    EXPECT_EQ(std::stoi(m[2]), next[writer]++);
+  }
+  EXPECT_EQ(next[0], 16);
+  EXPECT_EQ(next[1], 16);
+}
+
+}  // namespace

@@ -1,0 +1,398 @@
+// The library as a host sees it: loaded with dlopen, driven through its
+// exports, observed through the shared call log and the process-ID table.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "core/process_table.h"
+#include "kivcam_loader.h"
+#include "log_reader.h"
+#include "platform/platform.h"
+
+namespace {
+
+using kivtest::KivCamLibrary;
+namespace platform = kivcam::platform;
+
+const std::regex kTime(R"(^\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}'\d{3}  )");
+
+std::string Body(const std::string& line) {
+  std::smatch m;
+  if (!std::regex_search(line, m, kTime)) return "BAD TIME: " + line;
+  return line.substr(m.length(0));
+}
+
+std::string Ids() {
+  return "ThreadID=" + std::to_string(platform::ThreadId()) +
+         ", ProcessID=" + std::to_string(platform::ProcessId()) + "\n";
+}
+
+std::vector<std::string> Bodies(const std::vector<std::string>& lines) {
+  std::vector<std::string> out;
+  for (const auto& l : lines) out.push_back(Body(l));
+  return out;
+}
+
+bool Contains(const std::vector<std::string>& lines, const std::string& text) {
+  for (const auto& l : lines) {
+    if (l.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+class LibraryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(log_.Open());
+    log_.Take();  // whatever earlier tests of this process left
+  }
+  void TearDown() override { log_.SetLevel(0); }
+  kivcam::monitor::LogReader log_;
+};
+
+TEST_F(LibraryTest, StructureVersionOnlyRisesAndIsBounded) {
+  KivCamLibrary lib;
+  ASSERT_TRUE(lib.loaded());
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_TRUE);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(10107), KIVCAM_FALSE);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 16u);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 16u);  // reading does not clear it
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(10106), KIVCAM_TRUE);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(10102), KIVCAM_FALSE);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 16u);
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(10106), KIVCAM_TRUE);
+}
+
+TEST_F(LibraryTest, RevisionClearsTheLastError) {
+  KivCamLibrary lib;
+  ASSERT_EQ(lib.KIVCAM_SetStructVersion(20000), KIVCAM_FALSE);
+  ASSERT_EQ(lib.KIVCAM_GetLastError(), 16u);
+  EXPECT_EQ(lib.KIVCAM_GetLibraryRevision(), 10106u);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
+}
+
+TEST_F(LibraryTest, LastErrorBelongsToTheCallingThread) {
+  KivCamLibrary lib;
+  uint32_t seen_by_a = 0, seen_by_b = 99;
+  std::mutex m;
+  std::condition_variable cv;
+  int step = 0;
+  std::thread a([&] {
+    EXPECT_EQ(lib.KIVCAM_SetStructVersion(10107), KIVCAM_FALSE);
+    { std::lock_guard<std::mutex> g(m); step = 1; }
+    cv.notify_all();
+    std::unique_lock<std::mutex> g(m);
+    cv.wait(g, [&] { return step == 2; });
+    seen_by_a = lib.KIVCAM_GetLastError();
+  });
+  std::thread b([&] {
+    {
+      std::unique_lock<std::mutex> g(m);
+      cv.wait(g, [&] { return step == 1; });
+    }
+    EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_TRUE);
+    seen_by_b = lib.KIVCAM_GetLastError();
+    { std::lock_guard<std::mutex> g(m); step = 2; }
+    cv.notify_all();
+  });
+  a.join();
+  b.join();
+  EXPECT_EQ(seen_by_a, 16u);
+  EXPECT_EQ(seen_by_b, 0u);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);  // this thread never failed
+}
+
+TEST_F(LibraryTest, FrameLinesAreWrittenExactly) {
+  log_.SetLevel(1);
+  KivCamLibrary lib;
+  log_.Take();  // load lines
+  lib.KIVCAM_SetCallBack(nullptr, nullptr);
+  lib.KIVCAM_SetStructVersion(10107);
+  lib.KIVCAM_GetLibraryRevision();  // writes nothing
+  lib.KIVCAM_GetLastError();        // writes nothing
+  auto lines = Bodies(log_.Take());
+  const std::string ids = Ids();
+  std::vector<std::string> expected = {
+      "KIVCAM_SetCallBack           Start " + ids,
+      "KIVCAM_SetCallBack           End   " + ids,
+      "KIVCAM_SetStructVersion      Start " + ids,
+      "KIVCAM_SetStructVersion      Error=16, " + ids,
+      "KIVCAM_SetStructVersion      End   " + ids,
+  };
+  EXPECT_EQ(lines, expected);
+}
+
+TEST_F(LibraryTest, LoadAndUnloadLinesAndRealUnload) {
+  log_.SetLevel(1);
+  for (int round = 0; round < 2; ++round) {
+    KivCamLibrary lib;
+    ASSERT_TRUE(lib.loaded());
+    ASSERT_TRUE(lib.Unload()) << "the library stayed in the process";
+  }
+  auto lines = Bodies(log_.Take());
+  const std::string pid = "ProcessID=" + std::to_string(platform::ProcessId()) + "\n";
+  std::vector<std::string> loads;
+  for (const auto& l : lines) {
+    if (l.rfind("DLL ", 0) == 0) loads.push_back(l);
+  }
+  std::vector<std::string> expected = {"DLL ATTACH " + pid, "DLL DETACH " + pid,
+                                       "DLL ATTACH " + pid, "DLL DETACH " + pid};
+  EXPECT_EQ(loads, expected);
+  // The callback thread starts and ends with each library object.
+  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    Start "));
+  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    End   "));
+}
+
+TEST_F(LibraryTest, LevelZeroLeavesTheLogUntouched) {
+  log_.SetLevel(0);
+  log_.Take();
+  KivCamLibrary lib;
+  lib.KIVCAM_SetCallBack(nullptr, nullptr);
+  lib.KIVCAM_SetStructVersion(10107);
+  EXPECT_EQ(log_.area()->Pending, 0u);
+}
+
+class ProcessTableTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mapping_ = platform::SharedMapping::CreateOrOpen(KIVCAM_PROCESS_TABLE_NAME,
+                                                     kivcam::core::kProcessTableSize);
+    ASSERT_TRUE(mapping_);
+    table_ = static_cast<kivcam::core::ProcessTable*>(mapping_->data());
+  }
+  std::unique_ptr<platform::SharedMapping> mapping_;
+  kivcam::core::ProcessTable* table_ = nullptr;
+};
+
+TEST_F(ProcessTableTest, LoadRegistersAndUnloadRemovesKeepingOrder) {
+  table_->Count = 3;
+  table_->ProcessId[0] = 11;
+  table_->ProcessId[1] = 22;
+  table_->ProcessId[2] = 33;
+  auto event = platform::NamedEvent::CreateOrOpen(KIVCAM_PROCESS_EVENT_NAME);
+  ASSERT_TRUE(event);
+  while (event->Wait(0)) {}
+  {
+    KivCamLibrary lib;
+    ASSERT_EQ(table_->Count, 4u);
+    EXPECT_EQ(table_->ProcessId[3], platform::ProcessId());
+    EXPECT_TRUE(event->Wait(0));  // every change is announced
+    table_->ProcessId[3] = 22;         // move our entry into the middle
+    table_->ProcessId[1] = platform::ProcessId();
+  }
+  EXPECT_EQ(table_->Count, 3u);
+  EXPECT_EQ(table_->ProcessId[0], 11u);
+  EXPECT_EQ(table_->ProcessId[1], 33u);
+  EXPECT_EQ(table_->ProcessId[2], 22u);
+  EXPECT_TRUE(event->Wait(0));
+}
+
+TEST_F(ProcessTableTest, FullTableLeavesTheProcessOutAndUnchanged) {
+  table_->Count = 256;
+  for (uint32_t i = 0; i < 256; ++i) table_->ProcessId[i] = 1000 + i;
+  {
+    KivCamLibrary lib;
+    EXPECT_EQ(table_->Count, 256u);
+    EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_TRUE);  // the library works all the same
+  }
+  EXPECT_EQ(table_->Count, 256u);
+  for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(table_->ProcessId[i], 1000 + i);
+}
+
+// ---- bus-event callbacks ------------------------------------------------------
+
+struct CallbackLog {
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<std::pair<uint32_t, void*>> calls;
+  bool block_first = false;
+  bool release = false;
+  bool returned = false;
+
+  static void Fn(uint32_t event, void* context);
+  void WaitFor(size_t n) {
+    std::unique_lock<std::mutex> g(m);
+    ASSERT_TRUE(cv.wait_for(g, std::chrono::seconds(10), [&] { return calls.size() >= n; }));
+  }
+  void Release() {
+    std::lock_guard<std::mutex> g(m);
+    release = true;
+    cv.notify_all();
+  }
+};
+
+CallbackLog* g_calls = nullptr;
+
+void CallbackLog::Fn(uint32_t event, void* context) {
+  std::unique_lock<std::mutex> g(g_calls->m);
+  g_calls->calls.emplace_back(event, context);
+  g_calls->cv.notify_all();
+  if (g_calls->block_first && g_calls->calls.size() == 1) {
+    g_calls->cv.wait(g, [] { return g_calls->release; });
+  }
+  g_calls->returned = true;
+}
+
+class CallbackTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    g_calls = &calls_;
+  }
+  void TearDown() override {
+    LibraryTest::TearDown();
+    g_calls = nullptr;
+  }
+  CallbackLog calls_;
+};
+
+TEST_F(CallbackTest, WithoutAFunctionTheBusResetIsOnlyLogged) {
+  log_.SetLevel(1);
+  KivCamLibrary lib;
+  ASSERT_NE(lib.RaiseEvent, nullptr);
+  lib.RaiseEvent(1);
+  lib.Unload();
+  auto lines = log_.Take();
+  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserBusEvent           BusReset Detection"));
+  EXPECT_FALSE(Contains(lines, "BusReset User Proc Start"));
+}
+
+TEST_F(CallbackTest, PendingHappeningsArriveBusResetFirstOncePerKind) {
+  log_.SetLevel(1);
+  KivCamLibrary lib;
+  int ctx = 0;
+  calls_.block_first = true;
+  lib.KIVCAM_SetCallBack(&ctx, &CallbackLog::Fn);
+  lib.RaiseEvent(1);
+  calls_.WaitFor(1);  // the thread is inside the first callback
+  lib.RaiseEvent(2);  // power-up first, then two bus resets: all pending together
+  lib.RaiseEvent(1);
+  lib.RaiseEvent(1);
+  calls_.Release();
+  calls_.WaitFor(3);
+  lib.Unload();
+  ASSERT_EQ(calls_.calls.size(), 3u);
+  EXPECT_EQ(calls_.calls[0], std::make_pair(1u, static_cast<void*>(&ctx)));
+  EXPECT_EQ(calls_.calls[1], std::make_pair(1u, static_cast<void*>(&ctx)));
+  EXPECT_EQ(calls_.calls[2], std::make_pair(2u, static_cast<void*>(&ctx)));
+  auto lines = Bodies(log_.Take());
+  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    BusReset User Proc Start "));
+  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    BusReset User Proc End   "));
+  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    PowerWakeUP User Proc End   "));
+}
+
+TEST_F(CallbackTest, NullFunctionStopsCallbacksAndANewOneSeesOnlyNewHappenings) {
+  KivCamLibrary lib;
+  int first = 1, second = 2;
+  lib.KIVCAM_SetCallBack(&first, &CallbackLog::Fn);
+  lib.RaiseEvent(1);
+  calls_.WaitFor(1);
+  lib.KIVCAM_SetCallBack(nullptr, nullptr);
+  EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
+  lib.RaiseEvent(1);  // dropped: nobody to tell
+  lib.RaiseEvent(2);
+  lib.KIVCAM_SetStructVersion(0);
+  lib.Unload();  // the thread has consumed (or drops) everything before it ends
+  ASSERT_EQ(calls_.calls.size(), 1u);
+
+  KivCamLibrary again;
+  again.KIVCAM_SetCallBack(&second, &CallbackLog::Fn);
+  again.RaiseEvent(2);
+  calls_.WaitFor(2);
+  ASSERT_EQ(calls_.calls.size(), 2u);
+  EXPECT_EQ(calls_.calls[1], std::make_pair(2u, static_cast<void*>(&second)));
+}
+
+TEST_F(CallbackTest, UnloadWaitsForARunningCallback) {
+  auto lib = std::make_unique<KivCamLibrary>();
+  int ctx = 0;
+  calls_.block_first = true;
+  lib->KIVCAM_SetCallBack(&ctx, &CallbackLog::Fn);
+  lib->RaiseEvent(1);
+  calls_.WaitFor(1);
+  std::atomic<bool> unloaded{false};
+  std::atomic<bool> returned_before_unload{false};
+  std::thread unloader([&] {
+    lib->Unload();
+    std::lock_guard<std::mutex> g(calls_.m);
+    returned_before_unload = calls_.returned;
+    unloaded = true;
+  });
+  // Give the unload a head start; the assertion below holds whatever the timing.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(unloaded.load());
+  calls_.Release();
+  unloader.join();
+  EXPECT_TRUE(returned_before_unload.load());
+}
+
+TEST_F(LibraryTest, FreeLibraryThenUnloadDestroysNothingTwice) {
+  KivCamLibrary lib;
+  lib.KIVCAM_FreeLibrary();
+  lib.KIVCAM_FreeLibrary();  // a second call finds nothing to destroy
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_FALSE);  // no library object any more
+  EXPECT_EQ(lib.KIVCAM_GetLibraryRevision(), 10106u);
+  EXPECT_TRUE(lib.Unload());
+}
+
+TEST_F(LibraryTest, LogCommonAreaGetSilencesOnlyTheMonitorProcess) {
+  log_.SetLevel(1);
+  KivCamLibrary lib;
+  log_.Take();
+  void* date = nullptr;
+  lib.KIVCAM_LogCommonAreaGet(platform::ProcessId(), &date);
+  ASSERT_NE(date, nullptr);
+  EXPECT_TRUE(std::regex_match(static_cast<const char*>(date),
+                               std::regex(R"([A-Z][a-z]{2} [ 123]\d \d{4})")));
+  // The library object is gone with its thread; nothing of this process is logged.
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_FALSE);
+  lib.Unload();
+  EXPECT_EQ(log_.Take().size(), 0u);
+
+  // Another process is the monitor now: this process logs again.
+  {
+    KivCamLibrary other;
+    void* ignored = nullptr;
+    other.KIVCAM_LogCommonAreaGet(platform::ProcessId() + 1, &ignored);
+  }
+  EXPECT_TRUE(Contains(log_.Take(), "DLL DETACH"));
+}
+
+TEST_F(LibraryTest, MonitorProgramIsStartedAtLoad) {
+  std::string dir = testing::TempDir() + "kivmon" + std::to_string(platform::ProcessId());
+  mkdir(dir.c_str(), 0700);
+  std::string script = dir + "/monitor.sh";
+  std::string marker = dir + "/started";
+  {
+    std::ofstream s(script);
+    s << "#!/bin/sh\necho started > '" << marker << ".tmp' && mv '" << marker << ".tmp' '" << marker
+      << "'\n";
+  }
+  chmod(script.c_str(), 0700);
+  setenv("KIVCAM_MONITORPATH", script.c_str(), 1);
+  { KivCamLibrary lib; }
+  unsetenv("KIVCAM_MONITORPATH");
+  // The monitor runs on its own; wait (bounded) for its mark.
+  bool seen = false;
+  for (int i = 0; i < 500 && !seen; ++i) {
+    seen = platform::FileExists(marker);
+    if (!seen) platform::SleepMs(20);
+  }
+  EXPECT_TRUE(seen);
+  unlink(marker.c_str());
+  unlink(script.c_str());
+  rmdir(dir.c_str());
+}
+
+}  // namespace
