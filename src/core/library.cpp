@@ -10,6 +10,9 @@
 #include "diag/call_log.h"
 #include "platform/platform.h"
 
+extern "C" int __cxa_atexit(void (*fn)(void*), void* arg, void* dso);
+extern "C" void* __dso_handle;
+
 namespace kivcam::core {
 
 namespace {
@@ -21,7 +24,7 @@ platform::NamedMutex* g_filter_mutex = nullptr;
 // library's destructor, at a dynamic unload after it.
 volatile bool g_process_ending = false;
 
-void OnProcessExit() { g_process_ending = true; }
+void OnProcessExit(void*) { g_process_ending = true; }
 
 void StartMonitor() {
   std::string path = platform::MonitorPath();
@@ -29,7 +32,9 @@ void StartMonitor() {
 }
 
 __attribute__((constructor)) void LibraryAttach() {
-  std::atexit(OnProcessExit);
+  // Tied to this library, so that a dynamic unload removes the handler
+  // (plain atexit can lose that tie under some runtimes).
+  __cxa_atexit(OnProcessExit, nullptr, &__dso_handle);
   char name[256];
   std::snprintf(name, sizeof name, "%s_%d_%d", "KIVCAMOutFilterMutex_Orvanta",
                 static_cast<int>(platform::ProcessId()), 3);

@@ -2,6 +2,8 @@
 // exports, observed through the shared call log and the process-ID table.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <csignal>
 #include <unistd.h>
 
 #include <atomic>
@@ -335,6 +337,45 @@ TEST_F(CallbackTest, UnloadWaitsForARunningCallback) {
   calls_.Release();
   unloader.join();
   EXPECT_TRUE(returned_before_unload.load());
+}
+
+// At process exit the library leaves its objects to the system and waits for
+// nothing, not even a callback that never returns; it still says goodbye.
+TEST_F(CallbackTest, ProcessExitDoesNotWaitForARunningCallback) {
+  log_.SetLevel(1);
+  int entered[2];
+  ASSERT_EQ(pipe(entered), 0);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    static int fd;
+    fd = entered[1];
+    KivCamLibrary* lib = new KivCamLibrary;  // never unloaded: the process just ends
+    lib->KIVCAM_SetCallBack(nullptr, [](uint32_t, void*) {
+      char b = 'x';
+      if (write(fd, &b, 1) != 1) _exit(3);
+      for (;;) pause();
+    });
+    lib->RaiseEvent(1);
+    char b;
+    if (read(entered[0], &b, 1) != 1) _exit(2);
+    std::exit(0);
+  }
+  close(entered[1]);
+  int status = -1;
+  bool ended = false;
+  for (int i = 0; i < 1000 && !ended; ++i) {  // bounded: a hang fails, not blocks, the suite
+    ended = waitpid(child, &status, WNOHANG) == child;
+    if (!ended) platform::SleepMs(10);
+  }
+  if (!ended) {
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+  }
+  close(entered[0]);
+  ASSERT_TRUE(ended) << "exit() hung on the callback thread";
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(Contains(log_.Take(), "DLL DETACH ProcessID=" + std::to_string(child) + "\n"));
 }
 
 TEST_F(LibraryTest, FreeLibraryThenUnloadDestroysNothingTwice) {
