@@ -52,6 +52,7 @@ void OnFailure(core::CKivCamDLL& lib, const Frame& f, const char* text);
 // the End line closes the call whatever happened (exports without result).
 template <typename Work>
 bool Run(const Frame& f, Work&& work, bool always_end = false) {
+  core::ArmExitDetection();
   core::CKivCamDLL* lib = core::Library();
   if (!lib) return false;  // after KIVCAM_FreeLibrary: nothing to call into
   f.Start();

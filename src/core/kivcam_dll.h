@@ -83,6 +83,8 @@ class CKivCamDLL {
 CKivCamDLL* Library();
 // Destroys the library object (if any) and clears the pointer.
 void DestroyLibrary();
+// Makes sure process exit is told apart from a dynamic unload; every export calls it.
+void ArmExitDetection();
 
 // Declared structure version; read and written under the API lock.
 uint32_t StructVersion();

@@ -31,10 +31,14 @@ void StartMonitor() {
   if (path.size() > 1) platform::StartProcess(path);  // failures are not reported
 }
 
+std::atomic<bool> g_exit_handler_late{false};
+
+// Tied to this library, so that a dynamic unload removes the handler (plain
+// atexit can lose that tie under some runtimes).
+void RegisterExitHandler() { __cxa_atexit(OnProcessExit, nullptr, &__dso_handle); }
+
 __attribute__((constructor)) void LibraryAttach() {
-  // Tied to this library, so that a dynamic unload removes the handler
-  // (plain atexit can lose that tie under some runtimes).
-  __cxa_atexit(OnProcessExit, nullptr, &__dso_handle);
+  RegisterExitHandler();
   char name[256];
   std::snprintf(name, sizeof name, "%s_%d_%d", "KIVCAMOutFilterMutex_Orvanta",
                 static_cast<int>(platform::ProcessId()), 3);
@@ -69,6 +73,17 @@ __attribute__((destructor)) void LibraryDetach() {
 }  // namespace
 
 CKivCamDLL* Library() { return g_library.load(std::memory_order_acquire); }
+
+void ArmExitDetection() {
+  // Exit handlers run in reverse order of registration. Registered at load,
+  // ours can come before the loader's own finaliser (a library linked at
+  // start-up) and so would run too late; one more registration from the
+  // first call, made once the program runs, always runs before it.
+  if (!g_exit_handler_late.load(std::memory_order_relaxed) &&
+      !g_exit_handler_late.exchange(true)) {
+    RegisterExitHandler();
+  }
+}
 
 void DestroyLibrary() {
   CKivCamDLL* lib = g_library.exchange(nullptr);

@@ -111,12 +111,13 @@ int main(int argc, char** argv) {
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
 
+  reader.SetLevel(opt.level);
   if (!opt.once) {
+    // Printed once the level is set: from here on every line is seen.
     std::printf("kivcam-monitor: level %u, library built %s; Ctrl-C ends\n", opt.level,
                 build_date ? static_cast<const char*>(build_date) : "?");
     std::fflush(stdout);
   }
-  reader.SetLevel(opt.level);
   // The event wakes us for new lines; the short timeout is the fallback
   // poll and lets Ctrl-C end the loop promptly.
   while (!g_stop && !opt.once) {
