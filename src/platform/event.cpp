@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ctime>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -22,56 +23,65 @@ uint64_t MonotonicMs() {
   return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
 }
 
-bool Readable(int fd) {
-  pollfd p{fd, POLLIN, 0};
-  int r;
-  do {
-    r = poll(&p, 1, 0);
-  } while (r < 0 && errno == EINTR);
-  return r > 0 && (p.revents & POLLIN);
-}
-
 // Windows allows at most this many objects in one wait; so do we, which keeps
 // the poll set on the stack.
 constexpr size_t kMaxWaitObjects = 64;
 
 }  // namespace
 
-// The eventfd counter is the state: non-zero means signalled. A read takes
-// the whole counter at once, so any number of Sets is consumed by one waiter.
+// The eventfd is readable exactly while the event is set. State and counter
+// change together under a small lock, which also orders whatever the setter
+// wrote before Set against what a waiter reads after its wait (a poll on a
+// manual-reset event would not tell a race detector that).
 struct Event::Impl {
   int fd = -1;
   bool manual = false;
+  bool set = false;
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+
+  void Signal() {
+    uint64_t one = 1;
+    ssize_t r;
+    do {
+      r = write(fd, &one, sizeof one);
+    } while (r < 0 && errno == EINTR);
+    set = true;
+  }
+  void Clear() {
+    uint64_t value;
+    ssize_t r;
+    do {
+      r = read(fd, &value, sizeof value);
+    } while (r < 0 && errno == EINTR);
+    set = false;
+  }
 };
 
 Event::Event(bool manual_reset, bool initially_set) : impl_(new Impl) {
   impl_->manual = manual_reset;
-  impl_->fd = eventfd(initially_set ? 1 : 0, EFD_NONBLOCK | EFD_CLOEXEC);
+  impl_->fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (impl_->fd >= 0 && initially_set) impl_->Signal();
 }
 
 Event::~Event() {
   if (impl_->fd >= 0) close(impl_->fd);
+  pthread_mutex_destroy(&impl_->lock);
 }
 
 bool Event::ok() const { return impl_->fd >= 0; }
 
 void Event::Set() {
   if (impl_->fd < 0) return;
-  uint64_t one = 1;
-  // EAGAIN would mean a counter near overflow: the event is set anyway.
-  ssize_t r;
-  do {
-    r = write(impl_->fd, &one, sizeof one);
-  } while (r < 0 && errno == EINTR);
+  pthread_mutex_lock(&impl_->lock);
+  if (!impl_->set) impl_->Signal();  // a boolean, not a counter
+  pthread_mutex_unlock(&impl_->lock);
 }
 
 void Event::Reset() {
   if (impl_->fd < 0) return;
-  uint64_t value;
-  ssize_t r;
-  do {
-    r = read(impl_->fd, &value, sizeof value);
-  } while (r < 0 && errno == EINTR);
+  pthread_mutex_lock(&impl_->lock);
+  if (impl_->set) impl_->Clear();
+  pthread_mutex_unlock(&impl_->lock);
 }
 
 bool Event::Wait(uint32_t timeout_ms) {
@@ -83,13 +93,11 @@ int Event::PollFd() const { return impl_->fd; }
 
 bool Event::TryAcquire() {
   if (impl_->fd < 0) return false;
-  if (impl_->manual) return Readable(impl_->fd);
-  uint64_t value;
-  ssize_t r;
-  do {
-    r = read(impl_->fd, &value, sizeof value);
-  } while (r < 0 && errno == EINTR);
-  return r == static_cast<ssize_t>(sizeof value);
+  pthread_mutex_lock(&impl_->lock);
+  bool was_set = impl_->set;
+  if (was_set && !impl_->manual) impl_->Clear();
+  pthread_mutex_unlock(&impl_->lock);
+  return was_set;
 }
 
 int WaitAny(Waitable* const* objects, size_t count, uint32_t timeout_ms) {

@@ -13,6 +13,17 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#if defined(__SANITIZE_THREAD__)
+#define KIVCAM_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KIVCAM_TSAN 1
+#endif
+#endif
+#ifdef KIVCAM_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace kivcam::platform {
 
 namespace {
@@ -219,6 +230,14 @@ MutexWait NamedMutex::Wait(uint32_t timeout_ms) {
       until.tv_nsec -= 1000000000L;
     }
     r = pthread_mutex_timedlock(&b->mutex, &until);
+#ifdef KIVCAM_TSAN
+    // The race detector's timed lock does not count an abandoned mutex as
+    // taken, and would then report our unlock as one of an unlocked mutex.
+    if (r == EOWNERDEAD) {
+      __tsan_mutex_pre_lock(&b->mutex, __tsan_mutex_try_lock);
+      __tsan_mutex_post_lock(&b->mutex, __tsan_mutex_try_lock, 0);
+    }
+#endif
   }
   MutexWait result = MutexWait::kAcquired;
   if (r == EOWNERDEAD) {

@@ -25,10 +25,12 @@ bool StartProcess(const std::string& path) {
   // Double fork: the program becomes a child of init, so this process never
   // has to reap it and leaves no zombie. Only the short-lived middle process
   // is waited for, by its own pid, which disturbs no other child of the host.
+  // Everything the middle process needs is ready before the fork: in a
+  // threaded host it may do little more than start the program and exit.
+  char* argv[] = {const_cast<char*>(path.c_str()), nullptr};
   pid_t middle = fork();
   if (middle < 0) return false;
   if (middle == 0) {
-    char* argv[] = {const_cast<char*>(path.c_str()), nullptr};
     pid_t pid;
     int r = posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv, environ);
     _exit(r == 0 ? 0 : 127);

@@ -9,61 +9,50 @@
 
 namespace kivtest {
 
-// Upper bound on every wait for another process: reached only when something
-// is broken, so a fault fails the test instead of hanging it.
+// Bound on every wait for another party: reached only when something is
+// broken, so a fault fails the test instead of hanging it.
 constexpr int kBoundMs = 10000;
 
-// A one-way byte channel between a parent and its children.
-class Pipe {
- public:
+// One-way byte channel; Receive gives 0 when nothing came within the bound.
+struct Pipe {
+  int fd[2];
   Pipe() {
-    if (pipe(fd_) != 0) fd_[0] = fd_[1] = -1;
+    if (pipe(fd) != 0) fd[0] = fd[1] = -1;
   }
   ~Pipe() {
-    close(fd_[0]);
-    close(fd_[1]);
+    close(fd[0]);
+    close(fd[1]);
   }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-  void Send(char c) const { (void)!write(fd_[1], &c, 1); }
-  // The next byte, or 0 when none came within the bound.
+  void Send(char c) const { (void)!write(fd[1], &c, 1); }
   char Receive() const {
-    pollfd p{fd_[0], POLLIN, 0};
+    pollfd p{fd[0], POLLIN, 0};
     char c = 0;
-    if (poll(&p, 1, kBoundMs) <= 0 || read(fd_[0], &c, 1) != 1) return 0;
-    return c;
+    return poll(&p, 1, kBoundMs) > 0 && read(fd[0], &c, 1) == 1 ? c : 0;
   }
-
- private:
-  int fd_[2];
 };
 
-// A forked child that runs `body` and exits with its result. The body must
-// not use test assertions: it reports through its exit code.
+// A forked child that exits with the body's result; the body reports through
+// that code, never through test assertions.
 class ChildProcess {
  public:
   explicit ChildProcess(const std::function<int()>& body) : pid_(fork()) {
     if (pid_ == 0) _exit(body());
   }
   ~ChildProcess() { Join(); }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
   // The exit code; -1 when the child did not start or was killed.
   int Join() {
-    if (pid_ <= 0) return exit_code_;
     int status = 0;
-    pid_t r;
-    do {
-      r = waitpid(pid_, &status, 0);
-    } while (r < 0 && errno == EINTR);
+    pid_t r = -1;
+    while (pid_ > 0 && (r = waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
+    }
+    if (pid_ > 0) code_ = r > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     pid_ = -1;
-    exit_code_ = (r > 0 && WIFEXITED(status)) ? WEXITSTATUS(status) : -1;
-    return exit_code_;
+    return code_;
   }
 
  private:
   pid_t pid_;
-  int exit_code_ = -1;
+  int code_ = -1;
 };
 
 }  // namespace kivtest
