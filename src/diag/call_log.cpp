@@ -8,10 +8,17 @@
 namespace kivcam::diag {
 
 namespace {
+LogArea g_dummy_area{};
+}  // namespace
+
+namespace detail {
+LogArea* g_area = &g_dummy_area;
+}  // namespace detail
+using detail::g_area;
+
+namespace {
 
 // Level 0: a process whose log objects are missing writes nothing.
-LogArea g_dummy_area{};
-LogArea* g_area = &g_dummy_area;
 SharedData* g_shared = nullptr;
 
 // Raw pointers on purpose: at process exit the C++ static destructors run
@@ -58,7 +65,6 @@ void CloseCallLog() {
   g_event = nullptr;
 }
 
-LogArea* CurrentLogArea() { return g_area; }
 SharedData* CurrentSharedData() { return g_shared; }
 
 void WriteLineV(bool verbose, const char* fmt, va_list ap) {
@@ -100,81 +106,68 @@ void WriteLine(bool verbose, const char* fmt, ...) {
 #define KIVCAM_IDS "ThreadID=%d, ProcessID=%d\n"
 #define KIVCAM_ID_ARGS static_cast<int>(platform::ThreadId()), static_cast<int>(platform::ProcessId())
 
-void LogExport(bool verbose, const char* name, const char* event) {
-  if (!LogWanted(verbose)) return;
+void WriteExport(bool verbose, const char* name, const char* event) {
   WriteLine(verbose, "%-28s %s " KIVCAM_IDS, name, event, KIVCAM_ID_ARGS);
 }
 
-void LogExportError(bool verbose, const char* name, uint32_t error) {
-  if (!LogWanted(verbose)) return;
+void WriteExportError(bool verbose, const char* name, uint32_t error) {
   WriteLine(verbose, "%-28s Error=%d, " KIVCAM_IDS, name, static_cast<int>(error), KIVCAM_ID_ARGS);
 }
 
-void LogCamera(bool verbose, const char* name, const char* event, const void* hcamera) {
-  if (!LogWanted(verbose)) return;
+void WriteCamera(bool verbose, const char* name, const char* event, const void* hcamera) {
   WriteLine(verbose, "%-28s %s HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name, event, Ptr(hcamera),
             KIVCAM_ID_ARGS);
 }
 
-void LogCameraError(bool verbose, const char* name, uint32_t error, const void* hcamera) {
-  if (!LogWanted(verbose)) return;
+void WriteCameraError(bool verbose, const char* name, uint32_t error, const void* hcamera) {
   WriteLine(verbose, "%-28s Error=%d, HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
             static_cast<int>(error), Ptr(hcamera), KIVCAM_ID_ARGS);
 }
 
-void LogConvHandle(bool verbose, const char* name, const char* event, const void* hctbl) {
-  if (!LogWanted(verbose)) return;
+void WriteConvHandle(bool verbose, const char* name, const char* event, const void* hctbl) {
   WriteLine(verbose, "%-28s %s HCTBL=0x" KIVCAM_PTR ", " KIVCAM_IDS, name, event, Ptr(hctbl),
             KIVCAM_ID_ARGS);
 }
 
-void LogConvHandleError(bool verbose, const char* name, uint32_t error, const void* hctbl) {
-  if (!LogWanted(verbose)) return;
+void WriteConvHandleError(bool verbose, const char* name, uint32_t error, const void* hctbl) {
   WriteLine(verbose, "%-28s Error=%d, HCTBL=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
             static_cast<int>(error), Ptr(hctbl), KIVCAM_ID_ARGS);
 }
 
-void LogBuffer(bool verbose, const char* name, const char* event, const void* buffer,
+void WriteBuffer(bool verbose, const char* name, const char* event, const void* buffer,
                const void* hcamera) {
-  if (!LogWanted(verbose)) return;
   WriteLine(verbose, "%-28s %s Buffer=0x" KIVCAM_PTR ", HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
             event, Ptr(buffer), Ptr(hcamera), KIVCAM_ID_ARGS);
 }
 
-void LogBufferError(bool verbose, const char* name, uint32_t error, const void* buffer,
+void WriteBufferError(bool verbose, const char* name, uint32_t error, const void* buffer,
                     const void* hcamera) {
-  if (!LogWanted(verbose)) return;
   WriteLine(verbose,
             "%-28s Error=%d, Buffer=0x" KIVCAM_PTR ", HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name,
             static_cast<int>(error), Ptr(buffer), Ptr(hcamera), KIVCAM_ID_ARGS);
 }
 
-void LogOpenUidStart(const char* name, uint64_t uid) {
-  if (!LogWanted(false)) return;
+void WriteOpenUidStart(const char* name, uint64_t uid) {
   WriteLine(false, "%-28s Start Req UID=0x%08X %08X, " KIVCAM_IDS, name,
             static_cast<unsigned>(uid >> 32), static_cast<unsigned>(uid & 0xFFFFFFFFu),
             KIVCAM_ID_ARGS);
 }
 
-void LogOpenEnd(const char* name, const void* hcamera) {
-  if (!LogWanted(false)) return;
+void WriteOpenEnd(const char* name, const void* hcamera) {
   WriteLine(false, "%-28s End HCAMERA=0x" KIVCAM_PTR ", " KIVCAM_IDS, name, Ptr(hcamera),
             KIVCAM_ID_ARGS);
 }
 
-void LogEvent(bool verbose, const char* op, const char* text) {
-  if (!LogWanted(verbose)) return;
+void WriteEvent(bool verbose, const char* op, const char* text) {
   WriteLine(verbose, "%-34s %s " KIVCAM_IDS, op, text, KIVCAM_ID_ARGS);
 }
 
-void LogDump(bool verbose, const char* op, const char* text, const void* value) {
-  if (!LogWanted(verbose)) return;
+void WriteDump(bool verbose, const char* op, const char* text, const void* value) {
   WriteLine(verbose, "%-34s %s DUMP=0x" KIVCAM_PTR ", " KIVCAM_IDS, op, text, Ptr(value),
             KIVCAM_ID_ARGS);
 }
 
-void LogLoad(const char* text) {
-  if (!LogWanted(false)) return;
+void WriteLoad(const char* text) {
   WriteLine(false, "%s ProcessID=%d\n", text, static_cast<int>(platform::ProcessId()));
 }
 

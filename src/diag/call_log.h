@@ -24,19 +24,24 @@ void OpenCallLog();
 // Closes the handles; views stay mapped for the rest of the process.
 void CloseCallLog();
 
-LogArea* CurrentLogArea();
+namespace detail {
+extern LogArea* g_area;  // the shared area, or a private one of level 0
+}
+
+inline LogArea* CurrentLogArea() { return detail::g_area; }
 SharedData* CurrentSharedData();  // null when it could not be mapped
 
-// The one test every line makes before anything else: a single memory read.
+// The one test every line makes before anything else: a single memory read,
+// inlined at every call site.
 inline bool LogWanted(bool verbose) {
   // Read without the mutex: a new level takes effect at the next line.
-  uint32_t level = __atomic_load_n(&CurrentLogArea()->Level, __ATOMIC_RELAXED);
+  uint32_t level = __atomic_load_n(&detail::g_area->Level, __ATOMIC_RELAXED);
   return level != 0 && (!verbose || level >= 2);
 }
 
 // Formats "<local time>  " + fmt into the next slot. `fmt` is the part of the
 // line after the time; pointers must be passed through Ptr() and printed
-// with kPtrFmt so that they read like the Windows rendering.
+// with KIVCAM_PTR so that they read like the Windows rendering.
 void WriteLine(bool verbose, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void WriteLineV(bool verbose, const char* fmt, va_list ap);
 
@@ -47,21 +52,62 @@ inline unsigned long long Ptr(const void* p) {
 }
 
 // The line families of the library.
-void LogExport(bool verbose, const char* name, const char* event);
-void LogExportError(bool verbose, const char* name, uint32_t error);
-void LogCamera(bool verbose, const char* name, const char* event, const void* hcamera);
-void LogCameraError(bool verbose, const char* name, uint32_t error, const void* hcamera);
-void LogConvHandle(bool verbose, const char* name, const char* event, const void* hctbl);
-void LogConvHandleError(bool verbose, const char* name, uint32_t error, const void* hctbl);
-void LogBuffer(bool verbose, const char* name, const char* event, const void* buffer,
+void WriteExport(bool verbose, const char* name, const char* event);
+inline void LogExport(bool verbose, const char* name, const char* event) {
+  if (LogWanted(verbose)) WriteExport(verbose, name, event);
+}
+void WriteExportError(bool verbose, const char* name, uint32_t error);
+inline void LogExportError(bool verbose, const char* name, uint32_t error) {
+  if (LogWanted(verbose)) WriteExportError(verbose, name, error);
+}
+void WriteCamera(bool verbose, const char* name, const char* event, const void* hcamera);
+inline void LogCamera(bool verbose, const char* name, const char* event, const void* hcamera) {
+  if (LogWanted(verbose)) WriteCamera(verbose, name, event, hcamera);
+}
+void WriteCameraError(bool verbose, const char* name, uint32_t error, const void* hcamera);
+inline void LogCameraError(bool verbose, const char* name, uint32_t error, const void* hcamera) {
+  if (LogWanted(verbose)) WriteCameraError(verbose, name, error, hcamera);
+}
+void WriteConvHandle(bool verbose, const char* name, const char* event, const void* hctbl);
+inline void LogConvHandle(bool verbose, const char* name, const char* event, const void* hctbl) {
+  if (LogWanted(verbose)) WriteConvHandle(verbose, name, event, hctbl);
+}
+void WriteConvHandleError(bool verbose, const char* name, uint32_t error, const void* hctbl);
+inline void LogConvHandleError(bool verbose, const char* name, uint32_t error, const void* hctbl) {
+  if (LogWanted(verbose)) WriteConvHandleError(verbose, name, error, hctbl);
+}
+void WriteBuffer(bool verbose, const char* name, const char* event, const void* buffer,
                const void* hcamera);
-void LogBufferError(bool verbose, const char* name, uint32_t error, const void* buffer,
+inline void LogBuffer(bool verbose, const char* name, const char* event, const void* buffer,
+               const void* hcamera) {
+  if (LogWanted(verbose)) WriteBuffer(verbose, name, event, buffer, hcamera);
+}
+void WriteBufferError(bool verbose, const char* name, uint32_t error, const void* buffer,
                     const void* hcamera);
-void LogOpenUidStart(const char* name, uint64_t uid);
-void LogOpenEnd(const char* name, const void* hcamera);
+inline void LogBufferError(bool verbose, const char* name, uint32_t error, const void* buffer,
+                    const void* hcamera) {
+  if (LogWanted(verbose)) WriteBufferError(verbose, name, error, buffer, hcamera);
+}
+void WriteOpenUidStart(const char* name, uint64_t uid);
+inline void LogOpenUidStart(const char* name, uint64_t uid) {
+  if (LogWanted(false)) WriteOpenUidStart(name, uid);
+}
+void WriteOpenEnd(const char* name, const void* hcamera);
+inline void LogOpenEnd(const char* name, const void* hcamera) {
+  if (LogWanted(false)) WriteOpenEnd(name, hcamera);
+}
 // Internal operations are named "Class::Operation".
-void LogEvent(bool verbose, const char* op, const char* text);
-void LogDump(bool verbose, const char* op, const char* text, const void* value);
-void LogLoad(const char* text);  // "DLL ATTACH" / "DLL DETACH"
+void WriteEvent(bool verbose, const char* op, const char* text);
+inline void LogEvent(bool verbose, const char* op, const char* text) {
+  if (LogWanted(verbose)) WriteEvent(verbose, op, text);
+}
+void WriteDump(bool verbose, const char* op, const char* text, const void* value);
+inline void LogDump(bool verbose, const char* op, const char* text, const void* value) {
+  if (LogWanted(verbose)) WriteDump(verbose, op, text, value);
+}
+void WriteLoad(const char* text);
+inline void LogLoad(const char* text) {
+  if (LogWanted(false)) WriteLoad(text);
+}  // "DLL ATTACH" / "DLL DETACH"
 
 }  // namespace kivcam::diag
