@@ -113,6 +113,7 @@ struct System : EventSource {
   std::map<uint32_t, Interface*> open;
   std::thread watcher;
   std::atomic<bool> stop{false};
+  uint64_t seen[kMaxInterfaces] = {};  // interface events already handed out
 };
 
 struct DeliveryOverride {

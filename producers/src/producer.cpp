@@ -35,11 +35,7 @@ void InitState(SharedState& s, void* ctx) {
 // Watches machine-wide interface events for this process's open interfaces.
 void WatcherMain(System* sys) {
   SharedState* st = g_prod->st();
-  uint64_t seen[kMaxInterfaces];
-  {
-    SharedLock l(st);
-    std::copy(st->iface_event_seq, st->iface_event_seq + kMaxInterfaces, seen);
-  }
+  uint64_t* seen = sys->seen;
   for (;;) {
     std::vector<std::pair<uint32_t, uint32_t>> todo;
     {
@@ -344,6 +340,11 @@ GC_API TLOpen(TL_HANDLE* phTL) {
   auto* s = new System();
   g_prod->system = s;
   g_prod->live.insert(s);
+  {
+    // Events raised from now on reach this system's interfaces.
+    SharedLock l(g_prod->st());
+    std::copy(g_prod->st()->iface_event_seq, g_prod->st()->iface_event_seq + kMaxInterfaces, s->seen);
+  }
   s->watcher = std::thread(WatcherMain, s);
   *phTL = s;
   return GC_ERR_SUCCESS;

@@ -43,7 +43,8 @@ struct SharedState {
   uint32_t users;
   uint32_t camera_count;
   pthread_mutex_t mutex;
-  pthread_cond_t cond;
+  uint32_t wake_word;   // futex word: waiters sleep on it, Notify bumps it
+  uint32_t reserved_;
   uint64_t generation;  // bumped on every change a waiter may care about
   uint64_t iface_event_seq[kMaxInterfaces];
   uint32_t iface_event_code[kMaxInterfaces][16];  // ring of the last codes per interface
@@ -71,9 +72,11 @@ class SharedLock {
   ~SharedLock();
   SharedLock(const SharedLock&) = delete;
   SharedLock& operator=(const SharedLock&) = delete;
-  // Waits for a broadcast or until the absolute CLOCK_MONOTONIC deadline (ns); 0 = no limit.
+  // Waits for a Notify or until the absolute CLOCK_MONOTONIC deadline (ns); 0 = no limit.
+  // A futex rather than a process-shared condition variable: a waiter killed
+  // in its wait must not be able to block the others.
   void Wait(uint64_t deadline_ns);
-  void Notify();  // generation++ and broadcast
+  void Notify();  // generation++ and wake every waiter
 
  private:
   SharedState* s_;
