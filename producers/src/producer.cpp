@@ -57,6 +57,7 @@ void WatcherMain(System* sys) {
 }
 
 void StopWatcher(System* sys, std::unique_lock<std::mutex>& lock) {
+  g_prod->live.erase(sys);
   sys->stop = true;
   {
     SharedLock l(g_prod->st());
@@ -231,6 +232,10 @@ GC_ERROR DeviceInfo(uint32_t cam, DEVICE_INFO_CMD cmd, INFO_DATATYPE* t, void* b
 void CloseDevice(Device* d, std::unique_lock<std::mutex>& lock) {
   for (Stream* s : d->streams)
     if (s) CloseStream(s);
+  // Unreachable for other callers before the lock is let go for the join.
+  g_prod->live.erase(&d->port);
+  g_prod->live.erase(d);
+  d->iface->open.erase(d->cam);
   d->stop = true;
   {
     SharedLock l(g_prod->st());
@@ -255,9 +260,6 @@ void CloseDevice(Device* d, std::unique_lock<std::mutex>& lock) {
       }
     l.Notify();
   }
-  d->iface->open.erase(d->cam);
-  g_prod->live.erase(&d->port);
-  g_prod->live.erase(d);
   delete d;
 }
 
