@@ -76,6 +76,20 @@ std::vector<uint32_t> PluggedCameras(uint32_t iface) {
   return v;
 }
 
+// The cached list of an update: only the next update changes what the getters report.
+void UpdateList(std::vector<uint32_t>& listed, bool& updated, std::vector<uint32_t> now, bool8_t* pbChanged) {
+  bool changed = !updated || now != listed;
+  listed = std::move(now);
+  updated = true;
+  if (pbChanged) *pbChanged = changed;
+}
+
+GC_ERROR PutCount(const std::vector<uint32_t>& listed, uint32_t* count) {
+  if (BadPtr(count)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
+  *count = static_cast<uint32_t>(listed.size());
+  return GC_ERR_SUCCESS;
+}
+
 int FindCamera(const char* id) {
   if (BadPtr(id)) return -1;
   for (size_t i = 0; i < g_prod->devices.size(); ++i)
@@ -377,10 +391,7 @@ GC_API TLUpdateInterfaceList(TL_HANDLE hTL, bool8_t* pbChanged, uint64_t /*iTime
   if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
   std::vector<uint32_t> now;
   for (uint32_t i = 0; i < g_prod->world.interfaces.size(); ++i) now.push_back(i);
-  bool changed = !s->updated || now != s->listed;
-  s->listed = now;
-  s->updated = true;
-  if (pbChanged) *pbChanged = changed;
+  UpdateList(s->listed, s->updated, std::move(now), pbChanged);
   return GC_ERR_SUCCESS;
 }
 
@@ -388,9 +399,7 @@ GC_API TLGetNumInterfaces(TL_HANDLE hTL, uint32_t* piNumIfaces) {
   KIVSIM_ENTRY("TLGetNumInterfaces");
   System* s = Lookup<System>(hTL, ObjType::System);
   if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
-  if (BadPtr(piNumIfaces)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
-  *piNumIfaces = static_cast<uint32_t>(s->listed.size());
-  return GC_ERR_SUCCESS;
+  return PutCount(s->listed, piNumIfaces);
 }
 
 GC_API TLGetInterfaceID(TL_HANDLE hTL, uint32_t iIndex, char* sID, size_t* piSize) {
@@ -445,11 +454,7 @@ GC_API IFUpdateDeviceList(IF_HANDLE hIface, bool8_t* pbChanged, uint64_t /*iTime
   KIVSIM_ENTRY("IFUpdateDeviceList");
   Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
   if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
-  std::vector<uint32_t> now = PluggedCameras(i->index);
-  bool changed = !i->updated || now != i->listed;
-  i->listed = now;
-  i->updated = true;
-  if (pbChanged) *pbChanged = changed;
+  UpdateList(i->listed, i->updated, PluggedCameras(i->index), pbChanged);
   return GC_ERR_SUCCESS;
 }
 
@@ -457,9 +462,7 @@ GC_API IFGetNumDevices(IF_HANDLE hIface, uint32_t* piNumDevices) {
   KIVSIM_ENTRY("IFGetNumDevices");
   Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
   if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
-  if (BadPtr(piNumDevices)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
-  *piNumDevices = static_cast<uint32_t>(i->listed.size());
-  return GC_ERR_SUCCESS;
+  return PutCount(i->listed, piNumDevices);
 }
 
 GC_API IFGetDeviceID(IF_HANDLE hIface, uint32_t iIndex, char* sIDeviceID, size_t* piSize) {

@@ -65,7 +65,17 @@ bool ChildChannel(const char* role, Channel* ch) {
   return true;
 }
 
-using CrossProcess = ProducerTest;
+class CrossProcess : public ProducerTest {
+ protected:
+  // Registers the new-buffer event, queues `mem` as the only buffer and lets the stream run.
+  void StartOneBuffer(DS_HANDLE ds, std::vector<uint8_t>& mem, EVENT_HANDLE* ev, BUFFER_HANDLE* b) {
+    ASSERT_EQ(p.GCRegisterEvent(ds, EVENT_NEW_BUFFER, ev), GC_ERR_SUCCESS);
+    ASSERT_EQ(p.DSAnnounceBuffer(ds, mem.data(), mem.size(), nullptr, b), GC_ERR_SUCCESS);
+    ASSERT_EQ(p.DSQueueBuffer(ds, *b), GC_ERR_SUCCESS);
+    ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
+    ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
+  }
+};
 
 // Child role: holds camera 0 exclusively until told to let go.
 TEST_F(CrossProcess, HolderRole) {
@@ -129,13 +139,9 @@ TEST_F(CrossProcess, ControllerRole) {
   ASSERT_EQ(Write32(port, 0xA004, 8, true), GC_ERR_SUCCESS);
   ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_DESTINATION, 0xEF010101), GC_ERR_SUCCESS);
   EVENT_HANDLE ev;
-  ASSERT_EQ(p.GCRegisterEvent(ds, EVENT_NEW_BUFFER, &ev), GC_ERR_SUCCESS);
   std::vector<uint8_t> mem(4096);
   BUFFER_HANDLE b;
-  ASSERT_EQ(p.DSAnnounceBuffer(ds, mem.data(), mem.size(), nullptr, &b), GC_ERR_SUCCESS);
-  ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
-  ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
-  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
+  ASSERT_NO_FATAL_FAILURE(StartOneBuffer(ds, mem, &ev, &b));
   ASSERT_EQ(Write32(port, 0xA01C, 1, true), GC_ERR_SUCCESS);
   ch.Send('r');
   ASSERT_EQ(ch.Receive(), 'g');
@@ -160,13 +166,9 @@ TEST_F(CrossProcess, WatcherSeesTheControllersStream) {
   DS_HANDLE ds = Stream(d, 0);
   EXPECT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_DESTINATION, 1), GC_ERR_ACCESS_DENIED);
   EVENT_HANDLE ev;
-  ASSERT_EQ(p.GCRegisterEvent(ds, EVENT_NEW_BUFFER, &ev), GC_ERR_SUCCESS);
   std::vector<uint8_t> mem(4096);
   BUFFER_HANDLE b;
-  ASSERT_EQ(p.DSAnnounceBuffer(ds, mem.data(), mem.size(), nullptr, &b), GC_ERR_SUCCESS);
-  ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
-  ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
-  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
+  ASSERT_NO_FATAL_FAILURE(StartOneBuffer(ds, mem, &ev, &b));
   child.ch.Send('g');
   EVENT_NEW_BUFFER_DATA e;
   size_t n = sizeof e;

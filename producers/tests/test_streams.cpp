@@ -49,6 +49,15 @@ class Acquisition : public ProducerTest {
     EXPECT_EQ(n, 16u);
     return d;
   }
+  // Small Mono8 images with the packet block after the image; returns the block's offset.
+  uint32_t StartWithInfoBlock(size_t buffers) {
+    SetGeometry(64, 8, 0x01080001);
+    const uint32_t info = (payload + 15) / 8 * 8;
+    EXPECT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_INFO_OFFSET, info), GC_ERR_SUCCESS);
+    Announce(buffers, info + 1024);
+    Start();
+    return info;
+  }
   uint8_t* Data(BUFFER_HANDLE b) { return BufferInfo<uint8_t*>(ds, b, BUFFER_INFO_BASE); }
 
   uint32_t cam = 0;
@@ -68,11 +77,7 @@ class UsbAcquisition : public Acquisition {
 };
 
 TEST_F(Acquisition, OnDemandFramesCarryThePatternAndPacketBlock) {
-  SetGeometry(64, 8, 0x01080001);
-  const uint32_t info = (payload + 15) / 8 * 8;
-  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_INFO_OFFSET, info), GC_ERR_SUCCESS);
-  Announce(2, info + 1024);
-  Start();
+  const uint32_t info = StartWithInfoBlock(2);
   ASSERT_EQ(p.kivsim_deliver(cam, 2), 0);
   for (uint64_t frame = 0; frame < 2; ++frame) {
     EVENT_NEW_BUFFER_DATA e = Next();
@@ -220,11 +225,7 @@ TEST_F(Acquisition, UnregisteringReleasesWaitersAndDeliveredBuffers) {
 }
 
 TEST_F(Acquisition, DeliveryStatusesAndTooSmallBuffers) {
-  SetGeometry(64, 8, 0x01080001);
-  const uint32_t info = (payload + 15) / 8 * 8;
-  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_INFO_OFFSET, info), GC_ERR_SUCCESS);
-  Announce(3, info + 1024);
-  Start();
+  const uint32_t info = StartWithInfoBlock(3);
   ASSERT_EQ(p.kivsim_set_delivery_status(cam, KIVSIM_STATUS_INFO, 0, 0, 1), 0);
   ASSERT_EQ(p.kivsim_deliver(cam, 1), 0);
   EVENT_NEW_BUFFER_DATA e = Next();
