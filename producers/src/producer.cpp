@@ -368,8 +368,7 @@ GC_API TLOpen(TL_HANDLE* phTL) {
 
 GC_API TLClose(TL_HANDLE hTL) {
   KIVSIM_ENTRY("TLClose");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   while (!s->open.empty()) CloseInterface(s->open.begin()->second, lock);
   StopWatcher(s, lock);
   DropEvents(s);
@@ -387,8 +386,7 @@ GC_API TLGetInfo(TL_HANDLE hTL, TL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, voi
 
 GC_API TLUpdateInterfaceList(TL_HANDLE hTL, bool8_t* pbChanged, uint64_t /*iTimeout*/) {
   KIVSIM_ENTRY("TLUpdateInterfaceList");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   std::vector<uint32_t> now;
   for (uint32_t i = 0; i < g_prod->world.interfaces.size(); ++i) now.push_back(i);
   UpdateList(s->listed, s->updated, std::move(now), pbChanged);
@@ -397,15 +395,13 @@ GC_API TLUpdateInterfaceList(TL_HANDLE hTL, bool8_t* pbChanged, uint64_t /*iTime
 
 GC_API TLGetNumInterfaces(TL_HANDLE hTL, uint32_t* piNumIfaces) {
   KIVSIM_ENTRY("TLGetNumInterfaces");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   return PutCount(s->listed, piNumIfaces);
 }
 
 GC_API TLGetInterfaceID(TL_HANDLE hTL, uint32_t iIndex, char* sID, size_t* piSize) {
   KIVSIM_ENTRY("TLGetInterfaceID");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   if (iIndex >= s->listed.size()) return SetError(GC_ERR_INVALID_INDEX, "Interface index out of range");
   return PutString(g_prod->world.interfaces[s->listed[iIndex]].id, nullptr, sID, piSize);
 }
@@ -421,8 +417,7 @@ GC_API TLGetInterfaceInfo(TL_HANDLE hTL, const char* sIfaceID, INTERFACE_INFO_CM
 
 GC_API TLOpenInterface(TL_HANDLE hTL, const char* sIfaceID, IF_HANDLE* phIface) {
   KIVSIM_ENTRY("TLOpenInterface");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   if (BadPtr(phIface)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   int index = FindInterface(sIfaceID);
   if (index < 0) return SetError(GC_ERR_INVALID_ID, "Unknown interface ID");
@@ -437,38 +432,33 @@ GC_API TLOpenInterface(TL_HANDLE hTL, const char* sIfaceID, IF_HANDLE* phIface) 
 
 GC_API IFClose(IF_HANDLE hIface) {
   KIVSIM_ENTRY("IFClose");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   CloseInterface(i, lock);
   return GC_ERR_SUCCESS;
 }
 
 GC_API IFGetInfo(IF_HANDLE hIface, INTERFACE_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("IFGetInfo");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   return InterfaceInfo(i->index, iInfoCmd, piType, pBuffer, piSize);
 }
 
 GC_API IFUpdateDeviceList(IF_HANDLE hIface, bool8_t* pbChanged, uint64_t /*iTimeout*/) {
   KIVSIM_ENTRY("IFUpdateDeviceList");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   UpdateList(i->listed, i->updated, PluggedCameras(i->index), pbChanged);
   return GC_ERR_SUCCESS;
 }
 
 GC_API IFGetNumDevices(IF_HANDLE hIface, uint32_t* piNumDevices) {
   KIVSIM_ENTRY("IFGetNumDevices");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   return PutCount(i->listed, piNumDevices);
 }
 
 GC_API IFGetDeviceID(IF_HANDLE hIface, uint32_t iIndex, char* sIDeviceID, size_t* piSize) {
   KIVSIM_ENTRY("IFGetDeviceID");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   if (iIndex >= i->listed.size()) return SetError(GC_ERR_INVALID_INDEX, "Device index out of range");
   return PutString(g_prod->devices[i->listed[iIndex]]->id(), nullptr, sIDeviceID, piSize);
 }
@@ -476,8 +466,7 @@ GC_API IFGetDeviceID(IF_HANDLE hIface, uint32_t iIndex, char* sIDeviceID, size_t
 GC_API IFGetDeviceInfo(IF_HANDLE hIface, const char* sDeviceID, DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE* piType,
                        void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("IFGetDeviceInfo");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   int cam = FindCamera(sDeviceID);
   if (cam < 0 || g_prod->devices[cam]->config().interface_index != i->index)
     return SetError(GC_ERR_INVALID_ID, "Unknown device ID");
@@ -486,8 +475,7 @@ GC_API IFGetDeviceInfo(IF_HANDLE hIface, const char* sDeviceID, DEVICE_INFO_CMD 
 
 GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS iOpenFlag, DEV_HANDLE* phDevice) {
   KIVSIM_ENTRY("IFOpenDevice");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   if (BadPtr(phDevice)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   if (iOpenFlag != DEVICE_ACCESS_READONLY && iOpenFlag != DEVICE_ACCESS_CONTROL && iOpenFlag != DEVICE_ACCESS_EXCLUSIVE)
     return SetError(GC_ERR_INVALID_PARAMETER, "Unsupported access flag");
@@ -543,8 +531,7 @@ GC_API IFGetParentTL(IF_HANDLE hIface, TL_HANDLE* phSystem) {
 
 GC_API DevGetParentIF(DEV_HANDLE hDevice, IF_HANDLE* phIface) {
   KIVSIM_ENTRY("DevGetParentIF");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(phIface)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   *phIface = d->iface;
   return GC_ERR_SUCCESS;
@@ -552,23 +539,20 @@ GC_API DevGetParentIF(DEV_HANDLE hDevice, IF_HANDLE* phIface) {
 
 GC_API DevClose(DEV_HANDLE hDevice) {
   KIVSIM_ENTRY("DevClose");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   CloseDevice(d, lock);
   return GC_ERR_SUCCESS;
 }
 
 GC_API DevGetInfo(DEV_HANDLE hDevice, DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("DevGetInfo");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   return DeviceInfo(d->cam, iInfoCmd, piType, pBuffer, piSize);
 }
 
 GC_API DevGetPort(DEV_HANDLE hDevice, PORT_HANDLE* phRemoteDevice) {
   KIVSIM_ENTRY("DevGetPort");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(phRemoteDevice)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   *phRemoteDevice = &d->port;
   return GC_ERR_SUCCESS;
@@ -576,8 +560,7 @@ GC_API DevGetPort(DEV_HANDLE hDevice, PORT_HANDLE* phRemoteDevice) {
 
 GC_API DevGetNumDataStreams(DEV_HANDLE hDevice, uint32_t* piNumDataStreams) {
   KIVSIM_ENTRY("DevGetNumDataStreams");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(piNumDataStreams)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
   *piNumDataStreams = static_cast<uint32_t>(d->streams.size());
   return GC_ERR_SUCCESS;
@@ -585,8 +568,7 @@ GC_API DevGetNumDataStreams(DEV_HANDLE hDevice, uint32_t* piNumDataStreams) {
 
 GC_API DevGetDataStreamID(DEV_HANDLE hDevice, uint32_t iIndex, char* sDataStreamID, size_t* piSize) {
   KIVSIM_ENTRY("DevGetDataStreamID");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (iIndex >= d->streams.size()) return SetError(GC_ERR_INVALID_INDEX, "Stream index out of range");
   return PutString("Stream" + std::to_string(iIndex), nullptr, sDataStreamID, piSize);
 }
