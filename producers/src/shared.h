@@ -40,8 +40,9 @@ struct SharedCamera {
 struct SharedState {
   uint32_t magic;
   volatile uint32_t ready;
-  uint32_t users;
   uint32_t camera_count;
+  uint32_t padding_;
+  int32_t user_pids[64];  // processes that have the state open
   pthread_mutex_t mutex;
   uint32_t wake_word;   // futex word: waiters sleep on it, Notify bumps it
   uint32_t reserved_;
