@@ -64,6 +64,7 @@ std::string Unzip(const std::vector<uint8_t>& z) {
 
 class Ports : public ProducerTest {
  protected:
+  explicit Ports(bool usb = false) : ProducerTest(usb) {}
   std::string UrlText(PORT_HANDLE port, uint32_t index) {
     char url[512] = {};
     size_t n = sizeof url;
@@ -238,7 +239,27 @@ TEST_F(Ports, ModuleRegistersOfDeviceAndStream) {
   EXPECT_EQ(urls, 0u);
 }
 
-using UsbRegisters = UsbProducerTest;
+class UsbRegisters : public Ports {
+ protected:
+  UsbRegisters() : Ports(true) {}
+};
+
+TEST_F(UsbRegisters, DescriptionIsLittleEndianWithoutTheGigEBlock) {
+  DEV_HANDLE d = Open(0);
+  auto [zip, plain] = Descriptions(Port(d));
+  ASSERT_FALSE(zip.empty());
+  EXPECT_EQ(zip, plain);
+  pugi::xml_document doc;
+  ASSERT_TRUE(doc.load_string(plain.c_str()));
+  pugi::xml_node root = doc.child("RegisterDescription");
+  EXPECT_STREQ(root.attribute("StandardNameSpace").value(), "USB");
+  EXPECT_FALSE(root.find_child_by_attribute("Integer", "Name", "GevSCPSPacketSize"));
+  EXPECT_TRUE(root.find_child_by_attribute("Integer", "Name", "DeviceLinkSelector"));
+  for (pugi::xml_node reg : root.children("IntReg")) EXPECT_STREQ(reg.child_value("Endianess"), "LittleEndian");
+  // The vendor string register of the description is where the ABRM keeps it.
+  pugi::xml_node vendor = root.find_child_by_attribute("StringReg", "Name", "DeviceVendorName");
+  EXPECT_EQ(std::strtoul(vendor.child_value("Address"), nullptr, 0), 4u);
+}
 
 TEST_F(UsbRegisters, StreamingRegistersAreReachableFromTheBootstrap) {
   DEV_HANDLE d = Open(0);

@@ -122,6 +122,57 @@ TEST_F(Acquisition, NoFramesBeforeAcquisitionStartAndAfterStop) {
   EXPECT_EQ(c.frames_produced, 1u);
 }
 
+TEST_F(Acquisition, SoftwareTriggerMakesOneFrameEach) {
+  SetGeometry(64, 8, 0x01080001);
+  ASSERT_EQ(Write32(port, 0xA030, 1, true), GC_ERR_SUCCESS);  // TriggerMode On
+  ASSERT_EQ(p.kivsim_free_run(cam, 1000), 0);                // trigger mode overrides free-run
+  Announce(2, payload);
+  Start();
+  kivsim_counters c{};
+  p.kivsim_get_counters(cam, &c);
+  EXPECT_EQ(c.frames_produced, 0u);
+  ASSERT_EQ(Write32(port, 0xA034, 1, true), GC_ERR_SUCCESS);  // TriggerSoftware
+  Next();
+  p.kivsim_get_counters(cam, &c);
+  EXPECT_EQ(c.frames_produced, 1u);
+}
+
+TEST_F(Acquisition, AcquisitionStopsAfterTheRequestedCount) {
+  SetGeometry(64, 8, 0x01080001);
+  // The VSync stream sees every frame in the same pass as the image stream, so
+  // its token tells when a frame has been handled.
+  DS_HANDLE vs = Stream(dev, 1);
+  EVENT_HANDLE vev;
+  ASSERT_EQ(p.GCRegisterEvent(vs, EVENT_NEW_BUFFER, &vev), GC_ERR_SUCCESS);
+  ASSERT_EQ(WriteModule(vs, KIVSIM_DS_LINK, ReadModule(ds, KIVSIM_DS_LINK)), GC_ERR_SUCCESS);
+  for (int i = 0; i < 2; ++i) {
+    BUFFER_HANDLE t;
+    ASSERT_EQ(p.DSAnnounceBuffer(vs, reinterpret_cast<void*>(1), 0, nullptr, &t), GC_ERR_SUCCESS);
+    ASSERT_EQ(p.DSQueueBuffer(vs, t), GC_ERR_SUCCESS);
+  }
+  ASSERT_EQ(p.DSStartAcquisition(vs, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
+  Announce(2, payload);
+  ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, 1), GC_ERR_SUCCESS);
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
+  ASSERT_EQ(Write32(port, 0xA01C, 1, true), GC_ERR_SUCCESS);
+  ASSERT_EQ(p.kivsim_deliver(cam, 2), 0);
+  for (int i = 0; i < 2; ++i) {
+    EVENT_NEW_BUFFER_DATA d;
+    size_t n = sizeof d;
+    ASSERT_EQ(p.EventGetData(vev, &d, &n, 10000), GC_ERR_SUCCESS);
+  }
+  EVENT_NEW_BUFFER_DATA first = Next(0);
+  EXPECT_EQ(BufferInfo<uint64_t>(ds, first.BufferHandle, BUFFER_INFO_FRAMEID), 1u);
+  EVENT_NEW_BUFFER_DATA d;
+  size_t n = sizeof d;
+  EXPECT_EQ(p.EventGetData(ev, &d, &n, 0), GC_ERR_TIMEOUT) << "the second frame is beyond the count";
+  uint64_t delivered = 0;
+  n = sizeof delivered;
+  INFO_DATATYPE t;
+  ASSERT_EQ(p.DSGetInfo(ds, STREAM_INFO_NUM_DELIVERED, &t, &delivered, &n), GC_ERR_SUCCESS);
+  EXPECT_EQ(delivered, 1u);
+}
+
 TEST_F(Acquisition, ProducerAllocatedBuffersReportTheirAddress) {
   SetGeometry(64, 8, 0x01080001);
   BUFFER_HANDLE b = nullptr;
