@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "gentl_api.h"
 
@@ -31,14 +33,24 @@ struct Child {
     int to_child[2], from_child[2];
     ASSERT_EQ(pipe(to_child), 0);
     ASSERT_EQ(pipe(from_child), 0);
+    // Everything the child needs is prepared before the fork: between fork and
+    // exec a threaded process may only make async-signal-safe calls.
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) env.emplace_back(*e);
+    env.push_back(std::string(kRoleVar) + "=" + role);
+    env.push_back("KIVSIM_TEST_FDS=" + std::to_string(to_child[0]) + "," + std::to_string(from_child[1]));
+    std::vector<char*> envp;
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::string filter = std::string("--gtest_filter=") + test;
+    char name[] = "kivsim_child";
+    char* argv[] = {name, filter.data(), nullptr};
     pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-      std::string fds = std::to_string(to_child[0]) + "," + std::to_string(from_child[1]);
-      setenv(kRoleVar, role, 1);
-      setenv("KIVSIM_TEST_FDS", fds.c_str(), 1);
-      std::string filter = std::string("--gtest_filter=") + test;
-      execl("/proc/self/exe", "kivsim_child", filter.c_str(), static_cast<char*>(nullptr));
+      close(to_child[1]);  // so that the child sees end-of-file if this process dies
+      close(from_child[0]);
+      execve("/proc/self/exe", argv, envp.data());
       _exit(127);
     }
     close(to_child[0]);
