@@ -1,5 +1,6 @@
 // Library, system, interface and device entry points.
 #include <dlfcn.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -17,9 +18,30 @@ std::mutex g_mu;
 Producer* g_prod = nullptr;
 
 namespace {
-thread_local GC_ERROR t_error = GC_ERR_SUCCESS;
-thread_local std::string t_text = "No Error";
-thread_local bool t_has_error = false;
+// The last error of each thread. A pthread key rather than thread_local: a
+// module loaded with dlopen would get dynamic TLS, which leak checkers trip over.
+struct LastError {
+  GC_ERROR code = GC_ERR_SUCCESS;
+  std::string text;
+};
+pthread_key_t g_error_key;
+
+void FreeLastError(void* p) { delete static_cast<LastError*>(p); }
+
+__attribute__((constructor)) void CreateErrorKey() { pthread_key_create(&g_error_key, FreeLastError); }
+__attribute__((destructor)) void DeleteErrorKey() {
+  FreeLastError(pthread_getspecific(g_error_key));
+  pthread_key_delete(g_error_key);
+}
+
+LastError* ThreadError(bool create) {
+  auto* e = static_cast<LastError*>(pthread_getspecific(g_error_key));
+  if (!e && create) {
+    e = new LastError();
+    pthread_setspecific(g_error_key, e);
+  }
+  return e;
+}
 
 std::string StateName() {
   const char* ns = std::getenv("KIVCAM_IPC_NAMESPACE");
@@ -153,9 +175,9 @@ Transport ThisTransport() {
 const char* TLTypeName() { return ThisTransport() == Transport::GigE ? TLTypeGEVName : TLTypeU3VName; }
 
 GC_ERROR SetError(GC_ERROR code, const std::string& text) {
-  t_error = code;
-  t_text = text;
-  t_has_error = true;
+  LastError* e = ThreadError(true);
+  e->code = code;
+  e->text = text;
   return code;
 }
 
@@ -331,7 +353,8 @@ GC_API GCCloseLib(void) {
 
 GC_API GCGetLastError(GC_ERROR* piErrorCode, char* sErrText, size_t* piSize) {
   if (BadPtr(piErrorCode) || BadPtr(piSize)) return GC_ERR_INVALID_PARAMETER;
-  const std::string& text = t_has_error ? t_text : std::string("No Error");
+  const LastError* last = ThreadError(false);
+  const std::string text = last ? last->text : std::string("No Error");
   if (sErrText) {
     if (*piSize < text.size() + 1) {
       *piSize = text.size() + 1;
@@ -340,7 +363,7 @@ GC_API GCGetLastError(GC_ERROR* piErrorCode, char* sErrText, size_t* piSize) {
     std::memcpy(sErrText, text.c_str(), text.size() + 1);
   }
   *piSize = text.size() + 1;
-  *piErrorCode = t_has_error ? t_error : GC_ERR_SUCCESS;
+  *piErrorCode = last ? last->code : GC_ERR_SUCCESS;
   return GC_ERR_SUCCESS;
 }
 
@@ -486,6 +509,7 @@ GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS
   for (auto& kv : g_prod->system->open)
     if (kv.second->open.count(cam)) return SetError(GC_ERR_RESOURCE_IN_USE, "Device already open");
   const int32_t me = getpid();
+  uint64_t first_seen = 0;
   {
     SharedLock l(g_prod->st());
     SharedCamera& sc = g_prod->cam(cam);
@@ -505,9 +529,12 @@ GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS
       sc.owner_pid = me;
       sc.acquiring = 0;
     }
+    first_seen = sc.frames;
     l.Notify();
   }
   auto* d = new Device();
+  // Frames after this point are this process's, however late its engine thread starts.
+  d->first_seen = first_seen;
   d->iface = i;
   d->cam = static_cast<uint32_t>(cam);
   d->access = iOpenFlag;

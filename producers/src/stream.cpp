@@ -205,11 +205,7 @@ void EngineMain(Device* d) {
   SharedCamera& sc = g_prod->cam(d->cam);
   const VirtualDevice& vd = *g_prod->devices[d->cam];
   const int32_t me = getpid();
-  uint64_t seen, next_tick = 0;
-  {
-    SharedLock l(st);
-    seen = sc.frames;
-  }
+  uint64_t seen = d->first_seen, next_tick = 0;
   for (;;) {
     FrameContext fc{};
     uint64_t first, last;
