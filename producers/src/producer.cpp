@@ -162,6 +162,12 @@ GC_ERROR SystemInfo(TL_INFO_CMD cmd, INFO_DATATYPE* t, void* b, size_t* n) {
   }
 }
 
+// Hosts may exit without GCCloseLib (the library leaves its producers to the
+// system at process end); the shared state must not outlive its last user then.
+__attribute__((destructor)) void DetachAtExit() {
+  if (g_prod) g_prod->shm.Detach();
+}
+
 }  // namespace
 
 Transport ThisTransport() {

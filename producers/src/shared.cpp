@@ -88,6 +88,7 @@ bool SharedMap::Open(const std::string& name, void (*init)(SharedState&, void*),
     while (!__atomic_load_n(&st_->ready, __ATOMIC_ACQUIRE)) sched_yield();
   }
   SharedLock lock(st_);
+  attached_ = true;
   const int32_t me = getpid();
   for (auto& u : st_->user_pids)
     if (u == 0 || !ProcessAlive(u)) {
@@ -97,26 +98,28 @@ bool SharedMap::Open(const std::string& name, void (*init)(SharedState&, void*),
   return true;
 }
 
+void SharedMap::Detach() {
+  if (!st_ || !attached_) return;
+  attached_ = false;
+  // Users that died without closing do not keep the state alive.
+  SharedLock lock(st_);
+  const int32_t me = getpid();
+  bool mine = false, last = true;
+  for (auto& u : st_->user_pids) {
+    if (u == me && !mine) {
+      u = 0;
+      mine = true;
+    } else if (u != 0 && !ProcessAlive(u)) {
+      u = 0;
+    }
+    if (u != 0) last = false;
+  }
+  if (last) shm_unlink(name_.c_str());
+}
+
 void SharedMap::Close() {
   if (!st_) return;
-  bool last;
-  {
-    // Users that died without closing do not keep the state alive.
-    SharedLock lock(st_);
-    const int32_t me = getpid();
-    bool mine = false;
-    last = true;
-    for (auto& u : st_->user_pids) {
-      if (u == me && !mine) {
-        u = 0;
-        mine = true;
-      } else if (u != 0 && !ProcessAlive(u)) {
-        u = 0;
-      }
-      if (u != 0) last = false;
-    }
-    if (last) shm_unlink(name_.c_str());
-  }
+  Detach();
   munmap(st_, sizeof(SharedState));
   st_ = nullptr;
 }

@@ -58,12 +58,16 @@ class SharedMap {
  public:
   // Maps (creating and initialising when needed) the state; `init` fills a fresh one.
   bool Open(const std::string& name, void (*init)(SharedState&, void*), void* ctx, std::string* err);
-  void Close();  // unmaps; the last user also removes the name
+  void Close();  // Detach, then unmap
+  // Gives up this process's use; the last user removes the name. The mapping
+  // stays, for threads that may still touch it while the process exits.
+  void Detach();
   SharedState* get() const { return st_; }
 
  private:
   SharedState* st_ = nullptr;
   std::string name_;
+  bool attached_ = false;
 };
 
 // Lock guard for the shared mutex; recovers the state of a crashed holder.
