@@ -2,6 +2,8 @@
 // program re-runs itself as the other process, in a role selected by the
 // environment; the two talk over pipes, so every step waits for the other's
 // message instead of for time to pass.
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,7 +31,7 @@ struct Channel {
 struct Child {
   pid_t pid = -1;
   Channel ch;
-  void Start(const char* role, const char* test) {
+  void Start(const char* role, const char* test, const std::string& extra_env = "") {
     int to_child[2], from_child[2];
     ASSERT_EQ(pipe(to_child), 0);
     ASSERT_EQ(pipe(from_child), 0);
@@ -38,6 +40,13 @@ struct Child {
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
     env.push_back(std::string(kRoleVar) + "=" + role);
+    if (!extra_env.empty()) {  // replaces the variable of the same name
+      const std::string key = extra_env.substr(0, extra_env.find('=') + 1);
+      bool replaced = false;
+      for (auto& e : env)
+        if (e.rfind(key, 0) == 0) e = extra_env, replaced = true;
+      if (!replaced) env.push_back(extra_env);
+    }
     env.push_back("KIVSIM_TEST_FDS=" + std::to_string(to_child[0]) + "," + std::to_string(from_child[1]));
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(e.data());
@@ -191,6 +200,37 @@ TEST_F(CrossProcess, WatcherSeesTheControllersStream) {
   EXPECT_EQ(static_cast<uint8_t>(seen), mem[3]) << "both processes got the same frame";
   child.ch.Send('q');
   EXPECT_EQ(child.Finish(), 0);
+}
+
+// Child role: uses a camera and leaves the process without GCCloseLib, as a
+// host that leaves its producers to the system at exit does.
+TEST(ExitWithoutClose, LeaverRole) {
+  Channel ch;
+  if (!ChildChannel("leaver", &ch)) GTEST_SKIP() << "runs only as the child of SharedStateGoesWithTheLastUser";
+  Producer& p = Producer::Get(false);
+  ASSERT_EQ(p.GCInitLib(), GC_ERR_SUCCESS);
+  TL_HANDLE tl;
+  ASSERT_EQ(p.TLOpen(&tl), GC_ERR_SUCCESS);
+  ch.Send('o');
+  std::exit(0);
+}
+
+TEST(ExitWithoutClose, SharedStateGoesWithTheLastUser) {
+  const std::string ns = "_leaver" + std::to_string(getpid());
+  Child child;
+  child.Start("leaver", "ExitWithoutClose.LeaverRole", "KIVCAM_IPC_NAMESPACE=" + ns);
+  ASSERT_EQ(child.ch.Receive(), 'o');
+  const std::string name = "/KivSimGigEState" + ns;
+  int fd = shm_open(name.c_str(), O_RDONLY, 0);
+  EXPECT_GE(fd, 0) << "the child's producer state exists while it runs";
+  if (fd >= 0) close(fd);
+  EXPECT_EQ(child.Finish(), 0);
+  fd = shm_open(name.c_str(), O_RDONLY, 0);
+  EXPECT_LT(fd, 0) << "left behind by a process that exited without GCCloseLib";
+  if (fd >= 0) {
+    close(fd);
+    shm_unlink(name.c_str());
+  }
 }
 
 }  // namespace
