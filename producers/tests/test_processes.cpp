@@ -212,7 +212,7 @@ TEST(ExitWithoutClose, LeaverRole) {
   TL_HANDLE tl;
   ASSERT_EQ(p.TLOpen(&tl), GC_ERR_SUCCESS);
   ch.Send('o');
-  std::exit(0);
+  if (ch.Receive() == 'x') std::exit(0);
 }
 
 TEST(ExitWithoutClose, SharedStateGoesWithTheLastUser) {
@@ -224,6 +224,7 @@ TEST(ExitWithoutClose, SharedStateGoesWithTheLastUser) {
   int fd = shm_open(name.c_str(), O_RDONLY, 0);
   EXPECT_GE(fd, 0) << "the child's producer state exists while it runs";
   if (fd >= 0) close(fd);
+  child.ch.Send('x');
   EXPECT_EQ(child.Finish(), 0);
   fd = shm_open(name.c_str(), O_RDONLY, 0);
   EXPECT_LT(fd, 0) << "left behind by a process that exited without GCCloseLib";
