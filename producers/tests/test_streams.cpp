@@ -335,6 +335,23 @@ TEST_F(Acquisition, VSyncStreamDeliversOneTokenPerFrame) {
   }
 }
 
+TEST_F(Acquisition, FreeRunAtAFrameRate) {
+  SetGeometry(64, 8, 0x01080001);
+  ASSERT_EQ(p.kivsim_free_run(cam, 2000), 0);
+  Announce(4, payload);
+  Start();
+  uint64_t last = 0;
+  for (int i = 0; i < 6; ++i) {
+    EVENT_NEW_BUFFER_DATA e = Next();
+    uint64_t id = BufferInfo<uint64_t>(ds, e.BufferHandle, BUFFER_INFO_FRAMEID);
+    EXPECT_GT(id, last);
+    last = id;
+    ASSERT_EQ(p.DSQueueBuffer(ds, e.BufferHandle), GC_ERR_SUCCESS);
+  }
+  // The rate is the camera's AcquisitionFrameRate, in millihertz.
+  EXPECT_EQ(Read32(port, 0xA068, true), 2000000u);
+}
+
 TEST_F(Acquisition, FreeRunDeliversWithoutControlCalls) {
   SetGeometry(64, 8, 0x01080001);
   ASSERT_EQ(p.kivsim_free_run(cam, 0), 0);  // as fast as buffers come back
