@@ -114,8 +114,7 @@ void FillUsbInfo(Stream* s, Buffer* b, const FrameContext& fc, uint32_t status, 
     Put32(p, 0x54563355);
     p[6] = kUsbTrailerSize;
     Put64(p + 8, fc.frame + 1);
-    p[16] = static_cast<uint8_t>(Good(status) ? 0 : 0x01);
-    p[17] = static_cast<uint8_t>(Good(status) ? 0 : 0xA1);  // 0xA101: data discarded
+    p[17] = static_cast<uint8_t>(Good(status) ? 0 : 0xA1);  // status 0xA100: data discarded
     Put64(p + 20, received);
     Put32(p + 28, fc.g.height);
   }

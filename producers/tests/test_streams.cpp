@@ -491,6 +491,8 @@ TEST_F(UsbAcquisition, LeaderAndTrailerAtTheConfiguredOffsets) {
   ASSERT_EQ(p.kivsim_deliver(cam, 1), 0);
   e = Next();
   EXPECT_EQ(BufferInfo<uint32_t>(ds, e.BufferHandle, 1001), payload - 1) << "a short transfer";
+  const uint8_t* t2 = Data(e.BufferHandle) + trailer;
+  EXPECT_EQ(t2[16] | t2[17] << 8, 0xA100) << "trailer status: data discarded";
 }
 
 }  // namespace
