@@ -79,6 +79,9 @@ TEST(FormulaValues, ReferenceResults) {
   EXPECT_DOUBLE_EQ(F("ROUND(45.4545, 1)"), 45.5);
   EXPECT_DOUBLE_EQ(F("ROUND(45.4545, -1)"), 50.0);
   EXPECT_DOUBLE_EQ(F("ROUND(45.4545, 0)"), 45.0);
+  EXPECT_DOUBLE_EQ(F("ROUND(1.25, 400)"), 1.25);  // more digits than a double has
+  EXPECT_DOUBLE_EQ(F("ROUND(15, -400)"), 0.0);
+  EXPECT_DOUBLE_EQ(F("ROUND(-1234.5, -2)"), -1200.0);
   EXPECT_EQ(I("-5 && 7"), 1);
   EXPECT_DOUBLE_EQ(F("-5 && 7"), 1.0);
   EXPECT_NEAR(F("FRAC(-5.4)"), -0.4, 1e-12);
@@ -179,6 +182,7 @@ TEST(FormulaSemantics, IntegerVersusFloat) {
   EXPECT_DOUBLE_EQ(F("0.5 && 0.25"), 1.0);
   EXPECT_DOUBLE_EQ(F("2.5 = 2.5"), 1.0);
   EXPECT_DOUBLE_EQ(F("2.5 <> 2.5"), 0.0);
+  EXPECT_FALSE(std::signbit(F("-0.0 && 1")));  // a plain 0, not the operand
   // Bitwise operators and shifts work on the truncated int64 values.
   EXPECT_DOUBLE_EQ(F("7.9 & 3.2"), 3.0);
   EXPECT_DOUBLE_EQ(F("1.9 << 3.7"), 8.0);
