@@ -331,11 +331,11 @@ class CConverterBase : public CFormulaBase {
   }
   void Write(const FormulaValue& v, bool verify) {
     CheckWritable();
-    EvalGuard g(this);
     if (verify) {
       double lo = NumMin().AsFloat(), hi = NumMax().AsFloat();
       CheckFloatRange(this, v.AsFloat(), lo, hi);
     }
+    EvalGuard g(this);
     Bind(to_, false);
     to_.values()[to_.count() - 1] = v;
     FormulaValue raw = to_.Evaluate(name_);
