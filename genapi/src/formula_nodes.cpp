@@ -265,13 +265,24 @@ class CSwissKnifeBase : public CFormulaBase {
   void Finish() override { formula_.Compile(name_, text_, float_, vars_, expressions_); }
   EAccessMode NaturalAccessMode() const override { return VariablesAccess(); }
   CNode* Target() const { return nullptr; }
+  // The result is cached like a register value: shared sub-formulas would
+  // otherwise be evaluated once per path through the reference graph.
   FormulaValue Read(bool verify, bool ignore_cache) {
     CheckReadable();
+    bool fresh = ignore_cache || verify;
+    if (!fresh && cache_valid_) return cache_;
     EvalGuard g(this);
-    Bind(formula_, ignore_cache || verify);
+    Bind(formula_, fresh);
     FormulaValue v = formula_.Evaluate(name_);
-    return float_ ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(v.is_float ? static_cast<int64_t>(v.f) : v.i);
+    v = float_ ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(v.is_float ? static_cast<int64_t>(v.f) : v.i);
+    if (GetCachingMode() != NoCache) {
+      cache_ = v;
+      cache_valid_ = true;
+    }
+    return v;
   }
+  void DropCache() override { cache_valid_ = false; }
+  bool HasValueCache() const override { return true; }
   void Write(const FormulaValue&, bool) {
     KIV_THROW(AccessException, name_, "Node '" + name_ + "' is not writable (computed value).");
   }
@@ -282,6 +293,8 @@ class CSwissKnifeBase : public CFormulaBase {
  private:
   std::string text_;
   CBoundFormula formula_;
+  FormulaValue cache_;
+  bool cache_valid_ = false;
 };
 
 class CConverterBase : public CFormulaBase {
