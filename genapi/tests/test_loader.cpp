@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "fake_port.h"
 
@@ -11,13 +10,6 @@ using kivtest::Describe;
 using kivtest::FakePort;
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 // Reads every node through its interface; errors are fine, crashes and
 // foreign exception types are not.
