@@ -44,12 +44,12 @@ class CEnumEntryNode : public CNode, public IEnumEntry {
   bool self_clearing_ = false;
 };
 
-class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
+class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace {
  public:
   CEnumerationNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
     src_.Read(d, false);
     for (const DescChild* c : d.All("pEnumEntry")) entry_refs_.push_back(NodeRef{c->text, nullptr});
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+    ReadSelected(d);
   }
   void Link() override {
     CNode::Link();
@@ -58,7 +58,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
       Resolve(r);
       if (auto* e = dynamic_cast<CEnumEntryNode*>(r.node)) entries_.push_back(e);
     }
-    for (auto& s : selected_) s.node = map_->Find(s.name);
+    LinkSelected(this);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
   void ValueInputs(std::vector<CNode*>& out) const override { src_.Inputs(out); }
@@ -144,17 +144,10 @@ class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
     for (auto* e : entries_) m = std::max(m, e->value());
     return FormulaValue::Int(entries_.empty() ? 0 : m);
   }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   CValueSource src_;
-  std::vector<NodeRef> entry_refs_, selected_;
+  std::vector<NodeRef> entry_refs_;
   std::vector<CEnumEntryNode*> entries_;
 };
 

@@ -214,10 +214,7 @@ class CFormulaFace<Base, false> : public Base, public IInteger {
     return FormatInt(GetValue(verify, ignore_cache), GetRepresentation());
   }
   void FromString(const gcstring& s, bool verify) override {
-    int64_t v;
-    if (!ParseInt64(s, v))
-      throw InvalidArgumentException("Node '" + this->name() + "': '" + s + "' is not an integer", __FILE__, __LINE__, this->name());
-    SetValue(v, verify);
+    SetValue(IntArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
 };
@@ -249,10 +246,7 @@ class CFormulaFace<Base, true> : public Base, public IFloat {
   void ImposeMax(double) override {}
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
   void FromString(const gcstring& s, bool verify) override {
-    double v;
-    if (!ParseDouble(s, v))
-      throw InvalidArgumentException("Node '" + this->name() + "': '" + s + "' is not a number", __FILE__, __LINE__, this->name());
-    SetValue(v, verify);
+    SetValue(FloatArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
 };

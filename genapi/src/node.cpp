@@ -334,6 +334,23 @@ void CNode::AddPollingTime(int64_t ms) {
   }
 }
 
+void CSelectorFace::ReadSelected(const NodeDesc& d) {
+  for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+}
+
+void CSelectorFace::LinkSelected(CNode* owner) {
+  for (auto& s : selected_) {
+    s.node = static_cast<CNodeMap*>(owner->GetNodeMap())->Find(s.name);
+    if (s.node) owner->AddDependent(s.node);
+  }
+}
+
+void CSelectorFace::GetSelectedFeatures(FeatureList_t& f) const {
+  f.clear();
+  for (const auto& s : selected_)
+    if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+}
+
 void CNode::MarkFeature() { is_feature_ = true; }
 
 void CNode::GetChildren(NodeList_t& Children, ELinkType) const {

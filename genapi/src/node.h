@@ -162,6 +162,20 @@ class CNode : virtual public INode {
   friend class EvalGuard;
 };
 
+// The ISelector face of nodes that carry pSelected: a change of the
+// selector invalidates the features it selects.
+class CSelectorFace : public ISelector {
+ public:
+  bool IsSelector() const override { return !selected_.empty(); }
+  void GetSelectedFeatures(FeatureList_t& f) const override;
+  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+
+ protected:
+  void ReadSelected(const NodeDesc& d);
+  void LinkSelected(CNode* owner);
+  std::vector<NodeRef> selected_;
+};
+
 // Parses HexOrDecimal integers and float literals; false on garbage.
 EAccessMode ParseAccessMode(const std::string& s, EAccessMode def);
 // Float values handed to integer nodes are rounded to the nearest integer,

@@ -81,7 +81,6 @@ class CRegisterBase : public CNode {
     signed_ = d.Text("Sign") == "Signed";
     unit_ = d.Text("Unit");
     repr_ = ParseRepresentation(d.Text("Representation"), PureNumber);
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
   }
   void Link() override {
     CNode::Link();
@@ -93,7 +92,6 @@ class CRegisterBase : public CNode {
     Resolve(length_);
     Resolve(port_);
     port_node_ = dynamic_cast<CPortNode*>(port_.node);
-    for (auto& s : selected_) s.node = map_->Find(s.name);
   }
   EAccessMode NaturalAccessMode() const override {
     if (!port_node_) return NA;
@@ -187,7 +185,6 @@ class CRegisterBase : public CNode {
   bool little_ = true, signed_ = false;
   std::string unit_;
   ERepresentation repr_;
-  std::vector<NodeRef> selected_;
   std::vector<uint8_t> cache_;
   int64_t cache_addr_ = 0;
   bool cache_valid_ = false;
@@ -195,9 +192,10 @@ class CRegisterBase : public CNode {
 
 // IntReg and MaskedIntReg: an integer field of lsb..msb (value bit numbers)
 // inside a register of up to 8 bytes.
-class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
+class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace {
  public:
   CIntRegNode(CNodeMap* map, const NodeDesc& d, bool masked) : CRegisterBase(map, d, WriteThrough), masked_(masked) {
+    ReadSelected(d);
     if (!length_.has_literal || length_.literal.i < 1 || length_.literal.i > 8)
       KIV_THROW(RuntimeException, name_, "Integer register '" + name_ + "' needs a Length of 1 to 8 bytes");
     len_ = length_.literal.i;
@@ -235,6 +233,10 @@ class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
     }
   }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
+  void Link() override {
+    CRegisterBase::Link();
+    LinkSelected(this);
+  }
 
   int64_t Decode(const uint8_t* b) const {
     uint64_t field = (Assemble(b, len_, little_) >> lsb_) & mask_;
@@ -280,22 +282,13 @@ class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
   void ImposeMax(int64_t v) override { max_ = std::min(max_, v); }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), repr_); }
   void FromString(const gcstring& s, bool verify) override {
-    int64_t v;
-    if (!ParseInt64(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not an integer");
-    SetValue(v, verify);
+    SetValue(IntArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return CacheValid(); }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(Read(verify, ignore_cache)); }
   void SetNum(const FormulaValue& v, bool verify) override { Write(ToInt(v), verify); }
   FormulaValue NumMin() override { return FormulaValue::Int(min_); }
   FormulaValue NumMax() override { return FormulaValue::Int(max_); }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   bool masked_;
@@ -364,9 +357,7 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
   void ImposeMax(double v) override { has_max_ = true; max_ = v; }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
   void FromString(const gcstring& s, bool verify) override {
-    double v;
-    if (!ParseDouble(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a number");
-    SetValue(v, verify);
+    SetValue(FloatArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return CacheValid(); }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Float(Read(verify, ignore_cache)); }

@@ -40,6 +40,20 @@ void CheckFloatRange(const CNode* n, double v, double min, double max) {
               "Value " + FormatDouble(v) + " of node '" + name + "' is above the maximum " + FormatDouble(max));
 }
 
+int64_t IntArgument(const CNode* n, const std::string& s) {
+  int64_t v;
+  if (!ParseInt64(s, v))
+    KIV_THROW(InvalidArgumentException, n->name(), "Node '" + n->name() + "': '" + s + "' is not an integer");
+  return v;
+}
+
+double FloatArgument(const CNode* n, const std::string& s) {
+  double v;
+  if (!ParseDouble(s, v))
+    KIV_THROW(InvalidArgumentException, n->name(), "Node '" + n->name() + "': '" + s + "' is not a number");
+  return v;
+}
+
 ERepresentation ParseRepresentation(const std::string& s, ERepresentation def) {
   static const char* names[] = {"Linear", "Logarithmic", "Boolean", "PureNumber", "HexNumber", "IPV4Address",
                                 "MACAddress"};
@@ -71,7 +85,6 @@ class CNumberNode : public CNode {
     unit_ = d.Text("Unit");
     has_unit_ = d.Has("Unit");
     repr_ = ParseRepresentation(d.Text("Representation"), Float ? PureNumber : _UndefinedRepresentation);
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
     if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
     if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
     if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
@@ -94,7 +107,6 @@ class CNumberNode : public CNode {
     Resolve(min_);
     Resolve(max_);
     Resolve(inc_);
-    for (auto& s : selected_) s.node = map_->Find(s.name);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
   void ValueInputs(std::vector<CNode*>& out) const override {
@@ -159,15 +171,18 @@ class CNumberNode : public CNode {
   ERepresentation repr_;
   EDisplayNotation notation_ = fnAutomatic;
   int64_t precision_ = 6;
-  std::vector<NodeRef> selected_;
   std::vector<int64_t> valid_;
   bool has_imposed_min_ = false, has_imposed_max_ = false;
   FormulaValue imposed_min_, imposed_max_;
 };
 
-class CIntegerNode : public CNumberNode<false>, public IInteger, public ISelector {
+class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelectorFace {
  public:
-  using CNumberNode::CNumberNode;
+  CIntegerNode(CNodeMap* map, const NodeDesc& d) : CNumberNode(map, d) { ReadSelected(d); }
+  void Link() override {
+    CNumberNode::Link();
+    LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
   void SetValue(int64_t v, bool verify) override {
     KIV_LOCK();
@@ -206,18 +221,9 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public ISelecto
   void ImposeMax(int64_t v) override { has_imposed_max_ = true; imposed_max_ = FormulaValue::Int(v); }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), GetRepresentation()); }
   void FromString(const gcstring& s, bool verify) override {
-    int64_t v;
-    if (!ParseInt64(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not an integer");
-    SetValue(v, verify);
+    SetValue(IntArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   using CInteger = IInteger;
@@ -249,21 +255,19 @@ class CFloatNode : public CNumberNode<true>, public IFloat {
   void ImposeMax(double v) override { has_imposed_max_ = true; imposed_max_ = FormulaValue::Float(v); }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
   void FromString(const gcstring& s, bool verify) override {
-    double v;
-    if (!ParseDouble(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a number");
-    SetValue(v, verify);
+    SetValue(FloatArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
 };
 
-class CBooleanNode : public CNode, public IBoolean, public ISelector {
+class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
  public:
   CBooleanNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
     FormulaValue v;
     if (d.Has("OnValue") && ParseLiteral(d.Text("OnValue"), false, v)) on_ = v.i;
     if (d.Has("OffValue") && ParseLiteral(d.Text("OffValue"), false, v)) off_ = v.i;
     if (on_ == off_) KIV_THROW(RuntimeException, name_, "Boolean node '" + name_ + "' has OnValue equal to OffValue");
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+    ReadSelected(d);
     // A floating boolean holds "true"/"false" literally.
     NodeDesc copy = d;
     for (auto& c : copy.children)
@@ -277,7 +281,7 @@ class CBooleanNode : public CNode, public IBoolean, public ISelector {
   void Link() override {
     CNode::Link();
     src_.Link(this, [this](NodeRef& r) { Resolve(r); });
-    for (auto& s : selected_) s.node = map_->Find(s.name);
+    LinkSelected(this);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
   void ValueInputs(std::vector<CNode*>& out) const override { src_.Inputs(out); }
@@ -309,18 +313,10 @@ class CBooleanNode : public CNode, public IBoolean, public ISelector {
     else KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a boolean");
   }
   bool IsValueCacheValid() const override { return false; }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   CValueSource src_;
   int64_t on_ = 1, off_ = 0;
-  std::vector<NodeRef> selected_;
 };
 
 class CCommandNode : public CNode, public ICommand {
