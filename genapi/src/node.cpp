@@ -220,6 +220,7 @@ FormulaValue CNode::NumInc() { return FormulaValue::Int(1); }
 static bool Nonzero(const FormulaValue& v) { return v.is_float ? v.f != 0.0 : v.i != 0; }
 
 EAccessMode CNode::GetAccessMode() const {
+  KIV_LOCK();
   if (am_cache_ != _UndefinedAccesMode) return am_cache_;
   if (evaluating_) return NA;  // a cycle through pIs* references: not available
   EAccessMode m;

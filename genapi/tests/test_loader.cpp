@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <sstream>
+#include <zip.h>
+#include <unistd.h>
 
 #include "fake_port.h"
 
@@ -138,6 +141,40 @@ TEST(Loader, ReferenceCyclesEndInAnException) {
     }
     ADD_FAILURE() << n << " evaluated through a cycle";
   }
+}
+
+// Writes `xml` as the only entry of a ZIP file and returns the file's bytes.
+std::string Zip(const std::string& xml, const std::string& path) {
+  zipFile z = zipOpen(path.c_str(), APPEND_STATUS_CREATE);
+  EXPECT_NE(z, nullptr);
+  EXPECT_EQ(zipOpenNewFileInZip(z, "camera.xml", nullptr, nullptr, 0, nullptr, 0, nullptr, Z_DEFLATED,
+                                Z_DEFAULT_COMPRESSION), ZIP_OK);
+  zipWriteInFileInZip(z, xml.data(), static_cast<unsigned>(xml.size()));
+  zipCloseFileInZip(z);
+  zipClose(z, nullptr);
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+TEST(Loader, ZipDescriptionsInMemoryAndOnDisk) {
+  std::string path = ::testing::TempDir() + "kivgenapi_" + std::to_string(getpid()) + ".zip";
+  std::string zip = Zip(Describe("<Integer Name=\"Z\"><Value>42</Value></Integer>"), path);
+  {
+    CNodeMapRef map;
+    map._LoadXMLFromZIPData(zip.data(), zip.size());
+    EXPECT_EQ(CIntegerPtr(map._GetNode("Z"))->GetValue(), 42);
+  }
+  {
+    CNodeMapRef map;
+    map._LoadXMLFromZIPFile(path);
+    EXPECT_EQ(CIntegerPtr(map._GetNode("Z"))->GetValue(), 42);
+  }
+  // A truncated archive is an error, not a crash.
+  CNodeMapRef map;
+  EXPECT_THROW(map._LoadXMLFromZIPData(zip.data(), zip.size() / 2), RuntimeException);
+  std::remove(path.c_str());
 }
 
 TEST(Loader, ZipDataAndFiles) {
