@@ -98,6 +98,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
     CheckEntryAvailable(e);
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(v), verify);
+    CheckErrors();
   }
   int64_t GetIntValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();

@@ -196,6 +196,7 @@ class CFormulaFace<Base, false> : public Base, public IInteger {
   void SetValue(int64_t v, bool verify) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
     this->Write(FormulaValue::Int(v), verify);
+    this->CheckErrors();
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
@@ -227,6 +228,7 @@ class CFormulaFace<Base, true> : public Base, public IFloat {
   void SetValue(double v, bool verify) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
     this->Write(FormulaValue::Float(v), verify);
+    this->CheckErrors();
   }
   double GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());

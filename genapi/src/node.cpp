@@ -140,6 +140,7 @@ CNode::CNode(CNodeMap* map, const NodeDesc& d) : map_(map), name_(d.name) {
   alias_.name = d.Text("pAlias");
   cast_alias_.name = d.Text("pCastAlias");
   for (const DescChild* c : d.All("pInvalidator")) invalidators_.push_back(NodeRef{c->text, nullptr});
+  for (const DescChild* c : d.All("pError")) errors_.push_back(NodeRef{c->text, nullptr});
   for (const auto& c : d.children)
     if (!c.text.empty() && properties_.find(c.tag) == properties_.end()) properties_[c.tag] = c.text;
 }
@@ -176,6 +177,7 @@ void CNode::Link() {
   Resolve(block_polling_);
   alias_.node = map_->Find(alias_.name);
   cast_alias_.node = map_->Find(cast_alias_.name);
+  for (auto& r : errors_) r.node = map_->Find(r.name);
   // pInvalidator X: a change of X drops this node's cache.
   for (auto& r : invalidators_) {
     r.node = map_->Find(r.name);
@@ -350,6 +352,22 @@ void CSelectorFace::GetSelectedFeatures(FeatureList_t& f) const {
   f.clear();
   for (const auto& s : selected_)
     if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+}
+
+void CNode::CheckErrors() {
+  for (const auto& r : errors_) {
+    auto* e = dynamic_cast<IEnumeration*>(r.node);
+    if (!e) continue;
+    int64_t v = e->GetIntValue(false, true);
+    if (v == 0) continue;
+    std::string text = "error " + std::to_string(v);
+    if (IEnumEntry* entry = e->GetEntry(v)) {
+      INode* n = entry->GetNode();
+      text = std::string(n->GetDisplayName());
+      if (!n->GetDescription().empty()) text += ": " + n->GetDescription();
+    }
+    KIV_THROW(InvalidArgumentException, name_, "Node " + Quoted() + " reports " + text);
+  }
 }
 
 void CNode::MarkFeature() { is_feature_ = true; }

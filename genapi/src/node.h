@@ -116,6 +116,9 @@ class CNode : virtual public INode {
   // Invalidates this node and everything depending on it.
   void InvalidateTree();
 
+  // Reads the pError enumerations after a write (or a verified read); a
+  // nonzero error raises InvalidArgumentException with the entry's texts.
+  void CheckErrors();
   void AddDependent(CNode* n);
   void AddPollingTime(int64_t ms);
   void MarkFeature();
@@ -149,6 +152,7 @@ class CNode : virtual public INode {
   EAccessMode imposed_by_call_ = RW;     // ImposeAccessMode()
   NodeRef is_implemented_, is_available_, is_locked_, block_polling_, alias_, cast_alias_;
   std::vector<NodeRef> invalidators_;
+  std::vector<NodeRef> errors_;
   std::vector<NodeRef> children_;        // every resolved reference, for GetChildren
   std::vector<CNode*> dependents_;       // to invalidate when this node changes
   std::vector<CNode*> parents_;

@@ -269,7 +269,11 @@ class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace 
     WriteBytes(b, len_);
   }
 
-  void SetValue(int64_t v, bool verify) override { KIV_LOCK(); Write(v, verify); }
+  void SetValue(int64_t v, bool verify) override {
+    KIV_LOCK();
+    Write(v, verify);
+    CheckErrors();
+  }
   int64_t GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
   int64_t GetMin() override { return min_; }
   int64_t GetMax() override { return max_; }
@@ -341,7 +345,11 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
     Disassemble(raw, b, len, little_);
     WriteBytes(b, len);
   }
-  void SetValue(double v, bool verify) override { KIV_LOCK(); Write(v, verify); }
+  void SetValue(double v, bool verify) override {
+    KIV_LOCK();
+    Write(v, verify);
+    CheckErrors();
+  }
   double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
   double GetMin() override { return has_min_ ? min_ : -DBL_MAX; }
   double GetMax() override { return has_max_ ? max_ : DBL_MAX; }

@@ -190,6 +190,7 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelecto
       KIV_THROW(OutOfRangeException, name_, "Value " + std::to_string(v) + " of node '" + name_ +
                                                 "' is not in its set of valid values");
     Write(FormulaValue::Int(v), verify);
+    CheckErrors();
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
@@ -234,7 +235,11 @@ class CFloatNode : public CNumberNode<true>, public IFloat {
  public:
   using CNumberNode::CNumberNode;
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
-  void SetValue(double v, bool verify) override { KIV_LOCK(); Write(FormulaValue::Float(v), verify); }
+  void SetValue(double v, bool verify) override {
+    KIV_LOCK();
+    Write(FormulaValue::Float(v), verify);
+    CheckErrors();
+  }
   double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache).AsFloat(); }
   double GetMin() override { KIV_LOCK(); return NumMin().AsFloat(); }
   double GetMax() override { KIV_LOCK(); return NumMax().AsFloat(); }
@@ -291,6 +296,7 @@ class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
     CheckWritable();
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(v ? on_ : off_), verify);
+    CheckErrors();
   }
   bool GetValue(bool verify, bool ignore_cache) const override {
     KIV_LOCK();

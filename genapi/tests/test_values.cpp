@@ -195,6 +195,24 @@ TEST(String, FloatingAndRegisterBacked) {
   EXPECT_EQ(p->GetMaxLength(), 4);
 }
 
+TEST(Integer, DeviceErrorAfterAWriteIsReported) {
+  Fixture f(RegAt("0", "0") + RegAt("1", "4") + R"(
+    <Enumeration Name="Err"><pValue>R1</pValue>
+      <EnumEntry Name="Ok"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="TooBig"><Value>3</Value><Description>value exceeds the sensor size</Description></EnumEntry>
+    </Enumeration>
+    <Integer Name="I"><pValue>R0</pValue><pError>Err</pError></Integer>)");
+  CIntegerPtr i(f.Node("I"));
+  i->SetValue(5);
+  f.port.PokeU32BE(4, 3);  // the device flags the next write
+  try {
+    i->SetValue(6);
+    FAIL() << "no exception";
+  } catch (const InvalidArgumentException& e) {
+    EXPECT_NE(std::string(e.GetDescription()).find("sensor size"), std::string::npos);
+  }
+}
+
 TEST(SmartPointers, WrongInterfaceGivesEmptyPointer) {
   Fixture f(RegAt("0", "0") + kEnum);
   CIntegerPtr wrong(f.Node("E"));
