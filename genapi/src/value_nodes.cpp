@@ -351,7 +351,7 @@ class CCommandNode : public CNode, public ICommand {
     CheckWritable();
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(ToInt(Eval(command_))), verify);
-    if (src_.floating()) NotifyWritten();
+    was_done_ = false;
   }
   bool IsDone(bool) override {
     KIV_LOCK();
@@ -377,7 +377,6 @@ class CCommandNode : public CNode, public ICommand {
   void FromString(const gcstring& s, bool verify) override {
     if (s == "1" || s == "true") {
       Execute(verify);
-      was_done_ = false;
     } else {
       KIV_THROW(InvalidArgumentException, name_, "Command '" + name_ + "' can only be executed with \"1\" or \"true\"");
     }

@@ -68,6 +68,23 @@ TEST(ByteOrder, IntRegAssemblesBothOrdersAndSignExtends) {
   EXPECT_THROW(CIntegerPtr(f.Node("S16"))->SetValue(40000), OutOfRangeException);
 }
 
+TEST(ByteOrder, LengthFromANodeIsSettledAtEachAccess) {
+  Fixture f(R"(<Integer Name="Len"><Value>2</Value></Integer>
+    <IntReg Name="R"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <Endianess>BigEndian</Endianess><Cachable>NoCache</Cachable></IntReg>
+    <FloatReg Name="F"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <Endianess>BigEndian</Endianess></FloatReg>)");
+  f.port.Poke(0, {0x01, 0x02, 0x03, 0x04});
+  CIntegerPtr r(f.Node("R"));
+  EXPECT_EQ(r->GetValue(), 0x0102);
+  EXPECT_EQ(r->GetMax(), 0xFFFF);
+  EXPECT_THROW(CFloatPtr(f.Node("F"))->GetValue(), LogicalErrorException);
+  CIntegerPtr(f.Node("Len"))->SetValue(4);
+  EXPECT_EQ(r->GetValue(), 0x01020304);
+  CIntegerPtr(f.Node("Len"))->SetValue(9);
+  EXPECT_THROW(r->GetValue(), LogicalErrorException);
+}
+
 TEST(BitFields, LittleAndBigEndianNumberingAgree) {
   // The same physical field (bits 4..7 of the value) in both numberings.
   Fixture f(Reg("MaskedIntReg", "LE", "<Address>0</Address><LSB>4</LSB><MSB>7</MSB>", "2") +
