@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <cstring>
+#include <cstdio>
+#include <limits>
 
 #include "formula_code.h"
 
@@ -212,7 +213,11 @@ class Compiler {
       const char* first = text_.data() + start;
       const char* last = text_.data() + p;
       // Decimal only: a leading zero does not mean octal.
-      std::from_chars(first, last, t->d);
+      if (std::from_chars(first, last, t->d).ec == std::errc::result_out_of_range) {
+        // Overflow becomes infinity, underflow zero, as in any C library.
+        const bool tiny = std::find(first, last, '-') != last;
+        t->d = tiny ? 0.0 : std::numeric_limits<double>::infinity();
+      }
       if (!t->is_float) {
         auto r = std::from_chars(first, last, t->u);
         t->fits_int = r.ec == std::errc();

@@ -153,6 +153,9 @@ TEST(FormulaSemantics, OverflowWrapsAndSaturates) {
   EXPECT_EQ(I("0x7fffffffffffffff"), kMax);
   EXPECT_EQ(I("-9223372036854775808"), kMin);
   EXPECT_EQ(I("1e30"), kMax);
+  EXPECT_EQ(I("1e999"), kMax);
+  EXPECT_EQ(F("1e999"), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(F("1e-999"), 0.0);
   // Float results outside int64 saturate when read as integers, NaN reads 0.
   EXPECT_EQ(CFormula("1e300", kF, {}).EvaluateInt(nullptr), kMax);
   CFormula nan("SQRT(-1)", kF, {});
