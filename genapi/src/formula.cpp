@@ -35,9 +35,10 @@ std::string Quote(const std::string& text) {
   return "\"" + text.substr(0, kMax) + "...\"";
 }
 
-bool IsIdentStart(char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_'; }
-bool IsIdentChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
+// ASCII only, whatever the process locale says.
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsIdentStart(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; }
+bool IsIdentChar(char c) { return IsIdentStart(c) || IsDigit(c); }
 
 std::string Upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -79,6 +80,7 @@ constexpr int kAndLevel = 3;
 
 bool LookupBinary(Tok t, BinaryOp* out) {
   switch (t) {
+    // && and || compile to short-circuit jumps, not to an operator.
     case Tok::Or: *out = {kOrLevel, Op::Jump}; return true;
     case Tok::And: *out = {kAndLevel, Op::Jump}; return true;
     case Tok::BitOr: *out = {4, Op::BitOr}; return true;
