@@ -222,8 +222,9 @@ FormulaValue CNode::NumInc() { return FormulaValue::Int(1); }
 static bool Nonzero(const FormulaValue& v) { return v.is_float ? v.f != 0.0 : v.i != 0; }
 
 EAccessMode CNode::GetAccessMode() const {
+  EAccessMode cached = am_cache_.load(std::memory_order_acquire);
+  if (cached != _UndefinedAccesMode) return cached;
   KIV_LOCK();
-  if (am_cache_ != _UndefinedAccesMode) return am_cache_;
   if (evaluating_) return NA;  // a cycle through pIs* references: not available
   EAccessMode m;
   try {
@@ -252,7 +253,7 @@ EAccessMode CNode::GetAccessMode() const {
   } catch (const std::exception&) {
     m = NA;  // the port failed while reading a pIs* reference
   }
-  if (IsAccessModeCacheable() == Yes) am_cache_ = m;
+  if (IsAccessModeCacheable() == Yes) am_cache_.store(m, std::memory_order_release);
   return m;
 }
 

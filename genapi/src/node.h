@@ -2,6 +2,7 @@
 // (natural mode, pIs* references, imposed mode), invalidation and callbacks.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -157,7 +158,8 @@ class CNode : virtual public INode {
   std::vector<CNode*> dependents_;       // to invalidate when this node changes
   std::vector<CNode*> parents_;
   std::map<std::string, std::string> properties_;
-  mutable EAccessMode am_cache_ = _UndefinedAccesMode;
+  // Read without the map lock on the fast path, so kept atomic.
+  mutable std::atomic<EAccessMode> am_cache_{_UndefinedAccesMode};
   mutable int am_cacheable_ = -1;        // -1 unknown, 0 no, 1 yes
   mutable int caching_mode_ = -1;        // -1 unknown, else ECachingMode
   std::vector<std::pair<CallbackHandleType, NodeCallback>> callbacks_;
