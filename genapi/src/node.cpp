@@ -97,9 +97,18 @@ EvalGuard::EvalGuard(const CNode* n) : node_(n) {
   if (n->evaluating_)
     throw LogicalErrorException("Reference cycle detected while evaluating node '" + n->name() + "'", __FILE__,
                                 __LINE__, n->name());
+  // Real descriptions nest a few dozen levels; a limit keeps hostile ones
+  // from exhausting the stack.
+  if (n->map()->depth_ >= kMaxDepth)
+    throw LogicalErrorException("References nested too deeply at node '" + n->name() + "'", __FILE__, __LINE__,
+                                n->name());
+  ++n->map()->depth_;
   const_cast<CNode*>(n)->evaluating_ = true;
 }
-EvalGuard::~EvalGuard() { const_cast<CNode*>(node_)->evaluating_ = false; }
+EvalGuard::~EvalGuard() {
+  const_cast<CNode*>(node_)->evaluating_ = false;
+  --node_->map()->depth_;
+}
 
 static EVisibility ParseVisibility(const std::string& s) {
   if (s == "Expert") return Expert;
@@ -259,14 +268,10 @@ EAccessMode CNode::GetAccessMode() const {
 
 EYesNo CNode::IsAccessModeCacheable() const {
   if (am_cacheable_ >= 0) return am_cacheable_ ? Yes : No;
-  if (evaluating_) return No;
+  if (evaluating_ || map_->depth_ >= kMaxDepth) return No;
   bool ok = true;
   {
-    struct Flag {
-      const CNode* n;
-      Flag(const CNode* x) : n(x) { const_cast<CNode*>(n)->evaluating_ = true; }
-      ~Flag() { const_cast<CNode*>(n)->evaluating_ = false; }
-    } f(this);
+    EvalGuard f(this);
     for (const NodeRef* r : {&is_implemented_, &is_available_, &is_locked_})
       if (r->node && (r->node->GetCachingMode() == NoCache || r->node->IsAccessModeCacheable() == No)) ok = false;
     std::vector<CNode*> in;
@@ -281,13 +286,15 @@ EYesNo CNode::IsAccessModeCacheable() const {
 ECachingMode CNode::GetCachingMode() const {
   if (caching_mode_ >= 0) return static_cast<ECachingMode>(caching_mode_);
   ECachingMode m = OwnCachingMode();
-  if (!evaluating_) {
-    const_cast<CNode*>(this)->evaluating_ = true;
+  // Inside a cycle or too deep the answer is unknown: do not cache, and do
+  // not remember the guess.
+  if (evaluating_ || map_->depth_ >= kMaxDepth) return NoCache;
+  {
+    EvalGuard g(this);
     std::vector<CNode*> in;
     ValueInputs(in);
     for (CNode* n : in)
       if (n) m = Combine(m, n->GetCachingMode());
-    const_cast<CNode*>(this)->evaluating_ = false;
   }
   caching_mode_ = m;
   return m;
@@ -299,21 +306,33 @@ void CNode::FireCallbacks() {
   for (auto& c : cbs) c.second(this);
 }
 
-void CNode::InvalidateTree() {
-  if (visit_epoch_ == map_->epoch()) return;
-  visit_epoch_ = map_->epoch();
+// Walks the dependents with an explicit stack: dependency chains can be
+// longer than the call stack is deep.
+static void InvalidateFrom(CNodeMap* map, std::vector<CNode*> pending) {
+  while (!pending.empty()) {
+    CNode* n = pending.back();
+    pending.pop_back();
+    if (n->visit_epoch_ == map->epoch()) continue;
+    n->visit_epoch_ = map->epoch();
+    n->ClearCaches();
+    n->AppendDependents(pending);
+  }
+}
+
+void CNode::ClearCaches() {
   DropCache();
   am_cache_ = _UndefinedAccesMode;
   if (!callbacks_.empty()) FireCallbacks();
-  for (CNode* d : dependents_) d->InvalidateTree();
 }
+
+void CNode::InvalidateTree() { InvalidateFrom(map_, {this}); }
 
 void CNode::NotifyWritten() {
   map_->NextEpoch();
   visit_epoch_ = map_->epoch();
   am_cache_ = _UndefinedAccesMode;
   if (!callbacks_.empty()) FireCallbacks();
-  for (CNode* d : dependents_) d->InvalidateTree();
+  InvalidateFrom(map_, dependents_);
 }
 
 void CNode::InvalidateNode() {

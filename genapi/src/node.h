@@ -38,6 +38,8 @@ struct NumRef {
   bool present() const { return has_literal || ref.set(); }
 };
 
+constexpr int kMaxDepth = 400;
+
 // Marks a node as being evaluated so that reference cycles end in an
 // exception instead of a stack overflow.
 class EvalGuard {
@@ -121,6 +123,8 @@ class CNode : virtual public INode {
   // nonzero error raises InvalidArgumentException with the entry's texts.
   void CheckErrors();
   void AddDependent(CNode* n);
+  void ClearCaches();
+  void AppendDependents(std::vector<CNode*>& out) const { out.insert(out.end(), dependents_.begin(), dependents_.end()); }
   void AddPollingTime(int64_t ms);
   void MarkFeature();
   bool evaluating_ = false;

@@ -158,6 +158,24 @@ std::string Zip(const std::string& xml, const std::string& path) {
   return ss.str();
 }
 
+TEST(Loader, VeryLongReferenceChainsFailCleanly) {
+  // 20000 integers, each reading the next and invalidated by the previous.
+  const int n = 20000;
+  std::string nodes;
+  for (int i = 0; i < n; ++i) {
+    std::string me = "N" + std::to_string(i), next = "N" + std::to_string(i + 1);
+    nodes += "<Integer Name=\"" + me + "\">" +
+             (i + 1 < n ? "<pValue>" + next + "</pValue>" : std::string("<Value>7</Value>")) +
+             (i > 0 ? "<pInvalidator>N" + std::to_string(i - 1) + "</pInvalidator>" : std::string()) + "</Integer>";
+  }
+  kivtest::Fixture f(nodes);
+  EXPECT_EQ(CIntegerPtr(f.Node("N19990"))->GetValue(), 7);
+  EXPECT_THROW(CIntegerPtr(f.Node("N0"))->GetValue(), GenericException);  // too deep: not available
+  f.Node("N0")->InvalidateNode();  // walks all 20000 dependents without recursion
+  CIntegerPtr(f.Node("N19999"))->SetValue(8);
+  EXPECT_EQ(CIntegerPtr(f.Node("N19990"))->GetValue(), 8);
+}
+
 TEST(Loader, ZipDescriptionsInMemoryAndOnDisk) {
   std::string path = ::testing::TempDir() + "kivgenapi_" + std::to_string(getpid()) + ".zip";
   std::string zip = Zip(Describe("<Integer Name=\"Z\"><Value>42</Value></Integer>"), path);
