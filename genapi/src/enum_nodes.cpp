@@ -133,6 +133,16 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
     SetIntValue(e->value(), verify);
   }
   bool IsValueCacheValid() const override { return false; }
+  // A self-clearing entry (e.g. an auto function running "Once") ends on its
+  // own; only then is re-reading worth it.
+  bool PollingActive() override {
+    try {
+      CEnumEntryNode* e = Find(ToInt(src_.Get(this, false, false)));
+      return e && e->IsSelfClearing();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(GetIntValue(verify, ignore_cache)); }
   void SetNum(const FormulaValue& v, bool verify) override { SetIntValue(ToInt(v), verify); }
   FormulaValue NumMin() override {

@@ -327,6 +327,28 @@ void CNode::ClearCaches() {
 
 void CNode::InvalidateTree() { InvalidateFrom(map_, {this}); }
 
+// A polled or explicitly invalidated feature must read the device again, so
+// the caches of what it reads from are dropped too, then everything above.
+void CNode::InvalidateWithInputs() {
+  std::vector<CNode*> closure{this}, pending{this};
+  uint64_t mark = map_->NextEpoch();
+  visit_epoch_ = mark;
+  while (!pending.empty()) {
+    CNode* n = pending.back();
+    pending.pop_back();
+    std::vector<CNode*> in;
+    n->ValueInputs(in);
+    for (CNode* i : in)
+      if (i && i->visit_epoch_ != mark) {
+        i->visit_epoch_ = mark;
+        closure.push_back(i);
+        pending.push_back(i);
+      }
+  }
+  map_->NextEpoch();
+  InvalidateFrom(map_, closure);
+}
+
 void CNode::NotifyWritten() {
   map_->NextEpoch();
   visit_epoch_ = map_->epoch();
@@ -337,8 +359,7 @@ void CNode::NotifyWritten() {
 
 void CNode::InvalidateNode() {
   KIV_LOCK();
-  map_->NextEpoch();
-  InvalidateTree();
+  InvalidateWithInputs();
 }
 
 void CNode::AddPollingTime(int64_t ms) {
@@ -349,11 +370,11 @@ void CNode::AddPollingTime(int64_t ms) {
     } catch (...) {
     }
   }
+  if (!PollingActive()) return;
   polling_elapsed_ += ms;
   if (polling_elapsed_ >= polling_time_) {
     polling_elapsed_ = 0;
-    map_->NextEpoch();
-    InvalidateTree();
+    InvalidateWithInputs();
   }
 }
 

@@ -105,6 +105,8 @@ class CNode : virtual public INode {
   // Drops the value cache of this node only.
   virtual void DropCache() {}
   virtual bool HasValueCache() const { return false; }
+  // Whether PollingTime applies right now (a command only while busy, ...).
+  virtual bool PollingActive() { return true; }
 
   // Numeric access used by references (pValue, pMin, formulas, ...).
   virtual FormulaValue GetNum(bool verify, bool ignore_cache);
@@ -118,6 +120,7 @@ class CNode : virtual public INode {
   void NotifyWritten();
   // Invalidates this node and everything depending on it.
   void InvalidateTree();
+  void InvalidateWithInputs();
 
   // Reads the pError enumerations after a write (or a verified read); a
   // nonzero error raises InvalidArgumentException with the entry's texts.

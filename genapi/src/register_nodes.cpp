@@ -112,7 +112,6 @@ class CRegisterBase : public CNode {
       if (t.p_offset.node) out.push_back(t.p_offset.node);
     }
     if (length_.ref.node) out.push_back(length_.ref.node);
-    if (port_node_) out.push_back(port_node_);
   }
   void DropCache() override { cache_valid_ = false; }
   bool HasValueCache() const override { return true; }

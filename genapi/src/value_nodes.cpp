@@ -373,6 +373,7 @@ class CCommandNode : public CNode, public ICommand {
     CheckReadable();
     return src_.Get(this, verify, ignore_cache);
   }
+  bool PollingActive() override { return !was_done_; }
   gcstring ToString(bool, bool) override { return IsDone(true) ? "0" : "1"; }
   void FromString(const gcstring& s, bool verify) override {
     if (s == "1" || s == "true") {

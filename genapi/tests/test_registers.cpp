@@ -238,8 +238,38 @@ TEST(Caching, PollingInvalidatesAfterItsTimeAndCallbacksFire) {
   f.map._Poll(500);
   EXPECT_EQ(p->GetValue(), 2);
   EXPECT_EQ(fired, 1);
+  // Invalidating a feature reaches the register it reads from.
+  f.port.PokeU32LE(0, 3);
+  f.Node("Dep")->InvalidateNode();
+  EXPECT_EQ(CIntegerPtr(f.Node("Dep"))->GetValue(), 3);
   EXPECT_EQ(f.Node("P")->GetPollingTime(), 1000);
   EXPECT_EQ(f.Node("Dep")->GetPollingTime(), -1);
+}
+
+TEST(Caching, CommandsAndEnumerationsPollOnlyWhileSomethingIsPending) {
+  Fixture f(Reg("IntReg", "R", "<Address>0</Address>") + Reg("IntReg", "E", "<Address>4</Address>") + R"(
+    <Command Name="C"><pValue>R</pValue><CommandValue>1</CommandValue><PollingTime>100</PollingTime></Command>
+    <Enumeration Name="Auto"><pValue>E</pValue><PollingTime>100</PollingTime>
+      <EnumEntry Name="Off"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="Once"><Value>1</Value><IsSelfClearing>Yes</IsSelfClearing></EnumEntry></Enumeration>)");
+  int command_events = 0, enum_events = 0;
+  f.Node("C")->RegisterCallback([&](INode*) { ++command_events; });
+  f.Node("Auto")->RegisterCallback([&](INode*) { ++enum_events; });
+  f.map._Poll(100);
+  EXPECT_EQ(command_events, 0);  // idle command, enumeration on a steady entry
+  EXPECT_EQ(enum_events, 0);
+  CCommandPtr(f.Node("C"))->Execute();
+  CEnumerationPtr(f.Node("Auto"))->FromString("Once");
+  command_events = enum_events = 0;
+  f.map._Poll(100);
+  EXPECT_EQ(command_events, 1);
+  EXPECT_EQ(enum_events, 1);
+  f.port.PokeU32LE(4, 0);  // the device finished the one-shot
+  f.map._Poll(100);
+  EXPECT_EQ(std::string(CEnumerationPtr(f.Node("Auto"))->ToString()), "Off");
+  enum_events = 0;
+  f.map._Poll(100);
+  EXPECT_EQ(enum_events, 0);
 }
 
 TEST(PortErrors, PassThroughUnchangedAndLeaveNoStaleCache) {
