@@ -20,7 +20,9 @@ class CEnumEntryNode : public CNode, public IEnumEntry {
     numeric_ = static_cast<double>(value_);
     double n;
     if (d.Has("NumericValue") && ParseDouble(d.Text("NumericValue"), n)) numeric_ = n;
-    symbolic_ = d.Has("Symbolic") ? d.Text("Symbolic") : d.Attr("_EntryName");
+    // Nested entries are renamed after their enumeration; a free-standing
+    // entry (pEnumEntry in old descriptions) keeps its own name.
+    symbolic_ = d.Has("Symbolic") ? d.Text("Symbolic") : !d.Attr("_EntryName").empty() ? d.Attr("_EntryName") : d.name;
     self_clearing_ = d.Text("IsSelfClearing") == "Yes";
   }
   EAccessMode NaturalAccessMode() const override { return RO; }

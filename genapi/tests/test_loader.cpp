@@ -195,6 +195,24 @@ TEST(Loader, ZipDescriptionsInMemoryAndOnDisk) {
   std::remove(path.c_str());
 }
 
+TEST(Loader, OldStyleEntryReferencesAndSwappedPorts) {
+  CNodeMapRef map;
+  map._LoadXMLFromString(Describe(R"(
+    <Port Name="Swapped"><SwapEndianess>Yes</SwapEndianess></Port>
+    <EnumEntry Name="Slow"><Value>1</Value></EnumEntry>
+    <EnumEntry Name="Fast"><Value>2</Value></EnumEntry>
+    <Enumeration Name="Speed"><pEnumEntry>Slow</pEnumEntry><pEnumEntry>Fast</pEnumEntry><pValue>R</pValue></Enumeration>
+    <IntReg Name="R"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Swapped</pPort>
+      <Endianess>BigEndian</Endianess></IntReg>)", false));
+  FakePort port;
+  ASSERT_TRUE(map._Connect(&port, "Swapped"));
+  CEnumerationPtr speed(map._GetNode("Speed"));
+  *speed = "Fast";
+  // A big-endian 2 seen through a quadlet-swapping port lands little-endian.
+  EXPECT_EQ(port.Peek(0, 4), (std::vector<uint8_t>{2, 0, 0, 0}));
+  EXPECT_EQ(std::string(speed->ToString(false, true)), "Fast");
+}
+
 TEST(Loader, ZipDataAndFiles) {
   CNodeMapRef map;
   const char junk[] = "PK\3\4 this is not really an archive";
