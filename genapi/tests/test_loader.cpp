@@ -78,6 +78,12 @@ TEST(Loader, RejectsMalformedDocuments) {
     EXPECT_THROW(map._LoadXMLFromString(xml), RuntimeException) << xml;
     EXPECT_EQ(map._Ptr, nullptr);
   }
+  // Nested address knives a thousand levels deep.
+  std::string deep;
+  for (int i = 0; i < 1000; ++i) deep += "<IntSwissKnife Name=\"K" + std::to_string(i) + "\">";
+  for (int i = 0; i < 1000; ++i) deep += "</IntSwissKnife>";
+  CNodeMapRef map;
+  EXPECT_THROW(map._LoadXMLFromString(Describe(deep)), RuntimeException);
 }
 
 TEST(Loader, SecondLoadAndUnloadedReferenceAreErrors) {
