@@ -189,9 +189,13 @@ template <class Base, bool Float>
 class CFormulaFace;
 
 template <class Base>
-class CFormulaFace<Base, false> : public Base, public IInteger {
+class CFormulaFace<Base, false> : public Base, public IInteger, public CSelectorFace {
  public:
-  using Base::Base;
+  CFormulaFace(CNodeMap* m, const NodeDesc& d, bool float_mode) : Base(m, d, float_mode) { this->ReadSelected(d); }
+  void Link() override {
+    Base::Link();
+    this->LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
   void SetValue(int64_t v, bool verify) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
@@ -221,9 +225,13 @@ class CFormulaFace<Base, false> : public Base, public IInteger {
 };
 
 template <class Base>
-class CFormulaFace<Base, true> : public Base, public IFloat {
+class CFormulaFace<Base, true> : public Base, public IFloat, public CSelectorFace {
  public:
-  using Base::Base;
+  CFormulaFace(CNodeMap* m, const NodeDesc& d, bool float_mode) : Base(m, d, float_mode) { this->ReadSelected(d); }
+  void Link() override {
+    Base::Link();
+    this->LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
   void SetValue(double v, bool verify) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());

@@ -385,8 +385,18 @@ void CSelectorFace::ReadSelected(const NodeDesc& d) {
 void CSelectorFace::LinkSelected(CNode* owner) {
   for (auto& s : selected_) {
     s.node = static_cast<CNodeMap*>(owner->GetNodeMap())->Find(s.name);
-    if (s.node) owner->AddDependent(s.node);
+    if (s.node) {
+      owner->AddDependent(s.node);
+      s.node->selecting_.push_back(owner);
+    }
   }
+}
+
+void CSelectorFace::GetSelectingFeatures(FeatureList_t& f) const {
+  f.clear();
+  if (auto* self = dynamic_cast<const CNode*>(this))
+    for (CNode* n : self->selecting_)
+      if (IValue* v = dynamic_cast<IValue*>(n)) f.push_back(v);
 }
 
 void CSelectorFace::GetSelectedFeatures(FeatureList_t& f) const {

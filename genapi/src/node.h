@@ -164,6 +164,7 @@ class CNode : virtual public INode {
   std::vector<NodeRef> children_;        // every resolved reference, for GetChildren
   std::vector<CNode*> dependents_;       // to invalidate when this node changes
   std::vector<CNode*> parents_;
+  std::vector<CNode*> selecting_;        // selectors that name this node in pSelected
   std::map<std::string, std::string> properties_;
   // Read without the map lock on the fast path, so kept atomic.
   mutable std::atomic<EAccessMode> am_cache_{_UndefinedAccesMode};
@@ -173,6 +174,7 @@ class CNode : virtual public INode {
   CallbackHandleType next_callback_ = 1;
   friend class CNodeMap;
   friend class EvalGuard;
+  friend class CSelectorFace;
 };
 
 // The ISelector face of nodes that carry pSelected: a change of the
@@ -181,7 +183,7 @@ class CSelectorFace : public ISelector {
  public:
   bool IsSelector() const override { return !selected_.empty(); }
   void GetSelectedFeatures(FeatureList_t& f) const override;
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+  void GetSelectingFeatures(FeatureList_t& f) const override;
 
  protected:
   void ReadSelected(const NodeDesc& d);

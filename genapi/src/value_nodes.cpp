@@ -231,9 +231,13 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelecto
   IInteger* TargetInt() const { return dynamic_cast<IInteger*>(src_.Target(this)); }
 };
 
-class CFloatNode : public CNumberNode<true>, public IFloat {
+class CFloatNode : public CNumberNode<true>, public IFloat, public CSelectorFace {
  public:
-  using CNumberNode::CNumberNode;
+  CFloatNode(CNodeMap* map, const NodeDesc& d) : CNumberNode(map, d) { ReadSelected(d); }
+  void Link() override {
+    CNumberNode::Link();
+    LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
   void SetValue(double v, bool verify) override {
     KIV_LOCK();

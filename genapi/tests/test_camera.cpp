@@ -73,6 +73,10 @@ TEST_F(Camera, SelectorSwitchesTheGainRegister) {
   FeatureList_t selected;
   CSelectorPtr(map._GetNode("GainSelector"))->GetSelectedFeatures(selected);
   ASSERT_EQ(selected.size(), 1u);
+  FeatureList_t selecting;
+  CSelectorPtr(map._GetNode("Gain"))->GetSelectingFeatures(selecting);
+  ASSERT_EQ(selecting.size(), 1u);
+  EXPECT_EQ(std::string(selecting[0]->GetNode()->GetName()), "GainSelector");
   gain->SetValue(1.0);
   *sel = "Blue";
   gain->SetValue(3.5);
