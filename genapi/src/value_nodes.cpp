@@ -5,6 +5,7 @@
 #include <climits>
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "factories.h"
 #include "nodemap.h"
@@ -40,9 +41,31 @@ void CheckFloatRange(const CNode* n, double v, double min, double max) {
               "Value " + FormatDouble(v) + " of node '" + name + "' is above the maximum " + FormatDouble(max));
 }
 
+// "192.168.0.1" and "00:11:22:33:44:55": the forms ToString gives for
+// address representations.
+static bool ParseAddress(const std::string& s, int64_t& out) {
+  char sep = s.find(':') != std::string::npos ? ':' : '.';
+  int parts = sep == ':' ? 6 : 4, base = sep == ':' ? 16 : 10;
+  uint64_t v = 0;
+  size_t pos = 0;
+  for (int i = 0; i < parts; ++i) {
+    size_t end = s.find(sep, pos);
+    if ((end == std::string::npos) != (i == parts - 1)) return false;
+    std::string part = s.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+    if (part.empty() || part.size() > 3) return false;
+    char* stop = nullptr;
+    unsigned long byte = std::strtoul(part.c_str(), &stop, base);
+    if (*stop || byte > 255) return false;
+    v = (v << 8) | byte;
+    pos = end + 1;
+  }
+  out = static_cast<int64_t>(v);
+  return true;
+}
+
 int64_t IntArgument(const CNode* n, const std::string& s) {
   int64_t v;
-  if (!ParseInt64(s, v))
+  if (!ParseInt64(s, v) && !ParseAddress(s, v))
     KIV_THROW(InvalidArgumentException, n->name(), "Node '" + n->name() + "': '" + s + "' is not an integer");
   return v;
 }
@@ -63,6 +86,18 @@ ERepresentation ParseRepresentation(const std::string& s, ERepresentation def) {
 }
 
 std::string FormatInt(int64_t v, ERepresentation r) {
+  char buf[32];
+  uint64_t u = static_cast<uint64_t>(v);
+  if (r == IPV4Address) {
+    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", unsigned(u >> 24 & 255), unsigned(u >> 16 & 255),
+                  unsigned(u >> 8 & 255), unsigned(u & 255));
+    return buf;
+  }
+  if (r == MACAddress) {
+    std::snprintf(buf, sizeof buf, "%02X:%02X:%02X:%02X:%02X:%02X", unsigned(u >> 40 & 255), unsigned(u >> 32 & 255),
+                  unsigned(u >> 24 & 255), unsigned(u >> 16 & 255), unsigned(u >> 8 & 255), unsigned(u & 255));
+    return buf;
+  }
   if (r == HexNumber) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
