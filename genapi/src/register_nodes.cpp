@@ -72,7 +72,7 @@ class CRegisterBase : public CNode {
       length_.has_literal = true;
       length_.literal = FormulaValue::Int(4);
     }
-    if (length_.has_literal && (length_.literal.i <= 0 || length_.literal.i > (1 << 24)))
+    if (length_.has_literal && (length_.literal.i <= 0 || length_.literal.i > kMaxLength))
       KIV_THROW(RuntimeException, name_, "Register '" + name_ + "' has a bad Length");
     access_ = ParseAccessMode(d.Text("AccessMode"), RO);
     port_.name = d.Text("pPort");
@@ -116,7 +116,14 @@ class CRegisterBase : public CNode {
   void DropCache() override { cache_valid_ = false; }
   bool HasValueCache() const override { return true; }
 
-  int64_t Length() const { return length_.has_literal ? length_.literal.i : ToInt(Eval(length_)); }
+  int64_t Length() const {
+    if (length_.has_literal) return length_.literal.i;
+    int64_t len = ToInt(Eval(length_));
+    if (len <= 0 || len > kMaxLength)
+      KIV_THROW(OutOfRangeException, name_, "Register '" + name_ + "' has a length of " + std::to_string(len) + " bytes");
+    return len;
+  }
+  static constexpr int64_t kMaxLength = int64_t(1) << 24;
   int64_t Address() const {
     int64_t a = address_;
     for (const auto& r : p_address_) a += ToInt(Need(r, "pAddress")->GetNum(false, false));

@@ -85,6 +85,19 @@ TEST(ByteOrder, LengthFromANodeIsSettledAtEachAccess) {
   EXPECT_THROW(r->GetValue(), LogicalErrorException);
 }
 
+TEST(OtherRegisters, AbsurdLengthsFromNodesAreRefused) {
+  Fixture f(R"(<Integer Name="Len"><Value>-1</Value></Integer>
+    <StringReg Name="S"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort></StringReg>
+    <Register Name="R"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort></Register>)");
+  CIntegerPtr len(f.Node("Len"));
+  for (int64_t bad : {int64_t(-1), int64_t(0), int64_t(1) << 40}) {
+    len->SetValue(bad);
+    EXPECT_THROW(CStringPtr(f.Node("S"))->GetValue(), OutOfRangeException);
+    EXPECT_THROW(CRegisterPtr(f.Node("R"))->GetLength(), OutOfRangeException);
+  }
+  EXPECT_EQ(f.port.Reads(), 0u);
+}
+
 TEST(BitFields, LittleAndBigEndianNumberingAgree) {
   // The same physical field (bits 4..7 of the value) in both numberings.
   Fixture f(Reg("MaskedIntReg", "LE", "<Address>0</Address><LSB>4</LSB><MSB>7</MSB>", "2") +
