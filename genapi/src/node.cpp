@@ -260,7 +260,9 @@ EAccessMode CNode::GetAccessMode() const {
   } catch (const GenericException&) {
     m = NA;
   } catch (const std::exception&) {
-    m = NA;  // the port failed while reading a pIs* reference
+    // The port failed while reading a pIs* reference: NA for now, but not
+    // remembered, so the next query asks the device again.
+    return NA;
   }
   if (IsAccessModeCacheable() == Yes) am_cache_.store(m, std::memory_order_release);
   return m;

@@ -296,6 +296,16 @@ TEST(PortErrors, PassThroughUnchangedAndLeaveNoStaleCache) {
   EXPECT_EQ(r->GetValue(), 4);
 }
 
+TEST(PortErrors, FailedAvailabilityReadIsNotRemembered) {
+  Fixture f(Reg("IntReg", "Avail", "<Address>0</Address>") +
+            R"(<Integer Name="X"><Value>5</Value><pIsAvailable>Avail</pIsAvailable></Integer>)");
+  f.port.PokeU32LE(0, 1);
+  f.port.fail = true;
+  EXPECT_EQ(f.Node("X")->GetAccessMode(), NA);
+  f.port.fail = false;
+  EXPECT_EQ(f.Node("X")->GetAccessMode(), RW);
+}
+
 TEST(PortErrors, UnconnectedPortMakesRegistersUnavailable) {
   CNodeMapRef map;
   map._LoadXMLFromString(kivtest::Describe(Reg("IntReg", "R", "<Address>0</Address>")));
