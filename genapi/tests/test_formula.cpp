@@ -1,0 +1,545 @@
+// Formula compiler and evaluator: reference values, precedence, integer
+// versus float semantics, errors at compile and at evaluation, robustness
+// against hostile input, and a randomized comparison with a tree evaluator.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "formula.h"
+
+using KivGenApi::detail::CFormula;
+using KivGenApi::detail::FormulaError;
+using KivGenApi::detail::FormulaValue;
+using Mode = CFormula::Mode;
+
+namespace {
+
+// Variables of the tests: name and value.
+using Vars = std::vector<std::pair<std::string, FormulaValue>>;
+using Exprs = std::vector<std::pair<std::string, std::string>>;
+
+std::vector<std::string> Names(const Vars& vars) {
+  std::vector<std::string> names;
+  for (const auto& v : vars) names.push_back(v.first);
+  return names;
+}
+std::vector<FormulaValue> Values(const Vars& vars) {
+  std::vector<FormulaValue> values;
+  for (const auto& v : vars) values.push_back(v.second);
+  return values;
+}
+
+double F(const std::string& text, const Vars& vars = {}, const Exprs& exprs = {}) {
+  CFormula f(text, Mode::Float, Names(vars), exprs);
+  auto values = Values(vars);
+  return f.EvaluateFloat(values.data());
+}
+int64_t I(const std::string& text, const Vars& vars = {}, const Exprs& exprs = {}) {
+  CFormula f(text, Mode::Integer, Names(vars), exprs);
+  auto values = Values(vars);
+  return f.EvaluateInt(values.data());
+}
+
+// The message of the FormulaError that `fn` throws ("" when it throws none).
+std::string ErrorOf(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const FormulaError& e) {
+    return e.what();
+  }
+  return "";
+}
+std::string CompileError(const std::string& text, Mode mode = Mode::Float, const Vars& vars = {},
+                         const Exprs& exprs = {}) {
+  return ErrorOf([&] { CFormula f(text, mode, Names(vars), exprs); });
+}
+
+FormulaValue Int(int64_t v) { return FormulaValue::Int(v); }
+FormulaValue Flt(double v) { return FormulaValue::Float(v); }
+
+}  // namespace
+
+struct ValueCase {
+  const char* text;
+  Mode mode;
+  double want;
+};
+constexpr Mode kI = Mode::Integer;
+constexpr Mode kF = Mode::Float;
+
+void ExpectValues(const ValueCase* cases, size_t n) {
+  for (size_t k = 0; k < n; ++k) {
+    const ValueCase& c = cases[k];
+    if (c.mode == kI) {
+      EXPECT_EQ(I(c.text), static_cast<int64_t>(c.want)) << c.text;
+    } else {
+      EXPECT_NEAR(F(c.text), c.want, 1e-12 * (1 + std::fabs(c.want))) << c.text;
+    }
+  }
+}
+
+TEST(FormulaValues, LiteralsOperatorsAndFunctions) {
+  const ValueCase cases[] = {
+      // Reference results.
+      {"10.2+10+0x10+010", kF, 46.2}, {"15/6", kF, 2.5}, {"25.2 % 7", kF, 4.2}, {"6.0-0x05", kF, 1},
+      {"+2.2", kF, 2.2}, {"ROUND(5.5)", kF, 6}, {"ROUND(-5.5)", kF, -6}, {"ROUND(45.4545, 1)", kF, 45.5},
+      {"ROUND(45.4545, -1)", kF, 50}, {"ROUND(1.25, 400)", kF, 1.25}, {"ROUND(15, -400)", kF, 0},
+      {"ROUND(-1234.5, -2)", kF, -1200}, {"-5 && 7", kI, 1}, {"-5 && 7", kF, 1}, {"FRAC(-5.4)", kF, -0.4},
+      {"TRUNC(-5.5)", kF, -5}, {"2**16", kI, 65536},
+      // Literals: decimal leading zeros, hex as a 64-bit pattern in both
+      // modes, float forms; integer formulas truncate float literals.
+      {"007", kI, 7}, {"0Xff", kI, 255}, {"0xFFFFFFFFFFFFFFFF", kI, -1}, {"0xFFFFFFFFFFFFFFFF", kF, -1},
+      {".5 + 5.", kF, 5.5}, {"1.5e3 + 2E-1", kF, 1500.2}, {"123456789012345678901234567890", kF, 1.2345678901234568e29},
+      {"7.9", kI, 7}, {"-7.9", kI, -7},
+      // Functions, case-insensitive, and constants.
+      {"SGN(-3.5)", kF, -1}, {"SGN(0)", kF, 0}, {"SGN(0.1)", kF, 1}, {"NEG(2.5)", kF, -2.5},
+      {"ABS(-2.5)", kF, 2.5}, {"SQRT(6.25)", kF, 2.5}, {"EXP(1)", kF, M_E}, {"LN(E)", kF, 1},
+      {"LG(1000)", kF, 3}, {"SIN(PI/2)", kF, 1}, {"COS(PI)", kF, -1}, {"TAN(PI/4)", kF, 1},
+      {"ASIN(1)", kF, M_PI / 2}, {"ACOS(-1)", kF, M_PI}, {"ATAN(1)*4", kF, M_PI}, {"FLOOR(-2.5)", kF, -3},
+      {"CEIL(-2.5)", kF, -2}, {"CEIL(2.1)", kF, 3}, {"FRAC(7.25)", kF, 0.25}, {"neg(sgn(-2)) + Abs(-1)", kF, 2},
+      {"pi", kF, M_PI}, {"e", kF, M_E}, {"SGN(-7) + NEG(5)", kI, -6}, {"sgn(0)", kI, 0},
+      // Integer versus float: truncating / and C %, integer **.
+      {"15/6", kI, 2}, {"-15/6", kI, -2}, {"-15/6", kF, -2.5}, {"-7 % 3", kI, -1}, {"7 % -3", kI, 1},
+      {"-7.5 % 2", kF, -1.5}, {"3**4", kI, 81}, {"2**-1", kF, 0.5}, {"(-1)**-3", kI, -1}, {"1**-3", kI, 1},
+      // Float comparisons and logic give 1.0 / 0.0; bitwise operators and
+      // shifts work on the truncated int64 values.
+      {"2.5 > 2", kF, 1}, {"0.5 || 0", kF, 1}, {"0.5 && 0.25", kF, 1}, {"2.5 = 2.5", kF, 1},
+      {"2.5 <> 2.5", kF, 0}, {"7.9 & 3.2", kF, 3}, {"1.9 << 3.7", kF, 8}, {"~2.5", kF, -3},
+      {"5.5 ^ 1 | 8", kF, 12},
+  };
+  ExpectValues(cases, std::size(cases));
+  EXPECT_FALSE(std::signbit(F("-0.0 && 1")));  // a plain 0, not the operand
+}
+
+// The random comparison below covers precedence broadly; these pin the
+// decisions: unary minus binds tighter than ** (C rules), = binds tighter
+// than &, ?: and ** are right-associative, == is accepted for =.
+TEST(FormulaPrecedence, Decisions) {
+  const ValueCase cases[] = {
+      {"2+3*4", kI, 14}, {"10-4-3", kI, 3}, {"100/10/5", kI, 2}, {"7/2*3%4", kI, 1}, {"2**3**2", kI, 512},
+      {"-2**2", kI, 4}, {"-2**2", kF, 4}, {"2**-1", kI, 0}, {"~1+1", kI, -1}, {"1+2<<1", kI, 6},
+      {"1<2=1", kI, 1}, {"7&3=3", kI, 1}, {"1|2^3&4", kI, 3}, {"1||0&&0", kI, 1}, {"1==1", kI, 1},
+      {"1?2:0?3:4", kI, 2}, {"0?2:0?3:4", kI, 4}, {"0?2:1?3:4", kI, 3}, {"1?0?5:6:7", kI, 6},
+      {"1&&0?5:6", kI, 6}, {"2+(0?1:2)*3", kI, 8}, {"-8>>1", kI, -4},
+  };
+  ExpectValues(cases, std::size(cases));
+  // Shapes from real camera descriptions.
+  Vars v = {{"X", Int(1)}, {"A", Int(1)}, {"B", Int(0)}, {"Mode", Int(2)}};
+  EXPECT_EQ(I("A = 1 && B", v), 0);
+  EXPECT_EQ(I("Mode = 0 ? 100 : Mode = 1 ? 200 : Mode = 2 ? 300 : 400", v), 300);
+  EXPECT_EQ(I("(X & 0x1) = 1 ? (Mode << 4) | 0xF : 0", v), 0x2F);
+  EXPECT_EQ(I("A && NEG(B + 3)", v), 1);  // NEG is arithmetic, not a logical not
+}
+
+TEST(FormulaSemantics, OverflowWrapsAndSaturates) {
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  Vars v = {{"MIN", Int(kMin)}, {"MAX", Int(kMax)}};
+  EXPECT_EQ(I("MAX + 1", v), kMin);
+  EXPECT_EQ(I("-MIN", v), kMin);
+  EXPECT_EQ(I("MIN / -1", v), kMin);
+  EXPECT_EQ(I("MIN % -1", v), 0);
+  EXPECT_EQ(I("2 ** 64"), 0);
+  EXPECT_EQ(I("MIN >> 63", v), -1);
+  EXPECT_EQ(I("0x7fffffffffffffff"), kMax);
+  EXPECT_EQ(I("-9223372036854775808"), kMin);
+  EXPECT_EQ(I("1e30"), kMax);
+  EXPECT_EQ(I("1e999"), kMax);
+  EXPECT_EQ(F("1e999"), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(F("1e-999"), 0.0);
+  // Float results outside int64 saturate when read as integers, NaN reads 0.
+  EXPECT_EQ(CFormula("1e300", kF, {}).EvaluateInt(nullptr), kMax);
+  CFormula nan("SQRT(-1)", kF, {});
+  EXPECT_TRUE(std::isnan(nan.EvaluateFloat(nullptr)));
+  EXPECT_EQ(nan.EvaluateInt(nullptr), 0);
+}
+
+TEST(FormulaSemantics, ShortCircuitAvoidsEvaluationErrors) {
+  Vars v = {{"A", Int(10)}, {"B", Int(0)}};
+  EXPECT_EQ(I("B = 0 ? 0 : A / B", v), 0);
+  EXPECT_EQ(I("B <> 0 ? A / B : -1", v), -1);
+  EXPECT_EQ(I("B && A / B", v), 0);
+  EXPECT_EQ(I("A || A / B", v), 1);
+  EXPECT_DOUBLE_EQ(F("B <> 0 && A % B", v), 0.0);
+  // The other side is still evaluated when needed.
+  EXPECT_NE(ErrorOf([&] { I("A && A / B", v); }), "");
+  EXPECT_NE(ErrorOf([&] { I("B || A % B", v); }), "");
+}
+
+TEST(FormulaVariables, BindingAndTypes) {
+  Vars v = {{"V.Max", Int(100)}, {"SRC.Entry.Off", Int(3)}, {"SRC", Int(3)}, {"G", Flt(2.75)}};
+  EXPECT_EQ(I("SRC = SRC.Entry.Off ? V.Max : 0", v), 100);
+  EXPECT_EQ(I("G * 4", v), 8);              // float variable truncated in integer formulas
+  EXPECT_DOUBLE_EQ(F("G * 4", v), 11.0);    // but not in float formulas
+  EXPECT_EQ(I("Gx", {{"Gx", Flt(-1e300)}}), std::numeric_limits<int64_t>::min());
+  // A variable may shadow a constant or a function name when not called.
+  EXPECT_DOUBLE_EQ(F("E + SIN", {{"E", Flt(1.5)}, {"SIN", Int(2)}}), 3.5);
+  EXPECT_DOUBLE_EQ(F("e + SIN(0)", {{"E", Flt(1.5)}}), M_E);  // variables match exactly
+
+  // Converter formulas bind TO and FROM like any other variable.
+  CFormula from("TO * 10 + OLDTO", Mode::Integer, {"FROM", "TO", "OLDTO"});
+  EXPECT_EQ(from.used_variables(), (std::vector<bool>{false, true, true}));
+  FormulaValue values[] = {Int(0), Int(7), Int(1)};
+  EXPECT_EQ(from.EvaluateInt(values), 71);
+  EXPECT_EQ(from.mode(), Mode::Integer);
+}
+
+TEST(FormulaVariables, NamedExpressions) {
+  Vars v = {{"X", Int(3)}, {"Y", Int(5)}, {"Z", Int(7)}};
+  Exprs e = {{"TWICE", "2*X"}, {"SAFE", "Y = 0 ? 0 : X / Y"}, {"UNUSED", "Z"}};
+  EXPECT_EQ(I("TWICE + TWICE * 10", v, e), 66);
+  EXPECT_DOUBLE_EQ(F("SAFE * 10", v, e), 6.0);
+  // An expression inlined inside a conditional keeps its own jumps right.
+  EXPECT_EQ(I("X > 1 ? SAFE + 1 : TWICE", v, e), 1);
+  EXPECT_EQ(I("X > 5 ? SAFE + 1 : TWICE", v, e), 6);
+
+  CFormula f("TWICE + 1", Mode::Integer, Names(v), e);
+  EXPECT_EQ(f.used_variables(), (std::vector<bool>{true, false, false}));  // UNUSED's Z is not a dependency
+
+  EXPECT_NE(CompileError("A", Mode::Integer, {}, {{"A", "B + 1"}, {"B", "1"}}).find("cannot use other expressions"),
+            std::string::npos);
+  EXPECT_NE(CompileError("A", Mode::Integer, {}, {{"A", "A + 1"}}).find("cannot use other expressions"),
+            std::string::npos);
+  std::string bad = CompileError("A", Mode::Integer, {}, {{"A", "1 +"}});
+  EXPECT_NE(bad.find("expression 'A'"), std::string::npos) << bad;
+  EXPECT_NE(CompileError("X", Mode::Integer, v, {{"X", "1"}}), "");
+}
+
+TEST(FormulaErrors, RejectedAtCompileWithWhatAndWhere) {
+  struct Case {
+    const char* text;
+    const char* what;  // part of the message
+  } cases[] = {
+      {"", "empty"}, {"   \t ", "empty"}, {"\"abc\"", "strings"}, {"'abc'", "strings"},
+      {"1 $ 2", "'$'"}, {"#1", "'#'"}, {"!A", "'!'"}, {"1 != 2", "'!'"}, {"1 2 3", "number 2"},
+      {"(1+2", "expected ')'"}, {"1+2)", "unexpected ')'"}, {"()", "empty parentheses"},
+      {"SGN()", "SGN takes 1 argument, not 0"}, {"SGN(A,B)", "SGN takes 1 argument, not 2"},
+      {"ROUND(A,B,C)", "ROUND takes 1 or 2 arguments, not 3"}, {"FOO(1)", "unknown function 'FOO'"},
+      {"0x", "'0x' without"}, {"0xG1", "'0x' without"}, {"1.2.3", "malformed number"},
+      {"2abc", "malformed number"}, {"0x1FFFFFFFFFFFFFFFF", "wider than 64 bits"}, {"A +", "end of text"},
+      {"? 1 : 2", "'?'"}, {"A ? 1", "expected ':'"}, {"A ? 1 , 2", "expected ':'"},
+      {"Blade", "did you mean 'BLADE'"}, {"Q", "unknown name 'Q'"}, {"SIN + 1", "needs its arguments"},
+      {"A(1)", "is a variable, not a function"}, {"1 + * 2", "found '*'"}, {"SGN(1,)", "found ')'"},
+      {"1\x01", "byte 0x01"},
+  };
+  Vars v = {{"A", Int(1)}, {"B", Int(1)}, {"C", Int(1)}, {"BLADE", Int(1)}};
+  for (const auto& c : cases) {
+    for (Mode mode : {Mode::Integer, Mode::Float}) {
+      std::string msg = CompileError(c.text, mode, v);
+      EXPECT_NE(msg.find(c.what), std::string::npos) << "'" << c.text << "' gave: " << msg;
+      EXPECT_NE(msg.find("column"), std::string::npos) << msg;
+    }
+  }
+  // The column points at the offending token.
+  EXPECT_NE(CompileError("1 + 2 3").find("column 7"), std::string::npos);
+  EXPECT_NE(CompileError("(1 + (2)").find("'(' at column 1"), std::string::npos);
+  // Integer literals too wide are rejected in integer formulas only.
+  EXPECT_NE(CompileError("18446744073709551616", Mode::Integer), "");
+  EXPECT_EQ(CompileError("18446744073709551616", Mode::Float), "");
+}
+
+TEST(FormulaErrors, RaisedAtEvaluation) {
+  Vars v = {{"A", Int(6)}, {"Z", Int(0)}, {"N", Int(-1)}, {"FZ", Flt(0.0)}};
+  struct Case {
+    const char* text;
+    Mode mode;
+    const char* what;
+  } cases[] = {
+      {"A / Z", Mode::Integer, "division by zero at column 3"},
+      {"A % Z", Mode::Integer, "remainder of a division by zero"},
+      {"A / FZ", Mode::Float, "division by zero"},
+      {"A % FZ", Mode::Float, "remainder of a division by zero"},
+      {"Z ** N", Mode::Integer, "negative power"},
+      {"1 << 64", Mode::Integer, "shift count 64"},
+      {"1 >> N", Mode::Float, "shift count -1"},
+      // Float-only functions and constants compile in integer formulas but
+      // fail when reached.
+      {"SQRT(4)", Mode::Integer, "SQRT is available in float formulas only at column 1"},
+      {"A + round(A, 1)", Mode::Integer, "round is available in float formulas only at column 5"},
+      {"2 * PI", Mode::Integer, "PI is available in float formulas only"},
+  };
+  for (const auto& c : cases) {
+    std::unique_ptr<CFormula> f;
+    ASSERT_NO_THROW(f = std::make_unique<CFormula>(c.text, c.mode, Names(v))) << c.text;
+    auto values = Values(v);
+    std::string msg = ErrorOf([&] { f->Evaluate(values.data()); });
+    EXPECT_NE(msg.find(c.what), std::string::npos) << "'" << c.text << "' gave: " << msg;
+  }
+  // Errors inside a named expression point into that expression.
+  std::string msg = ErrorOf([&] { I("1 + Q", v, {{"Q", "A / Z"}}); });
+  EXPECT_NE(msg.find("column 3 of expression 'Q'"), std::string::npos) << msg;
+  // An unreached float-only function does not fail.
+  EXPECT_EQ(I("A > 0 ? 1 : SQRT(A)", v), 1);
+  // Missing values for a formula that needs them.
+  CFormula needs("A + 1", Mode::Integer, {"A"});
+  EXPECT_THROW(needs.Evaluate(nullptr), FormulaError);
+}
+
+TEST(FormulaRobustness, DeepNestingIsBoundedNotACrash) {
+  const int kHuge = 100000;
+  std::string parens = std::string(kHuge, '(') + "1" + std::string(kHuge, ')');
+  EXPECT_NE(CompileError(parens).find("nested too deeply"), std::string::npos);
+
+  std::string calls;
+  for (int i = 0; i < kHuge; ++i) calls += "ABS(";
+  calls += "1" + std::string(kHuge, ')');
+  EXPECT_NE(CompileError(calls), "");
+
+  std::string conds;
+  for (int i = 0; i < kHuge; ++i) conds += "1 ? ";
+  conds += "1";
+  for (int i = 0; i < kHuge; ++i) conds += " : 0";
+  EXPECT_NE(CompileError(conds), "");
+
+  // Right-associative chains pile up pending values; they are bounded too.
+  std::string powers = "1";
+  for (int i = 0; i < kHuge; ++i) powers += "**1";
+  EXPECT_NE(CompileError(powers).find("too complex"), std::string::npos);
+
+  // Long flat chains, long unary runs and a chain of else-branches are fine.
+  std::string sum = "1";
+  for (int i = 0; i < kHuge; ++i) sum += "+1";
+  EXPECT_EQ(I(sum), kHuge + 1);
+  std::string negs = std::string(kHuge, '-') + "5";
+  EXPECT_EQ(I(negs), 5);
+  std::string chain;
+  for (int i = 0; i < 5000; ++i) chain += "X = " + std::to_string(i) + " ? " + std::to_string(i * 2) + " : ";
+  chain += "-1";
+  EXPECT_EQ(I(chain, {{"X", Int(4321)}}), 8642);
+
+  // The deepest accepted nesting, each level passing through every parser
+  // stage, stays within the thread's stack (checked under AddressSanitizer).
+  std::string worst;
+  for (int i = 0; i < 199; ++i) worst += "0||1&&-ABS(~";
+  worst += "0" + std::string(199, ')');
+  EXPECT_DOUBLE_EQ(F(worst), 1.0);
+
+  // Moderate nesting, as written by hand, works in every form.
+  std::string nested = std::string(150, '(') + "2" + std::string(150, ')');
+  EXPECT_EQ(F("ABS(" + nested + ") + " + nested), 4.0);
+}
+
+// Evaluation keeps no state in the formula: two threads sharing one must
+// get the results a single thread gets.
+TEST(FormulaThreads, ConcurrentEvaluationsAgree) {
+  const char* text = "X > 100 ? (X * 3 + Y) / 2 : ROUND(X / 7, 2) + FRAC(Y / 3)";
+  CFormula f(text, kF, {"X", "Y"});
+  std::vector<std::array<FormulaValue, 2>> at;
+  std::vector<double> want;
+  for (int i = 0; i < 400; ++i) {
+    at.push_back({Int(i), Int(400 - i)});
+    want.push_back(F(text, {{"X", Int(i)}, {"Y", Int(400 - i)}}));
+  }
+  int mismatches[2] = {0, 0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 200; ++round)
+        for (int i = 0; i < 400; ++i) mismatches[t] += f.EvaluateFloat(at[i].data()) != want[i];
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(mismatches[0] + mismatches[1], 0);
+}
+
+// ---- randomized comparison with a tree evaluator ----
+//
+// Random expression trees are printed with as few parentheses as the
+// precedence table allows, and fully parenthesised; both texts must compile
+// to the value the tree evaluates to directly, or both must fail.
+namespace {
+
+struct RefError {};
+
+// A leaf (op empty), a prefix operator, a binary operator or "?:".
+struct Node {
+  std::string op, leaf;
+  double value = 0;
+  std::vector<Node> kids;
+};
+
+const char* const kOps[] = {"||", "&&", "|", "^", "&", "=",  "<>", "<",  ">", "<=",
+                            ">=", "<<", ">>", "+", "-", "*", "/",  "%", "**"};
+const int kLevels[] = {2, 3, 4, 5, 6, 7, 7, 8, 8, 8, 8, 9, 9, 10, 10, 11, 11, 11, 12};
+const char* const kVarNames[] = {"A", "B", "C", "D"};
+const int64_t kVarValues[] = {7, -3, 0, int64_t{1} << 40};
+
+int Level(const Node& n) {
+  if (n.op.empty()) return 14;
+  if (n.op == "?:") return 1;
+  if (n.kids.size() == 1) return 13;
+  for (size_t k = 0; k < std::size(kOps); ++k)
+    if (n.op == kOps[k]) return kLevels[k];
+  return 0;
+}
+
+std::string Print(const Node& n, bool full) {
+  auto sub = [&](const Node& kid, bool need) {
+    const std::string s = Print(kid, full);
+    return need || (full && !kid.op.empty()) ? "(" + s + ")" : s;
+  };
+  if (n.op.empty()) return n.leaf;
+  if (n.op == "?:")
+    return sub(n.kids[0], Level(n.kids[0]) <= 1) + " ? " + sub(n.kids[1], false) + " : " + sub(n.kids[2], false);
+  if (n.kids.size() == 1) return n.op + sub(n.kids[0], Level(n.kids[0]) < 13);
+  const int l = Level(n), ll = Level(n.kids[0]), rl = Level(n.kids[1]);
+  const bool right = n.op == "**";
+  return sub(n.kids[0], ll < l || (right && ll == l)) + " " + n.op + " " +
+         sub(n.kids[1], rl < l || (!right && rl == l));
+}
+
+Node Generate(std::mt19937& rng, int depth, bool is_float) {
+  auto pick = [&](size_t n) { return static_cast<int>(rng() % n); };
+  Node n;
+  const int r = pick(100);
+  if (depth == 0 || r < 25) {
+    const int k = pick(20);
+    if (r % 2) {
+      n.leaf = kVarNames[k % 4];
+      n.value = static_cast<double>(kVarValues[k % 4]);
+    } else if (is_float && k % 4 == 1) {
+      n.leaf = std::to_string(k) + ".5";
+      n.value = k + 0.5;
+    } else {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "0x%X", k);
+      n.leaf = k % 3 ? std::to_string(k) : hex;
+      n.value = k;
+    }
+    return n;
+  }
+  const size_t arity = r < 40 ? 1 : r < 50 ? 3 : 2;
+  n.op = arity == 1 ? std::string(1, "-+~"[pick(3)]) : arity == 3 ? "?:" : kOps[pick(std::size(kOps))];
+  for (size_t k = 0; k < arity; ++k) n.kids.push_back(Generate(rng, depth - 1, is_float));
+  return n;
+}
+
+int64_t RefToInt(double v) {
+  if (v != v) return 0;
+  if (v >= 0x1p63) return std::numeric_limits<int64_t>::max();
+  if (v < -0x1p63) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(v);
+}
+
+int64_t RefIntPow(int64_t base, int64_t exp) {
+  if (exp < 0) {
+    if (base == 0) throw RefError();
+    return base == 1 ? 1 : base == -1 ? (exp % 2 ? -1 : 1) : 0;
+  }
+  uint64_t result = 1;  // most significant bit first
+  for (int bit = 63; bit >= 0; --bit) {
+    result *= result;
+    if ((static_cast<uint64_t>(exp) >> bit) & 1) result *= static_cast<uint64_t>(base);
+  }
+  return static_cast<int64_t>(result);
+}
+
+template <typename T>
+bool RefCompare(const std::string& op, T a, T b, T* out) {
+  if (op == "=") *out = a == b;
+  else if (op == "<>") *out = a != b;
+  else if (op == "<") *out = a < b;
+  else if (op == ">") *out = a > b;
+  else if (op == "<=") *out = a <= b;
+  else if (op == ">=") *out = a >= b;
+  else return false;
+  return true;
+}
+
+int64_t RefInt(const std::string& op, int64_t a, int64_t b) {
+  const uint64_t ua = static_cast<uint64_t>(a), ub = static_cast<uint64_t>(b);
+  int64_t cmp;
+  if (RefCompare(op, a, b, &cmp)) return cmp;
+  if (op == "+") return static_cast<int64_t>(ua + ub);
+  if (op == "-") return static_cast<int64_t>(ua - ub);
+  if (op == "*") return static_cast<int64_t>(ua * ub);
+  if (op == "/" || op == "%") {
+    if (b == 0) throw RefError();
+    if (b == -1) return op == "/" ? static_cast<int64_t>(0 - ua) : 0;
+    return op == "/" ? a / b : a % b;
+  }
+  if (op == "**") return RefIntPow(a, b);
+  if (op == "<<" || op == ">>") {
+    if (b < 0 || b > 63) throw RefError();
+    return op == "<<" ? static_cast<int64_t>(ua << b) : a >> b;
+  }
+  return op == "&" ? a & b : op == "|" ? a | b : a ^ b;
+}
+
+template <typename T>
+T Reference(const Node& n) {
+  if (n.op.empty()) return static_cast<T>(n.value);
+  const T a = Reference<T>(n.kids[0]);
+  if (n.op == "?:") return a != 0 ? Reference<T>(n.kids[1]) : Reference<T>(n.kids[2]);
+  if (n.op == "&&") return a != 0 && Reference<T>(n.kids[1]) != 0;
+  if (n.op == "||") return a != 0 || Reference<T>(n.kids[1]) != 0;
+  if constexpr (std::is_same_v<T, double>) {
+    if (n.kids.size() == 1) return n.op == "+" ? a : n.op == "-" ? -a : static_cast<double>(~RefToInt(a));
+    const double b = Reference<T>(n.kids[1]);
+    double cmp;
+    if (RefCompare(n.op, a, b, &cmp)) return cmp;
+    if ((n.op == "/" || n.op == "%") && b == 0) throw RefError();
+    if (n.op == "+") return a + b;
+    if (n.op == "-") return a - b;
+    if (n.op == "*") return a * b;
+    if (n.op == "/") return a / b;
+    if (n.op == "%") return std::fmod(a, b);
+    if (n.op == "**") return std::pow(a, b);
+    return static_cast<double>(RefInt(n.op, RefToInt(a), RefToInt(b)));
+  } else {
+    if (n.kids.size() == 1) return n.op == "+" ? a : n.op == "-" ? RefInt("-", 0, a) : ~a;
+    return RefInt(n.op, a, Reference<T>(n.kids[1]));
+  }
+}
+
+std::string Show(int64_t v) { return std::to_string(v); }
+std::string Show(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  return std::isnan(v) ? "nan" : buf;
+}
+
+template <typename T>
+void CompareRandom(Mode mode, unsigned seed) {
+  std::mt19937 rng(seed);
+  const std::vector<std::string> names(std::begin(kVarNames), std::end(kVarNames));
+  std::vector<FormulaValue> values;
+  for (int64_t v : kVarValues) values.push_back(FormulaValue::Int(v));
+  int failures = 0, valued = 0;
+  const int kTrials = 3000;
+  for (int trial = 0; trial < kTrials && failures < 5; ++trial) {
+    const Node tree = Generate(rng, 1 + trial % 6, mode == Mode::Float);
+    std::string want = "an error";
+    try {
+      want = Show(Reference<T>(tree));
+      ++valued;
+    } catch (const RefError&) {
+    }
+    for (bool full : {false, true}) {
+      const std::string text = Print(tree, full);
+      std::string got;
+      try {
+        const FormulaValue v = CFormula(text, mode, names).Evaluate(values.data());
+        got = mode == Mode::Float ? Show(v.f) : Show(v.i);
+      } catch (const FormulaError&) {
+        got = "an error";
+      }
+      if (got != want && ++failures) ADD_FAILURE() << text << " gave " << got << ", expected " << want;
+    }
+  }
+  EXPECT_GT(valued, kTrials * 3 / 4);  // the trees mostly evaluate, not mostly fail
+}
+
+}  // namespace
+
+TEST(FormulaRandom, IntegerMatchesTreeEvaluator) { CompareRandom<int64_t>(Mode::Integer, 12345); }
+TEST(FormulaRandom, FloatMatchesTreeEvaluator) { CompareRandom<double>(Mode::Float, 777); }
