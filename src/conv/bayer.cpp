@@ -1,24 +1,30 @@
-// Bilinear Bayer demosaicing in the destination buffer itself: every sample
-// is first stored in its own channel at its output position (scatter), then
-// the missing channels are interpolated from those stored samples, the
-// interior first, the border last, and green may be smoothed in place.
+// Bilinear Bayer demosaicing. Conceptually every sample is stored in its own
+// channel at its output position and the missing channels are interpolated
+// from those stored samples: interior, then border, then optional green
+// smoothing in place.
 //
-// Except for smoothing, every output byte is a function of the stored samples
-// alone, so rows can be scattered and interpolated in any order. The
-// scheduler uses that: each thread scatters a contiguous block of rows and
-// interpolates each row right after its lower neighbour is stored, while the
-// three rows are still in cache; rows at block edges wait for a barrier.
+// Apart from smoothing, every output byte is a function of the samples
+// alone. Interior rows are therefore computed straight from the three source
+// rows around them (mirroring and flipping only change which source byte is
+// read), with no row depending on another: rows split freely over threads,
+// and nothing but the destination is written. The border pass then reads the
+// samples stored in the destination; smoothing runs last, on one thread,
+// because each site reads neighbours already smoothed above and to the left.
 #include <cstddef>
 #include <cstdint>
 
-#include <omp.h>
-
-#include "conv/bmpinfo.h"
 #include "conv/converters.h"
 #include "conv/pixel_format.h"
 
-namespace kivcam::conv {
+namespace kivcam::conv::KIVCONV_ISA {
 namespace {
+
+// Destination row stride; kept local so that this file, built once per
+// instruction set, shares no inline code with the rest of the library.
+template <int P>
+uint64_t RowStride(uint32_t w) {
+  return P == 3 ? (uint64_t{w} * 3 + 3) & ~uint64_t{3} : uint64_t{w} * 4;
+}
 
 // Channel offsets within a destination pixel.
 enum : uint8_t { CB = 0, CG = 1, CR = 2 };
@@ -53,30 +59,35 @@ uint32_t OutputPhase(uint32_t phase, uint32_t geometry, uint32_t w, uint32_t h) 
   return phase;
 }
 
-// Sample readers: the 8-bit value of source pixels 2j and 2j + 1 of a row.
+// Sample readers: the 8-bit value of source pixel x of a row.
 struct Read8 {
   static uint64_t RowBytes(uint32_t w) { return w; }
-  uint32_t First(const uint8_t* s, uint32_t j) const { return s[2 * j]; }
-  uint32_t Second(const uint8_t* s, uint32_t j) const { return s[2 * j + 1]; }
+  uint32_t At(const uint8_t* s, uint32_t x) const { return s[x]; }
 };
 
 template <bool LE>
 struct Read16 {
   uint32_t shift;
   static uint64_t RowBytes(uint32_t w) { return uint64_t{w} * 2; }
-  uint32_t Word(const uint8_t* s) const {
+  uint32_t At(const uint8_t* s, uint32_t x) const {
+    s += 2 * size_t{x};
     const uint32_t v = LE ? (s[0] | uint32_t{s[1]} << 8) : (s[1] | uint32_t{s[0]} << 8);
     return (v >> shift) & 0xFF;
   }
-  uint32_t First(const uint8_t* s, uint32_t j) const { return Word(s + 4 * j); }
-  uint32_t Second(const uint8_t* s, uint32_t j) const { return Word(s + 4 * j + 2); }
 };
 
 // Pairs of pixels in 3 bytes; the middle byte holds the low bits.
 struct ReadPacked {
   static uint64_t RowBytes(uint32_t w) { return (uint64_t{w} * 3 + 1) / 2; }
-  uint32_t First(const uint8_t* s, uint32_t j) const { return s[3 * j]; }
-  uint32_t Second(const uint8_t* s, uint32_t j) const { return s[3 * j + 2]; }
+  uint32_t At(const uint8_t* s, uint32_t x) const { return s[(x >> 1) * 3 + (x & 1) * 2]; }
+};
+
+// The sample that lands at output column x: the reader, mirrored or not.
+template <class Reader, bool Mirror>
+struct Acc {
+  Reader rd;
+  uint32_t last;  // width - 1
+  uint32_t operator()(const uint8_t* s, uint32_t x) const { return rd.At(s, Mirror ? last - x : x); }
 };
 
 struct Image {
@@ -85,65 +96,74 @@ struct Image {
   uint8_t* dst;
   ptrdiff_t stride;
   uint32_t w, h;
-  uint32_t inPhase, outPhase;
+  uint32_t outPhase;
   uint32_t geometry;
+  // Source row that lands at output row y.
+  const uint8_t* SrcRow(uint32_t y) const { return src + ((geometry & 2) ? h - 1 - y : y) * srcRow; }
 };
 
-// Pass 1 for one destination row: the source row that lands there, each
-// sample into the channel of its colour.
-template <int P, bool Mirror, class Reader>
-void ScatterRow(const Image& im, const Reader& rd, uint32_t yo) {
-  const uint32_t ys = (im.geometry & 2) ? im.h - 1 - yo : yo;
-  const uint8_t* s = im.src + ys * im.srcRow;
-  const uint8_t c0 = kPattern[im.inPhase][ys & 1][0];
-  const uint8_t c1 = kPattern[im.inPhase][ys & 1][1];
-  constexpr ptrdiff_t step = Mirror ? -P : P;
-  uint8_t* d = im.dst + yo * im.stride + (Mirror ? ptrdiff_t(im.w - 1) * P : 0);
-  const uint32_t pairs = im.w / 2;
-  for (uint32_t j = 0; j < pairs; ++j, d += 2 * step) {
-    d[c0] = static_cast<uint8_t>(rd.First(s, j));
-    d[step + c1] = static_cast<uint8_t>(rd.Second(s, j));
+// Every sample of output row y in its own channel (the border rows).
+template <int P, class A>
+void OwnRow(const Image& im, const A& a, uint32_t y) {
+  const uint8_t* s = im.SrcRow(y);
+  const uint8_t c0 = kPattern[im.outPhase][y & 1][0], c1 = kPattern[im.outPhase][y & 1][1];
+  uint8_t* d = im.dst + y * im.stride;
+  uint32_t x = 0;
+  for (; x + 1 < im.w; x += 2, d += 2 * P) {
+    d[c0] = static_cast<uint8_t>(a(s, x));
+    d[P + c1] = static_cast<uint8_t>(a(s, x + 1));
   }
-  if (im.w & 1) d[c0] = static_cast<uint8_t>(rd.First(s, pairs));
+  if (x < im.w) d[c0] = static_cast<uint8_t>(a(s, x));
 }
 
-// Pass 2 for one interior pixel.
-template <int P, Site S>
-inline void Interp(uint8_t* p, ptrdiff_t st) {
+// One interior pixel straight from the three source rows around it: its own
+// sample and both interpolated channels.
+template <int P, Site S, class A>
+inline void Pixel(uint8_t* d, const A& a, const uint8_t* su, const uint8_t* sc, const uint8_t* sd,
+                  uint32_t x) {
+  const uint32_t c = a(sc, x);
+  const uint32_t hz = a(sc, x - 1) + a(sc, x + 1), vt = a(su, x) + a(sd, x);
   if constexpr (S == SR || S == SB) {
-    constexpr int D = S == SR ? CB : CR;  // the colour on the diagonals
-    p[CG] = static_cast<uint8_t>((p[-st + CG] + p[st + CG] + p[-P + CG] + p[P + CG]) >> 2);
-    p[D] = static_cast<uint8_t>((p[-st - P + D] + p[-st + P + D] + p[st - P + D] + p[st + P + D]) >> 2);
-  } else if constexpr (S == SGR) {
-    p[CR] = static_cast<uint8_t>((p[-P + CR] + p[P + CR]) >> 1);
-    p[CB] = static_cast<uint8_t>((p[-st + CB] + p[st + CB]) >> 1);
+    const uint32_t diag = a(su, x - 1) + a(su, x + 1) + a(sd, x - 1) + a(sd, x + 1);
+    d[S == SR ? CR : CB] = static_cast<uint8_t>(c);
+    d[CG] = static_cast<uint8_t>((hz + vt) >> 2);
+    d[S == SR ? CB : CR] = static_cast<uint8_t>(diag >> 2);
   } else {
-    p[CB] = static_cast<uint8_t>((p[-P + CB] + p[P + CB]) >> 1);
-    p[CR] = static_cast<uint8_t>((p[-st + CR] + p[st + CR]) >> 1);
+    d[CG] = static_cast<uint8_t>(c);
+    d[S == SGR ? CR : CB] = static_cast<uint8_t>(hz >> 1);
+    d[S == SGR ? CB : CR] = static_cast<uint8_t>(vt >> 1);
   }
 }
 
-// Pass 2 for columns 1..w-2 of one row: S1 at odd x, S2 at even x.
-template <int P, Site S1, Site S2>
-void InterpRowT(uint8_t* row, ptrdiff_t st, uint32_t w) {
-  uint8_t* p = row + P;
+// Columns 1..w-2 of interior row y: S1 at odd x, S2 at even x.
+template <int P, Site S1, Site S2, class A>
+void InteriorRowT(const Image& im, const A& a, uint32_t y) {
+  const uint8_t* su = im.SrcRow(y - 1);
+  const uint8_t* sc = im.SrcRow(y);
+  const uint8_t* sd = im.SrcRow(y + 1);
+  uint8_t* d = im.dst + y * im.stride + P;
   uint32_t x = 1;
-  for (; x + 2 < w; x += 2, p += 2 * P) {
-    Interp<P, S1>(p, st);
-    Interp<P, S2>(p + P, st);
+  for (; x + 2 < im.w; x += 2, d += 2 * P) {
+    Pixel<P, S1>(d, a, su, sc, sd, x);
+    Pixel<P, S2>(d + P, a, su, sc, sd, x + 1);
   }
-  if (x + 1 < w) Interp<P, S1>(p, st);
+  if (x + 1 < im.w) Pixel<P, S1>(d, a, su, sc, sd, x);
 }
 
-template <int P>
-void InterpRow(const Image& im, uint32_t y) {
+// Interior row y: its first and last samples for the border pass, the rest
+// fully interpolated.
+template <int P, class A>
+void InteriorRow(const Image& im, const A& a, uint32_t y) {
+  const uint8_t* sc = im.SrcRow(y);
   uint8_t* row = im.dst + y * im.stride;
-  const Site odd = SiteAt(im.outPhase, 1, y);
-  switch (odd) {
-    case SR: return InterpRowT<P, SR, SGR>(row, im.stride, im.w);
-    case SGR: return InterpRowT<P, SGR, SR>(row, im.stride, im.w);
-    case SB: return InterpRowT<P, SB, SGB>(row, im.stride, im.w);
-    case SGB: return InterpRowT<P, SGB, SB>(row, im.stride, im.w);
+  row[kPattern[im.outPhase][y & 1][0]] = static_cast<uint8_t>(a(sc, 0));
+  const uint32_t l = im.w - 1;
+  row[ptrdiff_t(l) * P + kPattern[im.outPhase][y & 1][l & 1]] = static_cast<uint8_t>(a(sc, l));
+  switch (SiteAt(im.outPhase, 1, y)) {
+    case SR: return InteriorRowT<P, SR, SGR>(im, a, y);
+    case SGR: return InteriorRowT<P, SGR, SR>(im, a, y);
+    case SB: return InteriorRowT<P, SB, SGB>(im, a, y);
+    case SGB: return InteriorRowT<P, SGB, SB>(im, a, y);
   }
 }
 
@@ -249,39 +269,32 @@ void Smooth(const Image& im) {
   }
 }
 
-template <int P, bool Mirror, class Reader>
-void Run(const ConvParams& p, const Image& im, const Reader& rd) {
-  auto body = [&](int t, int n, auto&& barrier) {
-    // Static split of row pairs; the odd last row goes to the last block.
-    const uint32_t pairs = im.h / 2;
-    const uint32_t r0 = 2 * uint32_t(uint64_t{pairs} * t / n);
-    const uint32_t r1 = t == n - 1 ? im.h : 2 * uint32_t(uint64_t{pairs} * (t + 1) / n);
-    for (uint32_t y = r0; y < r1; ++y) {
-      ScatterRow<P, Mirror>(im, rd, y);
-      // Row y - 1 has both neighbours stored once row y is.
-      if (y >= r0 + 2 && y - 1 + 1 < im.h) InterpRow<P>(im, y - 1);
-    }
-    barrier();
-    // Block edge rows need the neighbouring blocks' rows.
-    if (r1 > r0) {
-      if (r0 >= 1 && r0 + 1 < im.h) InterpRow<P>(im, r0);
-      if (r1 - 1 > r0 && r1 < im.h) InterpRow<P>(im, r1 - 1);
-    }
-    barrier();
-    if (t == 0) {
-      Borders<P>(im);
-      if (p.smoothing) Smooth<P>(im);
+template <int P, class A>
+void Run(const ConvParams& p, const Image& im, const A& a) {
+  auto row = [&](uint32_t y) {
+    if (y == 0 || y + 1 == im.h) {
+      OwnRow<P>(im, a, y);
+    } else {
+      InteriorRow<P>(im, a, y);
     }
   };
   const int team = TeamSize(p);
+  const int64_t h = im.h;
   if (team > 1) {
-#pragma omp parallel num_threads(team)
-    body(omp_get_thread_num(), omp_get_num_threads(), [] {
-#pragma omp barrier
-    });
+#pragma omp parallel for schedule(static) num_threads(team)
+    for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
   } else {
-    body(0, 1, [] {});
+    for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
   }
+  // Both read only samples and border values, which no other step changes.
+  Borders<P>(im);
+  if (p.smoothing) Smooth<P>(im);
+}
+
+template <int P, bool Mirror, class Reader>
+void RunWith(const ConvParams& p, Image& im, const Reader& rd) {
+  im.srcRow = Reader::RowBytes(im.w);
+  Run<P>(p, im, Acc<Reader, Mirror>{rd, im.w - 1});
 }
 
 template <int P, bool Mirror>
@@ -289,24 +302,20 @@ void Dispatch(const ConvParams& p, const ConvReq& r) {
   Image im{};
   im.src = static_cast<const uint8_t*>(r.src);
   im.dst = static_cast<uint8_t*>(r.dst);
-  im.stride = static_cast<ptrdiff_t>(DestStride(P == 3 ? 1 : 0, r.width));
+  im.stride = static_cast<ptrdiff_t>(RowStride<P>(r.width));
   im.w = r.width;
   im.h = r.height;
-  im.inPhase = r.phase & 3;
   im.geometry = p.geometry & 3;
-  im.outPhase = OutputPhase(im.inPhase, im.geometry, im.w, im.h);
+  im.outPhase = OutputPhase(r.phase & 3, im.geometry, im.w, im.h);
   const uint32_t shift = p.shift & 31;
   switch (r.kind) {
     case KIND_BAYER8:
-      im.srcRow = Read8::RowBytes(im.w);
-      return Run<P, Mirror>(p, im, Read8{});
+      return RunWith<P, Mirror>(p, im, Read8{});
     case KIND_BAYER16:
-      im.srcRow = Read16<true>::RowBytes(im.w);
-      if (r.littleEndian) return Run<P, Mirror>(p, im, Read16<true>{shift});
-      return Run<P, Mirror>(p, im, Read16<false>{shift});
+      if (r.littleEndian) return RunWith<P, Mirror>(p, im, Read16<true>{shift});
+      return RunWith<P, Mirror>(p, im, Read16<false>{shift});
     default:
-      im.srcRow = ReadPacked::RowBytes(im.w);
-      return Run<P, Mirror>(p, im, ReadPacked{});
+      return RunWith<P, Mirror>(p, im, ReadPacked{});
   }
 }
 
@@ -321,4 +330,4 @@ void BayerConvert(const ConvParams& p, const ConvReq& r, bool out24) {
   }
 }
 
-}  // namespace kivcam::conv
+}  // namespace kivcam::conv::KIVCONV_ISA

@@ -55,6 +55,21 @@ const int32_t* CConv::YuvTable() {
   return t;
 }
 
+namespace {
+std::atomic<bool> g_baselineOnly{false};
+
+bool UseAvx2() {
+#ifdef KIVCONV_HAVE_AVX2
+  static const bool supported = __builtin_cpu_supports("avx2");
+  return supported && !g_baselineOnly.load(std::memory_order_relaxed);
+#else
+  return false;
+#endif
+}
+}  // namespace
+
+void UseBaselineConverters(bool on) { g_baselineOnly.store(on); }
+
 int TeamSize(const ConvParams& p) {
   if (!p.parallel) return 1;
   return p.threads > 0 ? p.threads : omp_get_max_threads();
@@ -81,10 +96,11 @@ int CConv::Convert(const ConvReq& r) {
     if (!p.table) return kConvNoMemory;
   }
   const bool out24 = output_ == 1;
+  const bool avx2 = UseAvx2();
   if (IsBayerKind(k)) {
-    BayerConvert(p, r, out24);
+    avx2 ? avx2::BayerConvert(p, r, out24) : base::BayerConvert(p, r, out24);
   } else {
-    LineConvert(p, r, out24);
+    avx2 ? avx2::LineConvert(p, r, out24) : base::LineConvert(p, r, out24);
   }
   return kConvOk;
 }

@@ -48,6 +48,10 @@ constexpr YuvCoef kDefaultYuvCoef{{1.402, 0.711, 0.343, 1.772}};
 // for camera engines also -1 (automatic).
 bool IsValidConvMode(const ConvMode& mode, bool cameraEngine);
 
+// Runs the baseline converters even where the AVX2 ones could run; for tests
+// and benchmarks that compare both. Both give the same bytes.
+void UseBaselineConverters(bool on);
+
 class CConv : public CBaseConv {
  public:
   // threads: team size of parallel conversions, 0 = the runtime's default.

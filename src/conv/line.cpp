@@ -4,12 +4,18 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "conv/bmpinfo.h"
 #include "conv/converters.h"
 #include "conv/pixel_format.h"
 
-namespace kivcam::conv {
+namespace kivcam::conv::KIVCONV_ISA {
 namespace {
+
+// Destination row stride; kept local so that this file, built once per
+// instruction set, shares no inline code with the rest of the library.
+template <int P>
+uint64_t RowStride(uint32_t w) {
+  return P == 3 ? (uint64_t{w} * 3 + 3) & ~uint64_t{3} : uint64_t{w} * 4;
+}
 
 // Destination cursor: writes B, G, R and steps one pixel forwards or, when
 // mirrored, backwards. The fourth byte of a 32-bit pixel is never touched.
@@ -49,7 +55,7 @@ template <int P, bool Mirror, class RowFn>
 void RunRows(const ConvParams& p, const ConvReq& r, RowFn fn) {
   const int64_t w = r.width, h = r.height;
   const uint64_t srcRow = SourceRowBytes(r.kind, r.width);
-  const uint64_t stride = DestStride(P == 3 ? 1 : 0, r.width);
+  const uint64_t stride = RowStride<P>(r.width);
   const bool flip = (p.geometry & 2) != 0;
   const uint8_t* src = static_cast<const uint8_t*>(r.src);
   uint8_t* dst = static_cast<uint8_t*>(r.dst);
@@ -241,4 +247,4 @@ void LineConvert(const ConvParams& p, const ConvReq& r, bool out24) {
   }
 }
 
-}  // namespace kivcam::conv
+}  // namespace kivcam::conv::KIVCONV_ISA

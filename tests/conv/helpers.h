@@ -67,6 +67,17 @@ inline int ConvertInto(Dst& d, const void* src, uint32_t kind, uint32_t phase, c
   return conv.Convert(r);
 }
 
+// Runs a check once with the converters chosen for this machine and once with
+// the baseline ones.
+template <class F>
+void ForEachConverterSet(F check) {
+  for (bool baseline : {false, true}) {
+    UseBaselineConverters(baseline);
+    check();
+  }
+  UseBaselineConverters(false);
+}
+
 inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
   std::mt19937 rng(seed);
   std::vector<uint8_t> v(n);  // exact capacity, so ASan sees overreads

@@ -122,6 +122,7 @@ Source MakeSource(int reader, uint32_t w, uint32_t h, uint32_t seed) {
 }
 
 TEST(Bayer, MatchesModelForEveryPhaseGeometryFormAndReader) {
+  ForEachConverterSet([] {
   const std::array<std::pair<uint32_t, uint32_t>, 10> sizes{
       {{2, 2}, {3, 2}, {2, 3}, {3, 3}, {4, 4}, {5, 4}, {7, 6}, {6, 7}, {7, 7}, {10, 9}}};
   uint32_t seed = 1;
@@ -146,6 +147,7 @@ TEST(Bayer, MatchesModelForEveryPhaseGeometryFormAndReader) {
       }
     }
   }
+  });
 }
 
 // M(x, y) = 10y + x, the image of the documented examples.

@@ -78,6 +78,7 @@ constexpr uint32_t kLineKinds[] = {0, 1, 2, 3, 4, 5, 6, 11, 13, 15, 16, 17, 18, 
 // Geometry g must equal the plain conversion with pixels moved, for every
 // kind, with the untouched bytes intact and every colour byte written.
 TEST(Line, GeometryCanariesAndParallelForEveryKind) {
+  ForEachConverterSet([] {
   for (uint32_t kind : kLineKinds) {
     for (auto [w, h] : {std::pair<uint32_t, uint32_t>{7, 5}, {10, 4}, {13, 9}}) {
       const auto src = RandomBytes(SourceRowBytes(kind, w) * h, kind * 31 + w);
@@ -106,6 +107,7 @@ TEST(Line, GeometryCanariesAndParallelForEveryKind) {
       }
     }
   }
+  });
 }
 
 TEST(Line, KindsWithoutConverterWriteNothing) {
