@@ -123,8 +123,9 @@ Source MakeSource(int reader, uint32_t w, uint32_t h, uint32_t seed) {
 
 TEST(Bayer, MatchesModelForEveryPhaseGeometryFormAndReader) {
   ForEachConverterSet([] {
-  const std::array<std::pair<uint32_t, uint32_t>, 10> sizes{
-      {{2, 2}, {3, 2}, {2, 3}, {3, 3}, {4, 4}, {5, 4}, {7, 6}, {6, 7}, {7, 7}, {10, 9}}};
+  // Wide rows too, so that vector loops and their scalar tails both run.
+  const std::array<std::pair<uint32_t, uint32_t>, 12> sizes{
+      {{2, 2}, {3, 2}, {2, 3}, {3, 3}, {4, 4}, {5, 4}, {7, 6}, {6, 7}, {7, 7}, {10, 9}, {35, 4}, {50, 5}}};
   uint32_t seed = 1;
   for (auto [w, h] : sizes) {
     for (int reader = 0; reader < 5; ++reader) {
