@@ -3,12 +3,21 @@
 // inner loops decide nothing about the format.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+
+#ifdef __AVX2__
+#include <immintrin.h>
+#endif
 
 #include "conv/converters.h"
 #include "conv/pixel_format.h"
 
 namespace kivcam::conv::KIVCONV_ISA {
 namespace {
+
+#ifdef __AVX2__
+#include "conv/simd_avx2.h"
+#endif
 
 // Destination row stride; kept local so that this file, built once per
 // instruction set, shares no inline code with the rest of the library.
@@ -18,17 +27,37 @@ uint64_t RowStride(uint32_t w) {
 }
 
 // Destination cursor: writes B, G, R and steps one pixel forwards or, when
-// mirrored, backwards. The fourth byte of a 32-bit pixel is never touched.
+// mirrored, backwards. A 32-bit pixel is written as one word whose fourth
+// byte is the one the buffer held, which keeps the loops vectorisable.
 template <int P, bool Mirror>
 struct Out {
   uint8_t* d;
   void Put(uint32_t b, uint32_t g, uint32_t r) {
-    d[0] = static_cast<uint8_t>(b);
-    d[1] = static_cast<uint8_t>(g);
-    d[2] = static_cast<uint8_t>(r);
+    if constexpr (P == 4) {
+      uint32_t old;
+      std::memcpy(&old, d, 4);
+      const uint32_t v = (old & 0xFF000000u) | (b & 0xFF) | (g & 0xFF) << 8 | (r & 0xFF) << 16;
+      std::memcpy(d, &v, 4);
+    } else {
+      d[0] = static_cast<uint8_t>(b);
+      d[1] = static_cast<uint8_t>(g);
+      d[2] = static_cast<uint8_t>(r);
+    }
     d += Mirror ? -P : P;
   }
   void Grey(uint32_t v) { Put(v, v, v); }
+#ifdef __AVX2__
+  // 16 pixels from channel planes, in source order.
+  void Put16(__m128i b, __m128i g, __m128i r) {
+    if constexpr (Mirror) {
+      StorePixels<P>(d - 15 * P, Reverse16(b), Reverse16(g), Reverse16(r));
+      d -= 16 * P;
+    } else {
+      StorePixels<P>(d, b, g, r);
+      d += 16 * P;
+    }
+  }
+#endif
 };
 
 // 16-bit sample reduced to 8 bits: optional byte swap, shift, low byte.
@@ -36,12 +65,49 @@ template <bool LE>
 struct Word {
   uint32_t shift;
   uint32_t operator()(const uint8_t* s) const {
-    const uint32_t w = LE ? (s[0] | uint32_t{s[1]} << 8) : (s[1] | uint32_t{s[0]} << 8);
-    return (w >> shift) & 0xFF;
+    uint16_t w;
+    std::memcpy(&w, s, 2);
+    if (!LE) w = __builtin_bswap16(w);
+    return (uint32_t{w} >> shift) & 0xFF;
   }
 };
 
 inline uint32_t Clamp(int v) { return v < 0 ? 0u : v > 255 ? 255u : static_cast<uint32_t>(v); }
+
+#ifdef __AVX2__
+// 16 pixels of a pair kind (UYVY, YUYV, YCbCr422) through the table: the
+// same sums as Yuv::Put in 16-bit lanes; the saturating pack is the clamp.
+template <int Y0, int Y1, int U, int V, class O>
+inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t) {
+  auto pick = [](int a, int b) {  // bytes a and b of each 4-byte pair, 4 pairs per half
+    return _mm_setr_epi8(a, b, a + 4, b + 4, a + 8, b + 8, a + 12, b + 12, -1, -1, -1, -1, -1, -1, -1, -1);
+  };
+  auto pick1 = [](int a) {
+    return _mm_setr_epi8(a, a + 4, a + 8, a + 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  };
+  const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+  const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16));
+  const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, pick(Y0, Y1)), _mm_shuffle_epi8(hi, pick(Y0, Y1)));
+  const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, pick1(U)), _mm_shuffle_epi8(hi, pick1(U)));
+  const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, pick1(V)), _mm_shuffle_epi8(hi, pick1(V)));
+  const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
+  auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order
+    return _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
+  };
+  const __m128i tr = to16(_mm256_i32gather_epi32(t, v, 4));
+  const __m128i tg = to16(_mm256_add_epi32(_mm256_i32gather_epi32(t + 256, v, 4),
+                                           _mm256_i32gather_epi32(t + 512, u, 4)));
+  const __m128i tb = to16(_mm256_i32gather_epi32(t + 768, u, 4));
+  const __m128i yl = _mm_cvtepu8_epi16(y), yh = _mm_cvtepu8_epi16(_mm_srli_si128(y, 8));
+  // Each pair's chroma serves both of its pixels.
+  auto chan = [&](__m128i c, bool sub) {
+    const __m128i cl = _mm_unpacklo_epi16(c, c), ch = _mm_unpackhi_epi16(c, c);
+    return sub ? _mm_packus_epi16(_mm_sub_epi16(yl, cl), _mm_sub_epi16(yh, ch))
+               : _mm_packus_epi16(_mm_add_epi16(yl, cl), _mm_add_epi16(yh, ch));
+  };
+  o.Put16(chan(tb, false), chan(tg, true), chan(tr, false));
+}
+#endif
 
 struct Yuv {
   const int32_t* t;
@@ -180,6 +246,9 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
     case KIND_YUV422_UYVY:
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<1, 3, 0, 2>(o, s, yuv.t);
+#endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[1], s[0], s[2]);
           yuv.Put(o, s[3], s[0], s[2]);
@@ -189,6 +258,9 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
     case KIND_YUV422_YUYV:
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 1, 3>(o, s, yuv.t);
+#endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[0], s[1], s[3]);
           yuv.Put(o, s[2], s[1], s[3]);
@@ -198,6 +270,9 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
     case KIND_YCBCR422:
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 3, 1>(o, s, yuv.t);
+#endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[0], s[3], s[1]);
           yuv.Put(o, s[2], s[3], s[1]);

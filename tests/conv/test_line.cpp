@@ -80,7 +80,7 @@ constexpr uint32_t kLineKinds[] = {0, 1, 2, 3, 4, 5, 6, 11, 13, 15, 16, 17, 18, 
 TEST(Line, GeometryCanariesAndParallelForEveryKind) {
   ForEachConverterSet([] {
   for (uint32_t kind : kLineKinds) {
-    for (auto [w, h] : {std::pair<uint32_t, uint32_t>{7, 5}, {10, 4}, {13, 9}}) {
+    for (auto [w, h] : {std::pair<uint32_t, uint32_t>{7, 5}, {10, 4}, {37, 3}}) {
       const auto src = RandomBytes(SourceRowBytes(kind, w) * h, kind * 31 + w);
       for (uint32_t out : {0u, 1u}) {
         Dst plain(w, h, out), other(w, h, out, 0x3C);
@@ -108,6 +108,26 @@ TEST(Line, GeometryCanariesAndParallelForEveryKind) {
     }
   }
   });
+}
+
+// The vectorised loops must give the baseline bytes, for every kind, with
+// widths that leave scalar tails of every length.
+TEST(Line, VectorPathsMatchBaseline) {
+  for (uint32_t kind : kLineKinds) {
+    for (uint32_t w = 16; w <= 50; w += 17) {
+      const auto src = RandomBytes(SourceRowBytes(kind, w) * 2, kind + w);
+      for (uint32_t geo = 0; geo < 4; ++geo) {
+        for (uint32_t out : {0u, 1u}) {
+          Dst fast(w, 2, out), base(w, 2, out);
+          ASSERT_EQ(kConvOk, ConvertInto(fast, src.data(), kind, 0, Mode(geo, out, 3)));
+          UseBaselineConverters(true);
+          ASSERT_EQ(kConvOk, ConvertInto(base, src.data(), kind, 0, Mode(geo, out, 3)));
+          UseBaselineConverters(false);
+          ASSERT_EQ(0, std::memcmp(fast.buf.get(), base.buf.get(), fast.stride * 2)) << kind << " w " << w;
+        }
+      }
+    }
+  }
 }
 
 TEST(Line, KindsWithoutConverterWriteNothing) {
