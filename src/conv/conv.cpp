@@ -1,5 +1,6 @@
 #include "conv/conv.h"
 
+#include <cmath>
 #include <new>
 
 #include <omp.h>
@@ -44,13 +45,23 @@ const int32_t* CConv::YuvTable() {
   std::lock_guard<std::mutex> g(lock_);
   t = table_.load(std::memory_order_relaxed);
   if (t) return t;
-  t = new (std::nothrow) int32_t[4 * 256];
+  t = new (std::nothrow) int32_t[4 * 256 + 5];
   if (!t) return nullptr;
+  bool exact = true;
   for (int c = 0; c < 4; ++c) {
     for (int i = 0; i < 256; ++i) {
       t[c * 256 + i] = static_cast<int32_t>((i - 128) * coef_[c]);  // truncates toward zero
     }
+    // A 16-bit fixed-point multiplier that gives every entry, if one does.
+    const bool inRange = coef_[c] >= 0 && coef_[c] < 4;
+    const int32_t k = inRange ? static_cast<int32_t>(std::ceil(coef_[c] * 65536)) : 0;
+    for (int i = 0; i < 256 && exact; ++i) {
+      const int32_t d = i - 128, m = ((d < 0 ? -d : d) * k) >> 16;
+      exact = inRange && (d < 0 ? -m : m) == t[c * 256 + i];
+    }
+    t[1024 + c] = k;
   }
+  t[1028] = exact;
   table_.store(t, std::memory_order_release);
   return t;
 }
@@ -94,6 +105,7 @@ int CConv::Convert(const ConvReq& r) {
   if (IsYuvKind(k)) {
     p.table = YuvTable();
     if (!p.table) return kConvNoMemory;
+    if (p.table[1028]) p.tableMul = p.table + 1024;
   }
   const bool out24 = output_ == 1;
   const bool avx2 = UseAvx2();

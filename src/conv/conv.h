@@ -38,6 +38,10 @@ struct ConvParams {
   bool parallel;
   int threads;           // team size when parallel; 0 = the runtime's default
   const int32_t* table;  // YUV table [4][256], null for non-YUV kinds
+  // Multipliers that reproduce the table exactly as ((|i - 128| * k) >> 16)
+  // with the sign of i - 128, or null when no such multipliers exist; lets
+  // vector code compute entries instead of gathering them.
+  const int32_t* tableMul;
 };
 
 constexpr ConvMode kDefaultHandleMode{0, 0, 0, 0, 0};
@@ -77,6 +81,7 @@ class CConv : public CBaseConv {
   void ResolveShift(uint32_t kind, uint32_t bits);
 
   // The YUV table, created on first use; null when it cannot be allocated.
+  // Four multipliers and a flag follow the 1024 entries (see tableMul).
   const int32_t* YuvTable();
 
   uint32_t Geometry() const { return geometry_; }

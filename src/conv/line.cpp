@@ -78,7 +78,7 @@ inline uint32_t Clamp(int v) { return v < 0 ? 0u : v > 255 ? 255u : static_cast<
 // 16 pixels of a pair kind (UYVY, YUYV, YCbCr422) through the table: the
 // same sums as Yuv::Put in 16-bit lanes; the saturating pack is the clamp.
 template <int Y0, int Y1, int U, int V, class O>
-inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t) {
+inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* mul) {
   auto pick = [](int a, int b) {  // bytes a and b of each 4-byte pair, 4 pairs per half
     return _mm_setr_epi8(a, b, a + 4, b + 4, a + 8, b + 8, a + 12, b + 12, -1, -1, -1, -1, -1, -1, -1, -1);
   };
@@ -91,19 +91,32 @@ inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t) {
   const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, pick1(U)), _mm_shuffle_epi8(hi, pick1(U)));
   const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, pick1(V)), _mm_shuffle_epi8(hi, pick1(V)));
   const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
-  auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order
+  auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order, saturated
     return _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
   };
-  const __m128i tr = to16(_mm256_i32gather_epi32(t, v, 4));
-  const __m128i tg = to16(_mm256_add_epi32(_mm256_i32gather_epi32(t + 256, v, 4),
-                                           _mm256_i32gather_epi32(t + 512, u, 4)));
-  const __m128i tb = to16(_mm256_i32gather_epi32(t + 768, u, 4));
+  __m128i tr, tg, tb;
+  if (mul) {
+    // Entries computed: (|i - 128| * k) >> 16 with the sign of i - 128.
+    const __m256i du = _mm256_sub_epi32(u, _mm256_set1_epi32(128));
+    const __m256i dv = _mm256_sub_epi32(v, _mm256_set1_epi32(128));
+    const __m256i au = _mm256_abs_epi32(du), av = _mm256_abs_epi32(dv);
+    auto entry = [](__m256i a, __m256i d, int32_t k) {
+      return _mm256_sign_epi32(_mm256_srli_epi32(_mm256_mullo_epi32(a, _mm256_set1_epi32(k)), 16), d);
+    };
+    tr = to16(entry(av, dv, mul[0]));
+    tg = to16(_mm256_add_epi32(entry(av, dv, mul[1]), entry(au, du, mul[2])));
+    tb = to16(entry(au, du, mul[3]));
+  } else {
+    tr = to16(_mm256_i32gather_epi32(t, v, 4));
+    tg = to16(_mm256_add_epi32(_mm256_i32gather_epi32(t + 256, v, 4), _mm256_i32gather_epi32(t + 512, u, 4)));
+    tb = to16(_mm256_i32gather_epi32(t + 768, u, 4));
+  }
   const __m128i yl = _mm_cvtepu8_epi16(y), yh = _mm_cvtepu8_epi16(_mm_srli_si128(y, 8));
   // Each pair's chroma serves both of its pixels.
   auto chan = [&](__m128i c, bool sub) {
     const __m128i cl = _mm_unpacklo_epi16(c, c), ch = _mm_unpackhi_epi16(c, c);
-    return sub ? _mm_packus_epi16(_mm_sub_epi16(yl, cl), _mm_sub_epi16(yh, ch))
-               : _mm_packus_epi16(_mm_add_epi16(yl, cl), _mm_add_epi16(yh, ch));
+    return sub ? _mm_packus_epi16(_mm_subs_epi16(yl, cl), _mm_subs_epi16(yh, ch))
+               : _mm_packus_epi16(_mm_adds_epi16(yl, cl), _mm_adds_epi16(yh, ch));
   };
   o.Put16(chan(tb, false), chan(tg, true), chan(tr, false));
 }
@@ -111,6 +124,7 @@ inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t) {
 
 struct Yuv {
   const int32_t* t;
+  const int32_t* mul;
   template <class O>
   void Put(O& o, int y, int u, int v) const {
     o.Put(Clamp(y + t[768 + u]), Clamp(y - (t[256 + v] + t[512 + u])), Clamp(y + t[v]));
@@ -162,7 +176,7 @@ void Kinds16(const ConvParams& p, const ConvReq& r) {
 
 template <int P, bool Mirror>
 void Kinds(const ConvParams& p, const ConvReq& r) {
-  const Yuv yuv{p.table};
+  const Yuv yuv{p.table, p.tableMul};
   switch (r.kind) {
     case KIND_MONO8:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
@@ -247,7 +261,7 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<1, 3, 0, 2>(o, s, yuv.t);
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<1, 3, 0, 2>(o, s, yuv.t, yuv.mul);
 #endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[1], s[0], s[2]);
@@ -259,7 +273,7 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 1, 3>(o, s, yuv.t);
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 1, 3>(o, s, yuv.t, yuv.mul);
 #endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[0], s[1], s[3]);
@@ -271,7 +285,7 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 3, 1>(o, s, yuv.t);
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 3, 1>(o, s, yuv.t, yuv.mul);
 #endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[0], s[3], s[1]);

@@ -61,8 +61,8 @@ inline ConvMode Mode(uint32_t geometry, uint32_t out, uint32_t shift = 0, bool s
 
 // Converts through a fresh engine; returns the engine's result code.
 inline int ConvertInto(Dst& d, const void* src, uint32_t kind, uint32_t phase, const ConvMode& m,
-               int threads = 0, uint32_t littleEndian = 1) {
-  CConv conv(m, kDefaultYuvCoef, threads);
+               int threads = 0, uint32_t littleEndian = 1, const YuvCoef& coef = kDefaultYuvCoef) {
+  CConv conv(m, coef, threads);
   ConvReq r{d.w, d.h, kind, phase, littleEndian, src, d.buf.get()};
   return conv.Convert(r);
 }
