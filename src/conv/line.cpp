@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 
 #ifdef __AVX2__
 #include <immintrin.h>
@@ -75,21 +76,11 @@ struct Word {
 inline uint32_t Clamp(int v) { return v < 0 ? 0u : v > 255 ? 255u : static_cast<uint32_t>(v); }
 
 #ifdef __AVX2__
-// 16 pixels of a pair kind (UYVY, YUYV, YCbCr422) through the table: the
-// same sums as Yuv::Put in 16-bit lanes; the saturating pack is the clamp.
-template <int Y0, int Y1, int U, int V, class O>
-inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* mul) {
-  auto pick = [](int a, int b) {  // bytes a and b of each 4-byte pair, 4 pairs per half
-    return _mm_setr_epi8(a, b, a + 4, b + 4, a + 8, b + 8, a + 12, b + 12, -1, -1, -1, -1, -1, -1, -1, -1);
-  };
-  auto pick1 = [](int a) {
-    return _mm_setr_epi8(a, a + 4, a + 8, a + 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-  };
-  const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
-  const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16));
-  const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, pick(Y0, Y1)), _mm_shuffle_epi8(hi, pick(Y0, Y1)));
-  const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, pick1(U)), _mm_shuffle_epi8(hi, pick1(U)));
-  const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, pick1(V)), _mm_shuffle_epi8(hi, pick1(V)));
+// YUV rule for 16 pixels: y holds their Y bytes, u8 and v8 the chroma of
+// each pixel pair (8 bytes). The same sums as Yuv::Put in 16-bit lanes; the
+// saturating pack is the clamp.
+template <class O>
+inline void YuvPlanes(O& o, __m128i y, __m128i u8, __m128i v8, const int32_t* t, const int32_t* mul) {
   const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
   auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order, saturated
     return _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
@@ -112,13 +103,106 @@ inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* m
     tb = to16(_mm256_i32gather_epi32(t + 768, u, 4));
   }
   const __m128i yl = _mm_cvtepu8_epi16(y), yh = _mm_cvtepu8_epi16(_mm_srli_si128(y, 8));
-  // Each pair's chroma serves both of its pixels.
   auto chan = [&](__m128i c, bool sub) {
     const __m128i cl = _mm_unpacklo_epi16(c, c), ch = _mm_unpackhi_epi16(c, c);
     return sub ? _mm_packus_epi16(_mm_subs_epi16(yl, cl), _mm_subs_epi16(yh, ch))
                : _mm_packus_epi16(_mm_adds_epi16(yl, cl), _mm_adds_epi16(yh, ch));
   };
   o.Put16(chan(tb, false), chan(tg, true), chan(tr, false));
+}
+
+inline __m128i Load(const uint8_t* s) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)); }
+
+// Byte shuffle mask from a list; -1 clears the byte.
+inline __m128i Mask(std::initializer_list<int> l) {
+  alignas(16) int8_t m[16];
+  int i = 0;
+  for (int v : l) m[i++] = static_cast<int8_t>(v);
+  while (i < 16) m[i++] = -1;
+  return _mm_load_si128(reinterpret_cast<const __m128i*>(m));
+}
+
+// 16 pixels of a pair kind (UYVY, YUYV, YCbCr422) from 32 bytes.
+template <int Y0, int Y1, int U, int V, class O>
+inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* mul) {
+  static const __m128i my = Mask({Y0, Y1, Y0 + 4, Y1 + 4, Y0 + 8, Y1 + 8, Y0 + 12, Y1 + 12});
+  static const __m128i mu = Mask({U, U + 4, U + 8, U + 12}), mv = Mask({V, V + 4, V + 8, V + 12});
+  const __m128i lo = Load(s), hi = Load(s + 16);
+  const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, my), _mm_shuffle_epi8(hi, my));
+  const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mu), _mm_shuffle_epi8(hi, mu));
+  const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mv), _mm_shuffle_epi8(hi, mv));
+  YuvPlanes(o, y, u8, v8, t, mul);
+}
+
+// 16 pixels of YUV411 from 24 bytes: four groups U Y0 Y1 V Y2 Y3, each
+// group's chroma serving two pixel pairs.
+template <class O>
+inline void Yuv411x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* mul) {
+  static const __m128i myl = Mask({1, 2, 4, 5, 7, 8, 10, 11}), myh = Mask({5, 6, 8, 9, 11, 12, 14, 15});
+  static const __m128i mul_ = Mask({0, 0, 6, 6}), muh = Mask({4, 4, 10, 10});
+  static const __m128i mvl = Mask({3, 3, 9, 9}), mvh = Mask({7, 7, 13, 13});
+  const __m128i lo = Load(s), hi = Load(s + 8);
+  const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, myl), _mm_shuffle_epi8(hi, myh));
+  const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mul_), _mm_shuffle_epi8(hi, muh));
+  const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mvl), _mm_shuffle_epi8(hi, mvh));
+  YuvPlanes(o, y, u8, v8, t, mul);
+}
+
+// 16 grey pixels from 16-bit words: swap, shift, low byte.
+template <bool LE, class O>
+inline void Mono16x16(O& o, const uint8_t* s, uint32_t shift) {
+  __m128i lo = Load(s), hi = Load(s + 16);
+  if constexpr (!LE) {
+    static const __m128i sw = Mask({1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14});
+    lo = _mm_shuffle_epi8(lo, sw);
+    hi = _mm_shuffle_epi8(hi, sw);
+  }
+  const __m128i n = _mm_cvtsi32_si128(static_cast<int>(shift)), ff = _mm_set1_epi16(0xFF);
+  const __m128i g = _mm_packus_epi16(_mm_and_si128(_mm_srl_epi16(lo, n), ff), _mm_and_si128(_mm_srl_epi16(hi, n), ff));
+  o.Put16(g, g, g);
+}
+
+// 16 grey pixels from 8 packed pairs (24 bytes): bytes 0 and 2 of each.
+template <class O>
+inline void MonoPackedx16(O& o, const uint8_t* s) {
+  static const __m128i ml = Mask({0, 2, 3, 5, 6, 8, 9, 11}), mh = Mask({4, 6, 7, 9, 10, 12, 13, 15});
+  const __m128i g = _mm_unpacklo_epi64(_mm_shuffle_epi8(Load(s), ml), _mm_shuffle_epi8(Load(s + 8), mh));
+  o.Put16(g, g, g);
+}
+
+// 16 pixels of 3-byte triples (48 bytes) split into planes of byte 0, 1, 2.
+inline void Planes3(const uint8_t* s, __m128i* p) {
+  static const struct M {
+    __m128i m[3][3];  // [plane][source block]
+    M() {
+      for (int c = 0; c < 3; ++c)
+        for (int blk = 0; blk < 3; ++blk) {
+          alignas(16) int8_t b[16];
+          for (int i = 0; i < 16; ++i) {
+            const int j = 3 * i + c - 16 * blk;  // byte of pixel i, plane c, in this block
+            b[i] = static_cast<int8_t>(j >= 0 && j < 16 ? j : -1);
+          }
+          m[c][blk] = _mm_load_si128(reinterpret_cast<const __m128i*>(b));
+        }
+    }
+  } masks;
+  const __m128i b0 = Load(s), b1 = Load(s + 16), b2 = Load(s + 32);
+  for (int c = 0; c < 3; ++c) {
+    p[c] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b0, masks.m[c][0]), _mm_shuffle_epi8(b1, masks.m[c][1])),
+                        _mm_shuffle_epi8(b2, masks.m[c][2]));
+  }
+}
+
+// 16 pixels of RGB10p32 (64 bytes): three 10-bit fields, top 8 bits each.
+template <class O>
+inline void Rgb10p32x16(O& o, const uint8_t* s) {
+  auto field = [s](int sh) {
+    const __m128i ff = _mm_set1_epi32(0xFF);
+    __m128i q[4];
+    for (int k = 0; k < 4; ++k) q[k] = _mm_and_si128(_mm_srli_epi32(Load(s + 16 * k), sh), ff);
+    return _mm_packus_epi16(_mm_packus_epi32(q[0], q[1]), _mm_packus_epi32(q[2], q[3]));
+  };
+  o.Put16(field(2), field(12), field(22));
 }
 #endif
 
@@ -159,7 +243,11 @@ void Kinds16(const ConvParams& p, const ConvReq& r) {
   switch (r.kind) {
     case KIND_MONO16:
       return RunRows<P, Mirror>(p, r, [w16](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x) o.Grey(w16(s + 2 * x));
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 32) Mono16x16<LE>(o, s, w16.shift);
+#endif
+        for (; x < w; ++x, s += 2) o.Grey(w16(s));
       });
     case KIND_RGB16:
       return RunRows<P, Mirror>(p, r, [w16](const uint8_t* s, auto& o, uint32_t w) {
@@ -191,6 +279,9 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       // Pairs of pixels in 3 bytes; the middle byte holds the low bits.
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 24) MonoPackedx16(o, s);
+#endif
         for (; x + 1 < w; x += 2, s += 3) {
           o.Grey(s[0]);
           o.Grey(s[2]);
@@ -199,11 +290,27 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       });
     case KIND_RGB8:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x, s += 3) o.Put(s[2], s[1], s[0]);
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 48) {
+          __m128i pl[3];
+          Planes3(s, pl);
+          o.Put16(pl[2], pl[1], pl[0]);
+        }
+#endif
+        for (; x < w; ++x, s += 3) o.Put(s[2], s[1], s[0]);
       });
     case KIND_BGR8:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x, s += 3) o.Put(s[0], s[1], s[2]);
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 48) {
+          __m128i pl[3];
+          Planes3(s, pl);
+          o.Put16(pl[0], pl[1], pl[2]);
+        }
+#endif
+        for (; x < w; ++x, s += 3) o.Put(s[0], s[1], s[2]);
       });
     case KIND_RGBA8:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
@@ -219,7 +326,11 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       });
     case KIND_RGB10P32:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x, s += 4) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 64) Rgb10p32x16(o, s);
+#endif
+        for (; x < w; ++x, s += 4) {
           const uint32_t d = s[0] | uint32_t{s[1]} << 8 | uint32_t{s[2]} << 16 | uint32_t{s[3]} << 24;
           o.Put((d >> 2) & 0xFF, (d >> 12) & 0xFF, (d >> 22) & 0xFF);
         }
@@ -297,6 +408,9 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       // Groups of 4 pixels in 6 bytes: U Y0 Y1 V Y2 Y3.
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 24) Yuv411x16(o, s, yuv.t, yuv.mul);
+#endif
         for (; x + 3 < w; x += 4, s += 6) {
           yuv.Put(o, s[1], s[0], s[3]);
           yuv.Put(o, s[2], s[0], s[3]);
