@@ -58,6 +58,15 @@ struct Out {
       d += 16 * P;
     }
   }
+  void Grey16(__m128i g) {
+    if constexpr (Mirror) {
+      StoreGrey<P>(d - 15 * P, Reverse16(g));
+      d -= 16 * P;
+    } else {
+      StoreGrey<P>(d, g);
+      d += 16 * P;
+    }
+  }
 #endif
 };
 
@@ -81,23 +90,26 @@ inline uint32_t Clamp(int v) { return v < 0 ? 0u : v > 255 ? 255u : static_cast<
 // saturating pack is the clamp.
 template <class O>
 inline void YuvPlanes(O& o, __m128i y, __m128i u8, __m128i v8, const int32_t* t, const int32_t* mul) {
-  const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
-  auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order, saturated
-    return _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
-  };
   __m128i tr, tg, tb;
   if (mul) {
-    // Entries computed: (|i - 128| * k) >> 16 with the sign of i - 128.
-    const __m256i du = _mm256_sub_epi32(u, _mm256_set1_epi32(128));
-    const __m256i dv = _mm256_sub_epi32(v, _mm256_set1_epi32(128));
-    const __m256i au = _mm256_abs_epi32(du), av = _mm256_abs_epi32(dv);
-    auto entry = [](__m256i a, __m256i d, int32_t k) {
-      return _mm256_sign_epi32(_mm256_srli_epi32(_mm256_mullo_epi32(a, _mm256_set1_epi32(k)), 16), d);
+    // Entries computed in 16-bit lanes: (|i - 128| * k) >> 16 with the sign
+    // of i - 128, as |i - 128| * (k >> 16) + high half of |i - 128| * (k & 0xFFFF).
+    const __m128i du = _mm_sub_epi16(_mm_cvtepu8_epi16(u8), _mm_set1_epi16(128));
+    const __m128i dv = _mm_sub_epi16(_mm_cvtepu8_epi16(v8), _mm_set1_epi16(128));
+    const __m128i au = _mm_abs_epi16(du), av = _mm_abs_epi16(dv);
+    auto entry = [](__m128i a, __m128i d, int32_t k) {
+      const __m128i e = _mm_add_epi16(_mm_mullo_epi16(a, _mm_set1_epi16(static_cast<int16_t>(k >> 16))),
+                                      _mm_mulhi_epu16(a, _mm_set1_epi16(static_cast<int16_t>(k & 0xFFFF))));
+      return _mm_sign_epi16(e, d);
     };
-    tr = to16(entry(av, dv, mul[0]));
-    tg = to16(_mm256_add_epi32(entry(av, dv, mul[1]), entry(au, du, mul[2])));
-    tb = to16(entry(au, du, mul[3]));
+    tr = entry(av, dv, mul[0]);
+    tg = _mm_add_epi16(entry(av, dv, mul[1]), entry(au, du, mul[2]));
+    tb = entry(au, du, mul[3]);
   } else {
+    const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
+    auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order, saturated
+      return _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
+    };
     tr = to16(_mm256_i32gather_epi32(t, v, 4));
     tg = to16(_mm256_add_epi32(_mm256_i32gather_epi32(t + 256, v, 4), _mm256_i32gather_epi32(t + 512, u, 4)));
     tb = to16(_mm256_i32gather_epi32(t + 768, u, 4));
@@ -159,7 +171,7 @@ inline void Mono16x16(O& o, const uint8_t* s, uint32_t shift) {
   }
   const __m128i n = _mm_cvtsi32_si128(static_cast<int>(shift)), ff = _mm_set1_epi16(0xFF);
   const __m128i g = _mm_packus_epi16(_mm_and_si128(_mm_srl_epi16(lo, n), ff), _mm_and_si128(_mm_srl_epi16(hi, n), ff));
-  o.Put16(g, g, g);
+  o.Grey16(g);
 }
 
 // 16 grey pixels from 8 packed pairs (24 bytes): bytes 0 and 2 of each.
@@ -167,30 +179,52 @@ template <class O>
 inline void MonoPackedx16(O& o, const uint8_t* s) {
   static const __m128i ml = Mask({0, 2, 3, 5, 6, 8, 9, 11}), mh = Mask({4, 6, 7, 9, 10, 12, 13, 15});
   const __m128i g = _mm_unpacklo_epi64(_mm_shuffle_epi8(Load(s), ml), _mm_shuffle_epi8(Load(s + 8), mh));
-  o.Put16(g, g, g);
+  o.Grey16(g);
 }
 
 // 16 pixels of 3-byte triples (48 bytes) split into planes of byte 0, 1, 2.
+constexpr Bytes16 PlaneMask(int c, int blk) {
+  Bytes16 m{};
+  for (int i = 0; i < 16; ++i) {
+    const int j = 3 * i + c - 16 * blk;  // byte of pixel i, plane c, within this block
+    m.b[i] = static_cast<int8_t>(j >= 0 && j < 16 ? j : -128);
+  }
+  return m;
+}
+constexpr Bytes16 kPlanes[3][3] = {{PlaneMask(0, 0), PlaneMask(0, 1), PlaneMask(0, 2)},
+                                   {PlaneMask(1, 0), PlaneMask(1, 1), PlaneMask(1, 2)},
+                                   {PlaneMask(2, 0), PlaneMask(2, 1), PlaneMask(2, 2)}};
+
 inline void Planes3(const uint8_t* s, __m128i* p) {
-  static const struct M {
-    __m128i m[3][3];  // [plane][source block]
-    M() {
-      for (int c = 0; c < 3; ++c)
-        for (int blk = 0; blk < 3; ++blk) {
-          alignas(16) int8_t b[16];
-          for (int i = 0; i < 16; ++i) {
-            const int j = 3 * i + c - 16 * blk;  // byte of pixel i, plane c, in this block
-            b[i] = static_cast<int8_t>(j >= 0 && j < 16 ? j : -1);
-          }
-          m[c][blk] = _mm_load_si128(reinterpret_cast<const __m128i*>(b));
-        }
-    }
-  } masks;
   const __m128i b0 = Load(s), b1 = Load(s + 16), b2 = Load(s + 32);
   for (int c = 0; c < 3; ++c) {
-    p[c] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b0, masks.m[c][0]), _mm_shuffle_epi8(b1, masks.m[c][1])),
-                        _mm_shuffle_epi8(b2, masks.m[c][2]));
+    p[c] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b0, MaskOf(kPlanes[c][0])), _mm_shuffle_epi8(b1, MaskOf(kPlanes[c][1]))),
+                        _mm_shuffle_epi8(b2, MaskOf(kPlanes[c][2])));
   }
+}
+
+// Triples to pixels without planes, when rows run forwards: 5 pixels per
+// 16-byte store into 24-bit rows (the 16th byte is the next pixel's, which
+// the next step rewrites), 4 per store into 32-bit rows. Swap exchanges
+// bytes 0 and 2 of each triple. Needs 6 pixels left in the row.
+template <int P, bool Swap>
+inline uint32_t TriplesForward(const uint8_t*& s, uint8_t*& d, uint32_t x, uint32_t w) {
+  if constexpr (P == 3) {
+    const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15)
+                           : _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    for (; x + 6 <= w; x += 5, s += 15, d += 15) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_shuffle_epi8(Load(s), m));
+    }
+  } else {
+    const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
+                           : _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m128i keep = _mm_set1_epi32(int32_t(0xFF000000u));
+    for (; x + 6 <= w; x += 4, s += 12, d += 16) {
+      __m128i* q = reinterpret_cast<__m128i*>(d);
+      _mm_storeu_si128(q, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(q), keep), _mm_shuffle_epi8(Load(s), m)));
+    }
+  }
+  return x;
 }
 
 // 16 pixels of RGB10p32 (64 bytes): three 10-bit fields, top 8 bits each.
@@ -292,10 +326,14 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 48) {
-          __m128i pl[3];
-          Planes3(s, pl);
-          o.Put16(pl[2], pl[1], pl[0]);
+        if constexpr (!Mirror) {
+          x = TriplesForward<P, true>(s, o.d, x, w);
+        } else {
+          for (; x + 16 <= w; x += 16, s += 48) {
+            __m128i pl[3];
+            Planes3(s, pl);
+            o.Put16(pl[2], pl[1], pl[0]);
+          }
         }
 #endif
         for (; x < w; ++x, s += 3) o.Put(s[2], s[1], s[0]);
@@ -304,10 +342,14 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 48) {
-          __m128i pl[3];
-          Planes3(s, pl);
-          o.Put16(pl[0], pl[1], pl[2]);
+        if constexpr (!Mirror) {
+          x = TriplesForward<P, false>(s, o.d, x, w);
+        } else {
+          for (; x + 16 <= w; x += 16, s += 48) {
+            __m128i pl[3];
+            Planes3(s, pl);
+            o.Put16(pl[0], pl[1], pl[2]);
+          }
         }
 #endif
         for (; x < w; ++x, s += 3) o.Put(s[0], s[1], s[2]);

@@ -13,6 +13,30 @@ inline __m128i Pack16(__m256i v) {
   return _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi16(v, v), 0xD8));
 }
 
+struct Bytes16 {
+  int8_t b[16];
+};
+
+// Byte j of 48 interleaved B, G, R bytes is channel j % 3 of pixel j / 3:
+// the mask that picks channel c's bytes into output block blk (c = 3: the
+// same grey byte for every channel).
+constexpr Bytes16 InterleaveMask(int blk, int c) {
+  Bytes16 m{};
+  for (int i = 0; i < 16; ++i) {
+    const int j = 16 * blk + i;
+    m.b[i] = static_cast<int8_t>(c == 3 || j % 3 == c ? j / 3 : -128);
+  }
+  return m;
+}
+
+constexpr Bytes16 kInterleave[3][4] = {
+    {InterleaveMask(0, 0), InterleaveMask(0, 1), InterleaveMask(0, 2), InterleaveMask(0, 3)},
+    {InterleaveMask(1, 0), InterleaveMask(1, 1), InterleaveMask(1, 2), InterleaveMask(1, 3)},
+    {InterleaveMask(2, 0), InterleaveMask(2, 1), InterleaveMask(2, 2), InterleaveMask(2, 3)},
+};
+
+inline __m128i MaskOf(const Bytes16& m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(m.b)); }
+
 // Stores 16 pixels from channel planes: 48 bytes, or 64 bytes whose fourth
 // bytes are written back with the value they held.
 template <int P>
@@ -28,23 +52,23 @@ inline void StorePixels(uint8_t* d, __m128i b, __m128i g, __m128i r) {
       _mm_storeu_si128(q, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(q), keep), px[k]));
     }
   } else {
-    // Output byte j of the 48 takes channel j % 3 of pixel j / 3.
-    alignas(16) static const struct Masks {
-      int8_t m[3][3][16];  // [output block][channel][byte]
-      Masks() : m() {
-        for (int blk = 0; blk < 3; ++blk)
-          for (int c = 0; c < 3; ++c)
-            for (int i = 0; i < 16; ++i) {
-              const int j = 16 * blk + i;
-              m[blk][c][i] = static_cast<int8_t>(j % 3 == c ? j / 3 : 0x80);
-            }
-      }
-    } masks;
     for (int blk = 0; blk < 3; ++blk) {
-      auto mk = [&](int c) { return _mm_load_si128(reinterpret_cast<const __m128i*>(masks.m[blk][c])); };
-      const __m128i v = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, mk(0)), _mm_shuffle_epi8(g, mk(1))),
-                                     _mm_shuffle_epi8(r, mk(2)));
+      const __m128i v = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, MaskOf(kInterleave[blk][0])),
+                                                  _mm_shuffle_epi8(g, MaskOf(kInterleave[blk][1]))),
+                                     _mm_shuffle_epi8(r, MaskOf(kInterleave[blk][2])));
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * blk), v);
+    }
+  }
+}
+
+// Stores 16 grey pixels.
+template <int P>
+inline void StoreGrey(uint8_t* d, __m128i g) {
+  if constexpr (P == 4) {
+    StorePixels<P>(d, g, g, g);
+  } else {
+    for (int blk = 0; blk < 3; ++blk) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * blk), _mm_shuffle_epi8(g, MaskOf(kInterleave[blk][3])));
     }
   }
 }
