@@ -88,23 +88,35 @@ inline uint32_t Clamp(int v) { return v < 0 ? 0u : v > 255 ? 255u : static_cast<
 // YUV rule for 16 pixels: y holds their Y bytes, u8 and v8 the chroma of
 // each pixel pair (8 bytes). The same sums as Yuv::Put in 16-bit lanes; the
 // saturating pack is the clamp.
+// The table's multipliers split for 16-bit lanes, prepared once per row.
+struct YuvK {
+  const int32_t* t;
+  bool computed;  // entries computed from kh/kl instead of gathered from t
+  __m128i kh[4], kl[4];
+  YuvK(const int32_t* table, const int32_t* mul) : t(table), computed(mul != nullptr) {
+    for (int c = 0; c < 4; ++c) {
+      kh[c] = _mm_set1_epi16(static_cast<int16_t>(mul ? mul[c] >> 16 : 0));
+      kl[c] = _mm_set1_epi16(static_cast<int16_t>(mul ? mul[c] & 0xFFFF : 0));
+    }
+  }
+};
+
 template <class O>
-inline void YuvPlanes(O& o, __m128i y, __m128i u8, __m128i v8, const int32_t* t, const int32_t* mul) {
+__attribute__((always_inline)) inline void YuvPlanes(O& o, __m128i y, __m128i u8, __m128i v8, const YuvK& k) {
+  const int32_t* t = k.t;
   __m128i tr, tg, tb;
-  if (mul) {
+  if (k.computed) {
     // Entries computed in 16-bit lanes: (|i - 128| * k) >> 16 with the sign
     // of i - 128, as |i - 128| * (k >> 16) + high half of |i - 128| * (k & 0xFFFF).
     const __m128i du = _mm_sub_epi16(_mm_cvtepu8_epi16(u8), _mm_set1_epi16(128));
     const __m128i dv = _mm_sub_epi16(_mm_cvtepu8_epi16(v8), _mm_set1_epi16(128));
     const __m128i au = _mm_abs_epi16(du), av = _mm_abs_epi16(dv);
-    auto entry = [](__m128i a, __m128i d, int32_t k) {
-      const __m128i e = _mm_add_epi16(_mm_mullo_epi16(a, _mm_set1_epi16(static_cast<int16_t>(k >> 16))),
-                                      _mm_mulhi_epu16(a, _mm_set1_epi16(static_cast<int16_t>(k & 0xFFFF))));
-      return _mm_sign_epi16(e, d);
+    auto entry = [&k](__m128i a, __m128i d, int c) {
+      return _mm_sign_epi16(_mm_add_epi16(_mm_mullo_epi16(a, k.kh[c]), _mm_mulhi_epu16(a, k.kl[c])), d);
     };
-    tr = entry(av, dv, mul[0]);
-    tg = _mm_add_epi16(entry(av, dv, mul[1]), entry(au, du, mul[2]));
-    tb = entry(au, du, mul[3]);
+    tr = entry(av, dv, 0);
+    tg = _mm_add_epi16(entry(av, dv, 1), entry(au, du, 2));
+    tb = entry(au, du, 3);
   } else {
     const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
     auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order, saturated
@@ -136,20 +148,20 @@ inline __m128i Mask(std::initializer_list<int> l) {
 
 // 16 pixels of a pair kind (UYVY, YUYV, YCbCr422) from 32 bytes.
 template <int Y0, int Y1, int U, int V, class O>
-inline void Yuv422x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* mul) {
+__attribute__((always_inline)) inline void Yuv422x16(O& o, const uint8_t* s, const YuvK& k) {
   static const __m128i my = Mask({Y0, Y1, Y0 + 4, Y1 + 4, Y0 + 8, Y1 + 8, Y0 + 12, Y1 + 12});
   static const __m128i mu = Mask({U, U + 4, U + 8, U + 12}), mv = Mask({V, V + 4, V + 8, V + 12});
   const __m128i lo = Load(s), hi = Load(s + 16);
   const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, my), _mm_shuffle_epi8(hi, my));
   const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mu), _mm_shuffle_epi8(hi, mu));
   const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mv), _mm_shuffle_epi8(hi, mv));
-  YuvPlanes(o, y, u8, v8, t, mul);
+  YuvPlanes(o, y, u8, v8, k);
 }
 
 // 16 pixels of YUV411 from 24 bytes: four groups U Y0 Y1 V Y2 Y3, each
 // group's chroma serving two pixel pairs.
 template <class O>
-inline void Yuv411x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* mul) {
+__attribute__((always_inline)) inline void Yuv411x16(O& o, const uint8_t* s, const YuvK& k) {
   static const __m128i myl = Mask({1, 2, 4, 5, 7, 8, 10, 11}), myh = Mask({5, 6, 8, 9, 11, 12, 14, 15});
   static const __m128i mul_ = Mask({0, 0, 6, 6}), muh = Mask({4, 4, 10, 10});
   static const __m128i mvl = Mask({3, 3, 9, 9}), mvh = Mask({7, 7, 13, 13});
@@ -157,7 +169,7 @@ inline void Yuv411x16(O& o, const uint8_t* s, const int32_t* t, const int32_t* m
   const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, myl), _mm_shuffle_epi8(hi, myh));
   const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mul_), _mm_shuffle_epi8(hi, muh));
   const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mvl), _mm_shuffle_epi8(hi, mvh));
-  YuvPlanes(o, y, u8, v8, t, mul);
+  YuvPlanes(o, y, u8, v8, k);
 }
 
 // 16 grey pixels from 16-bit words: swap, shift, low byte.
@@ -414,7 +426,8 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<1, 3, 0, 2>(o, s, yuv.t, yuv.mul);
+        const YuvK k(yuv.t, yuv.mul);
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<1, 3, 0, 2>(o, s, k);
 #endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[1], s[0], s[2]);
@@ -426,7 +439,8 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 1, 3>(o, s, yuv.t, yuv.mul);
+        const YuvK k(yuv.t, yuv.mul);
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 1, 3>(o, s, k);
 #endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[0], s[1], s[3]);
@@ -438,7 +452,8 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 3, 1>(o, s, yuv.t, yuv.mul);
+        const YuvK k(yuv.t, yuv.mul);
+        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 3, 1>(o, s, k);
 #endif
         for (; x + 1 < w; x += 2, s += 4) {
           yuv.Put(o, s[0], s[3], s[1]);
@@ -451,7 +466,8 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 24) Yuv411x16(o, s, yuv.t, yuv.mul);
+        const YuvK k(yuv.t, yuv.mul);
+        for (; x + 16 <= w; x += 16, s += 24) Yuv411x16(o, s, k);
 #endif
         for (; x + 3 < w; x += 4, s += 6) {
           yuv.Put(o, s[1], s[0], s[3]);
