@@ -149,13 +149,31 @@ inline void Pixel(uint8_t* d, const A& a, const uint8_t* su, const uint8_t* sc, 
 #ifdef __AVX2__
 // 16 interior pixels of 8-bit samples from x (odd) on: the same sums as
 // Pixel(), in 16-bit lanes, then the choice per lane parity.
-template <int P, Site S1, Site S2>
-inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uint8_t* sd, uint32_t x) {
-  const __m256i c = Load16(sc + x);
-  const __m256i hz = _mm256_add_epi16(Load16(sc + x - 1), Load16(sc + x + 1));
-  const __m256i vt = _mm256_add_epi16(Load16(su + x), Load16(sd + x));
-  const __m256i diag = _mm256_add_epi16(_mm256_add_epi16(Load16(su + x - 1), Load16(su + x + 1)),
-                                        _mm256_add_epi16(Load16(sd + x - 1), Load16(sd + x + 1)));
+// Vector loaders: samples x..x+15 of a row as 16-bit lanes.
+struct VecRead8 {
+  __m256i operator()(const uint8_t* s, uint32_t x) const { return Load16(s + x); }
+};
+
+template <bool LE>
+struct VecRead16 {
+  __m128i count;  // the shift
+  __m256i operator()(const uint8_t* s, uint32_t x) const {
+    __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 2 * size_t{x}));
+    if constexpr (!LE) {
+      w = _mm256_shuffle_epi8(w, _mm256_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14, 1, 0, 3, 2,
+                                                  5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14));
+    }
+    return _mm256_and_si256(_mm256_srl_epi16(w, count), _mm256_set1_epi16(0xFF));
+  }
+};
+
+template <int P, Site S1, Site S2, class L>
+inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uint8_t* sd, uint32_t x, const L& ld) {
+  const __m256i c = ld(sc, x);
+  const __m256i hz = _mm256_add_epi16(ld(sc, x - 1), ld(sc, x + 1));
+  const __m256i vt = _mm256_add_epi16(ld(su, x), ld(sd, x));
+  const __m256i diag = _mm256_add_epi16(_mm256_add_epi16(ld(su, x - 1), ld(su, x + 1)),
+                                        _mm256_add_epi16(ld(sd, x - 1), ld(sd, x + 1)));
   // Lanes holding an R or B site: even lanes are odd x (S1).
   constexpr bool evenIsColour = S1 == SR || S1 == SB;
   const __m256i m = evenIsColour ? _mm256_set1_epi32(0x0000FFFF) : _mm256_set1_epi32(int32_t(0xFFFF0000u));
@@ -181,7 +199,10 @@ void InteriorRowT(const Image& im, const A& a, uint32_t y) {
   uint32_t x = 1;
 #ifdef __AVX2__
   if constexpr (std::is_same_v<A, Acc<Read8, false>>) {
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x);
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecRead8{});
+  } else if constexpr (std::is_same_v<A, Acc<Read16<true>, false>> || std::is_same_v<A, Acc<Read16<false>, false>>) {
+    const VecRead16<std::is_same_v<A, Acc<Read16<true>, false>>> ld{_mm_cvtsi32_si128(int(a.rd.shift))};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   }
 #endif
   for (; x + 2 < im.w; x += 2, d += 2 * P) {

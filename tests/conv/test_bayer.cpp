@@ -292,5 +292,32 @@ TEST(Bayer, ParallelEqualsSerial) {
   }
 }
 
+// Random sizes and settings with buffers of exactly the image's size, so that
+// the sanitizer builds catch any read or write outside them. Bayer results
+// are checked against the model, line kinds for their untouched bytes.
+TEST(Conversion, RandomSizesStayInsideTheirBuffers) {
+  std::mt19937 rng(2024);
+  const uint32_t kinds[] = {0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26};
+  for (int i = 0; i < 300; ++i) {
+    const uint32_t kind = kinds[rng() % std::size(kinds)];
+    const uint32_t w = 3 + rng() % 70, h = 2 + rng() % 9;
+    const uint32_t geo = rng() % 4, out = rng() % 2, phase = rng() % 4;
+    const bool smooth = rng() % 2, parallel = rng() % 2;
+    Dst d(w, h, out);
+    if (IsBayerKind(kind)) {
+      const int reader = kind == KIND_BAYER8 ? 0 : kind == KIND_BAYER16 ? 1 + int(rng() % 2) : kind == KIND_BAYER12_PACKED ? 3 : 4;
+      const Source s = MakeSource(reader, w, h, i);
+      ASSERT_EQ(kConvOk, ConvertInto(d, s.bytes.data(), s.kind, phase, Mode(geo, out, s.shift, smooth, parallel),
+                                     2, s.littleEndian));
+      ASSERT_EQ(Model(s.samples, w, h, phase, geo, smooth), d.Pixels()) << w << "x" << h << " kind " << kind;
+    } else {
+      const auto src = RandomBytes(SourceRowBytes(kind, w) * h, i);
+      ASSERT_EQ(kConvOk, ConvertInto(d, src.data(), kind, 0, Mode(geo, out, rng() % 9, false, parallel), 2,
+                                     rng() % 2));
+    }
+    ASSERT_TRUE(d.UntouchedOk()) << "kind " << kind;
+  }
+}
+
 }  // namespace
 }  // namespace kivcam::conv::test
