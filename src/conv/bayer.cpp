@@ -18,23 +18,13 @@
 #include <immintrin.h>
 #endif
 
-
 #include "conv/converters.h"
 #include "conv/pixel_format.h"
 
 namespace kivcam::conv::KIVCONV_ISA {
 namespace {
 
-#ifdef __AVX2__
-#include "conv/simd_avx2.h"
-#endif
-
-// Destination row stride; kept local so that this file, built once per
-// instruction set, shares no inline code with the rest of the library.
-template <int P>
-uint64_t RowStride(uint32_t w) {
-  return P == 3 ? (uint64_t{w} * 3 + 3) & ~uint64_t{3} : uint64_t{w} * 4;
-}
+#include "conv/isa_local.h"
 
 // Channel offsets within a destination pixel.
 enum : uint8_t { CB = 0, CG = 1, CR = 2 };

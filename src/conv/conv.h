@@ -11,6 +11,8 @@
 // - RGB565/BGR565 keep the raw 5- and 6-bit field values, not widened.
 // - A camera engine whose automatic shift (-1) has not been resolved yet
 //   converts 16-bit samples with shift 8, the most significant byte.
+// - A 32-bit pixel is stored as a whole word whose fourth byte is the value
+//   the buffer held, so that byte keeps its contents.
 // - Parallel conversions give exactly the serial bytes. Green smoothing works
 //   in place and every site reads neighbours already smoothed above and to
 //   the left, so that pass runs on one thread in the serial order.

@@ -16,16 +16,7 @@
 namespace kivcam::conv::KIVCONV_ISA {
 namespace {
 
-#ifdef __AVX2__
-#include "conv/simd_avx2.h"
-#endif
-
-// Destination row stride; kept local so that this file, built once per
-// instruction set, shares no inline code with the rest of the library.
-template <int P>
-uint64_t RowStride(uint32_t w) {
-  return P == 3 ? (uint64_t{w} * 3 + 3) & ~uint64_t{3} : uint64_t{w} * 4;
-}
+#include "conv/isa_local.h"
 
 // Destination cursor: writes B, G, R and steps one pixel forwards or, when
 // mirrored, backwards. A 32-bit pixel is written as one word whose fourth
@@ -261,6 +252,27 @@ struct Yuv {
   }
 };
 
+// Row of a pair kind: 4 bytes per 2 pixels with Y0, Y1, U and V at the given
+// byte offsets. The incomplete pair of an odd width holds only bytes 0 and 1;
+// a chroma byte beyond them comes from the previous pair.
+template <int Y0, int Y1, int U, int V>
+struct PairRow {
+  Yuv yuv;
+  template <class O>
+  void operator()(const uint8_t* s, O& o, uint32_t w) const {
+    uint32_t x = 0;
+#ifdef __AVX2__
+    const YuvK k(yuv.t, yuv.mul);
+    for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<Y0, Y1, U, V>(o, s, k);
+#endif
+    for (; x + 1 < w; x += 2, s += 4) {
+      yuv.Put(o, s[Y0], s[U], s[V]);
+      yuv.Put(o, s[Y1], s[U], s[V]);
+    }
+    if (x < w) yuv.Put(o, s[Y0], s[U < 2 ? U : U - 4], s[V < 2 ? V : V - 4]);
+  }
+};
+
 template <int P, bool Mirror, class RowFn>
 void RunRows(const ConvParams& p, const ConvReq& r, RowFn fn) {
   const int64_t w = r.width, h = r.height;
@@ -423,44 +435,11 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
     // Pair kinds: an odd last pixel borrows the missing chroma byte from the
     // previous pair (width 1 is refused by the dispatcher).
     case KIND_YUV422_UYVY:
-      return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
-        uint32_t x = 0;
-#ifdef __AVX2__
-        const YuvK k(yuv.t, yuv.mul);
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<1, 3, 0, 2>(o, s, k);
-#endif
-        for (; x + 1 < w; x += 2, s += 4) {
-          yuv.Put(o, s[1], s[0], s[2]);
-          yuv.Put(o, s[3], s[0], s[2]);
-        }
-        if (x < w) yuv.Put(o, s[1], s[0], s[-2]);
-      });
+      return RunRows<P, Mirror>(p, r, PairRow<1, 3, 0, 2>{yuv});
     case KIND_YUV422_YUYV:
-      return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
-        uint32_t x = 0;
-#ifdef __AVX2__
-        const YuvK k(yuv.t, yuv.mul);
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 1, 3>(o, s, k);
-#endif
-        for (; x + 1 < w; x += 2, s += 4) {
-          yuv.Put(o, s[0], s[1], s[3]);
-          yuv.Put(o, s[2], s[1], s[3]);
-        }
-        if (x < w) yuv.Put(o, s[0], s[1], s[-1]);
-      });
+      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 1, 3>{yuv});
     case KIND_YCBCR422:
-      return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
-        uint32_t x = 0;
-#ifdef __AVX2__
-        const YuvK k(yuv.t, yuv.mul);
-        for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<0, 2, 3, 1>(o, s, k);
-#endif
-        for (; x + 1 < w; x += 2, s += 4) {
-          yuv.Put(o, s[0], s[3], s[1]);
-          yuv.Put(o, s[2], s[3], s[1]);
-        }
-        if (x < w) yuv.Put(o, s[0], s[-1], s[1]);
-      });
+      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 3, 1>{yuv});
     case KIND_YUV411:
       // Groups of 4 pixels in 6 bytes: U Y0 Y1 V Y2 Y3.
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
