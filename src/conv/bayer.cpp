@@ -157,6 +157,25 @@ struct VecRead16 {
   }
 };
 
+// Packed pairs: sample x is byte 0 of pair x / 2, or byte 2 for odd x.
+struct VecReadPacked {
+  __m256i operator()(const uint8_t* s, uint32_t x) const {
+    const uint8_t* b = s + size_t{x >> 1} * 3;
+    auto load = [](const uint8_t* q) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q)); };
+    __m128i g;
+    if (x & 1) {
+      g = _mm_unpacklo_epi64(
+          _mm_shuffle_epi8(load(b), _mm_setr_epi8(2, 3, 5, 6, 8, 9, 11, 12, -1, -1, -1, -1, -1, -1, -1, -1)),
+          _mm_shuffle_epi8(load(b + 9), _mm_setr_epi8(5, 6, 8, 9, 11, 12, 14, 15, -1, -1, -1, -1, -1, -1, -1, -1)));
+    } else {
+      g = _mm_unpacklo_epi64(
+          _mm_shuffle_epi8(load(b), _mm_setr_epi8(0, 2, 3, 5, 6, 8, 9, 11, -1, -1, -1, -1, -1, -1, -1, -1)),
+          _mm_shuffle_epi8(load(b + 8), _mm_setr_epi8(4, 6, 7, 9, 10, 12, 13, 15, -1, -1, -1, -1, -1, -1, -1, -1)));
+    }
+    return _mm256_cvtepu8_epi16(g);
+  }
+};
+
 template <int P, Site S1, Site S2, class L>
 inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uint8_t* sd, uint32_t x, const L& ld) {
   const __m256i c = ld(sc, x);
@@ -193,6 +212,8 @@ void InteriorRowT(const Image& im, const A& a, uint32_t y) {
   } else if constexpr (std::is_same_v<A, Acc<Read16<true>, false>> || std::is_same_v<A, Acc<Read16<false>, false>>) {
     const VecRead16<std::is_same_v<A, Acc<Read16<true>, false>>> ld{_mm_cvtsi32_si128(int(a.rd.shift))};
     for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+  } else if constexpr (std::is_same_v<A, Acc<ReadPacked, false>>) {
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecReadPacked{});
   }
 #endif
   for (; x + 2 < im.w; x += 2, d += 2 * P) {
