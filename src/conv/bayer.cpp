@@ -157,6 +157,21 @@ struct VecRead16 {
   }
 };
 
+// Mirrored rows: samples x..x+15 counted from the row's end, read as the 16
+// bytes (or words) that end there and reversed.
+template <class L>
+struct VecMirror {
+  L inner;
+  uint32_t last;  // width - 1
+  __m256i operator()(const uint8_t* s, uint32_t x) const {
+    const __m256i v = inner(s, last - x - 15);
+    // Reverse 16 lanes of 16 bits: swap the halves, then the lanes within each.
+    const __m256i halves = _mm256_permute4x64_epi64(v, 0x4E);
+    return _mm256_shuffle_epi8(halves, _mm256_setr_epi8(14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1, 14, 15,
+                                                        12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1));
+  }
+};
+
 // Packed pairs: sample x is byte 0 of pair x / 2, or byte 2 for odd x.
 struct VecReadPacked {
   __m256i operator()(const uint8_t* s, uint32_t x) const {
@@ -214,6 +229,16 @@ void InteriorRowT(const Image& im, const A& a, uint32_t y) {
     for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   } else if constexpr (std::is_same_v<A, Acc<ReadPacked, false>>) {
     for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecReadPacked{});
+  } else if constexpr (std::is_same_v<A, Acc<Read8, true>>) {
+    const VecMirror<VecRead8> ld{{}, im.w - 1};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+  } else if constexpr (std::is_same_v<A, Acc<Read16<true>, true>> || std::is_same_v<A, Acc<Read16<false>, true>>) {
+    using V = VecRead16<std::is_same_v<A, Acc<Read16<true>, true>>>;
+    const VecMirror<V> ld{V{_mm_cvtsi32_si128(int(a.rd.shift))}, im.w - 1};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+  } else if constexpr (std::is_same_v<A, Acc<ReadPacked, true>>) {
+    const VecMirror<VecReadPacked> ld{{}, im.w - 1};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   }
 #endif
   for (; x + 2 < im.w; x += 2, d += 2 * P) {
