@@ -8,11 +8,16 @@
 // rows around them (mirroring and flipping only change which source byte is
 // read), with no row depending on another: rows split freely over threads,
 // and nothing but the destination is written. The border pass then reads the
-// samples stored in the destination; smoothing runs last, on one thread,
-// because each site reads neighbours already smoothed above and to the left.
+// samples stored in the destination; smoothing runs last, serially or as a
+// wavefront, because each site reads neighbours already smoothed above and to
+// the left.
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <thread>
 #include <type_traits>
+
+#include <omp.h>
 
 #ifdef __AVX2__
 #include <immintrin.h>
@@ -333,36 +338,68 @@ void Borders(const Image& im) {
   }
 }
 
-// Pass 3: G at interior G sites from its diagonals, in place, block rows
-// (2k+1, 2k+2) top to bottom, column pairs left to right, upper row first.
-// Each site reads neighbours already smoothed above and to the left, so the
-// order is part of the result.
+// Green smoothing: G at interior G sites from its diagonals, in place, block
+// rows k (rows 2k+1, 2k+2) top to bottom, blocks j (columns 2j+1, 2j+2) left
+// to right, the upper row's site first. Each site reads neighbours already
+// smoothed above and to the left and unsmoothed ones below, so the order is
+// part of the result.
+inline uint32_t SmoothBlockRows(const Image& im) { return im.w < 3 || im.h < 3 ? 0 : (im.h - 1) / 2; }
+inline uint32_t SmoothBlocks(const Image& im) { return (im.w - 1) / 2; }
+
+// Blocks [j0, j1) of block row k.
 template <int P>
-void Smooth(const Image& im) {
-  const uint32_t w = im.w, h = im.h;
-  if (w < 3 || h < 3) return;
+void SmoothRange(const Image& im, uint32_t k, uint32_t j0, uint32_t j1) {
   const ptrdiff_t st = im.stride;
   auto smooth = [st](uint8_t* p) {
     const uint32_t d = p[-st - P + CG] + p[-st + P + CG] + p[st - P + CG] + p[st + P + CG];
     p[CG] = static_cast<uint8_t>((d >> 3) + (p[CG] >> 1));
   };
-  for (uint32_t r1 = 1; r1 + 1 < h; r1 += 2) {
-    const uint32_t r2 = r1 + 1;
-    const bool has2 = r2 + 1 < h;
-    // Within each column pair, the G of row r1 sits at offset g1, row r2's at 1 - g1.
-    const uint32_t g1 = kPattern[im.outPhase][r1 & 1][1] == CG ? 0 : 1;
-    uint8_t* a = im.dst + r1 * st + ptrdiff_t(1 + g1) * P;
-    uint8_t* b = im.dst + r2 * st + ptrdiff_t(2 - g1) * P;
-    // Full blocks: both columns of the pair are interior.
-    uint32_t c = 1;
-    for (; c + 2 < w; c += 2, a += 2 * P, b += 2 * P) {
-      smooth(a);
-      if (has2) smooth(b);
-    }
-    // A last half pair (odd width): only column w - 2 is interior.
-    if (c + 1 < w) {
-      if (c + g1 + 1 < w) smooth(a);
-      if (has2 && c + (1 - g1) + 1 < w) smooth(b);
+  const uint32_t r1 = 2 * k + 1, r2 = r1 + 1;
+  const bool has2 = r2 + 1 < im.h;
+  // Within each column pair, the G of row r1 sits at offset g1, row r2's at 1 - g1.
+  const uint32_t g1 = kPattern[im.outPhase][r1 & 1][1] == CG ? 0 : 1;
+  uint8_t* a = im.dst + r1 * st + ptrdiff_t(2 * j0 + 1 + g1) * P;
+  uint8_t* b = im.dst + r2 * st + ptrdiff_t(2 * j0 + 2 - g1) * P;
+  for (uint32_t j = j0; j < j1; ++j, a += 2 * P, b += 2 * P) {
+    // A last half pair (odd width) has only column w - 2 inside.
+    const uint32_t c = 2 * j + 1;
+    if (c + g1 + 1 < im.w) smooth(a);
+    if (has2 && c + (1 - g1) + 1 < im.w) smooth(b);
+  }
+}
+
+template <int P>
+void Smooth(const Image& im) {
+  for (uint32_t k = 0; k < SmoothBlockRows(im); ++k) SmoothRange<P>(im, k, 0, SmoothBlocks(im));
+}
+
+// The same order as a wavefront: block rows go round the team, and a block
+// row does blocks [j0, j1) once the row above has finished block j1 (so
+// everything it reads above is smoothed) and, by the same wait, no longer
+// reads the row this one changes. Progress words hold (row + 1) << 32 |
+// blocks done; a ring of team + 1 of them suffices because a row only starts
+// after the row team + 1 above it has finished and nobody still reads it.
+template <int P>
+void SmoothWavefront(const Image& im, int team) {
+  constexpr int kMaxTeam = 64;
+  const uint32_t rows = SmoothBlockRows(im), nb = SmoothBlocks(im);
+  if (team > kMaxTeam || rows < 2) return Smooth<P>(im);
+  std::atomic<uint64_t> progress[kMaxTeam + 1];
+  for (auto& v : progress) v.store(0, std::memory_order_relaxed);
+  constexpr uint32_t kChunk = 16;  // blocks between progress reports
+#pragma omp parallel num_threads(team)
+  {
+    const uint32_t n = static_cast<uint32_t>(omp_get_num_threads()), ring = n + 1;
+    for (uint32_t k = static_cast<uint32_t>(omp_get_thread_num()); k < rows; k += n) {
+      for (uint32_t j0 = 0; j0 < nb; j0 += kChunk) {
+        const uint32_t j1 = j0 + kChunk < nb ? j0 + kChunk : nb;
+        if (k > 0) {
+          const uint64_t need = uint64_t{k} << 32 | (j1 + 1 < nb ? j1 + 1 : nb);
+          while (progress[(k - 1) % ring].load(std::memory_order_acquire) < need) std::this_thread::yield();
+        }
+        SmoothRange<P>(im, k, j0, j1);
+        progress[k % ring].store(uint64_t{k + 1} << 32 | j1, std::memory_order_release);
+      }
     }
   }
 }
@@ -386,7 +423,13 @@ void Run(const ConvParams& p, const Image& im, const A& a) {
   }
   // Both read only samples and border values, which no other step changes.
   Borders<P>(im);
-  if (p.smoothing) Smooth<P>(im);
+  if (p.smoothing) {
+    if (team > 1) {
+      SmoothWavefront<P>(im, team);
+    } else {
+      Smooth<P>(im);
+    }
+  }
 }
 
 template <int P, bool Mirror, class Reader>

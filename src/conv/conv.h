@@ -15,7 +15,8 @@
 //   the buffer held, so that byte keeps its contents.
 // - Parallel conversions give exactly the serial bytes. Green smoothing works
 //   in place and every site reads neighbours already smoothed above and to
-//   the left, so that pass runs on one thread in the serial order.
+//   the left, so on a team it runs as a wavefront: block rows go round the
+//   threads, each following the row above at a distance of two blocks.
 #pragma once
 
 #include <atomic>
