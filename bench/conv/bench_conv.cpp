@@ -27,11 +27,13 @@ struct Case {
   uint32_t out;     // 0 = 32-bit, 1 = 24-bit
   uint32_t shift;
   uint64_t srcBytesPerRowNum, srcBytesPerRowDen;  // source bytes per pixel as a fraction
+  uint32_t smoothing = 0;
 };
 
 constexpr Case kCases[] = {
     {"Bayer8_24", KIND_BAYER8, 1, 0, 1, 1},
     {"Bayer8_32", KIND_BAYER8, 0, 0, 1, 1},
+    {"Bayer8smooth_24", KIND_BAYER8, 1, 0, 1, 1, 1},
     {"Bayer16_24", KIND_BAYER16, 1, 4, 2, 1},
     {"Bayer12p_24", KIND_BAYER12_PACKED, 1, 0, 3, 2},
     {"Mono8_24", KIND_MONO8, 1, 0, 1, 1},
@@ -57,7 +59,7 @@ std::vector<uint8_t> Noise(size_t n) {
 void Engine(benchmark::State& st, Case c, uint32_t w, uint32_t h, int threads) {
   const auto src = Noise(w * h * c.srcBytesPerRowNum / c.srcBytesPerRowDen + 16);
   std::vector<uint8_t> dst(DestStride(c.out, w) * h);
-  CConv conv(ConvMode{0, c.shift, c.out, 0, threads > 1 ? 1u : 0u}, kDefaultYuvCoef, threads);
+  CConv conv(ConvMode{0, c.shift, c.out, c.smoothing, threads > 1 ? 1u : 0u}, kDefaultYuvCoef, threads);
   const ConvReq r{w, h, c.kind, PHASE_RG, 1, src.data(), dst.data()};
   for (auto _ : st) {
     conv.Convert(r);

@@ -47,7 +47,10 @@ def main():
             if t == 2:
                 row("Bayer8_24", size, 2, f"Bayer8_24/{size}/t1", lambda a, b: b / a,
                     ("1 thread / 2 threads >= 1.7", lambda r: r >= 1.7))
-            for name in ("Bayer16_24", "Bayer12p_24"):
+            if t == 2:
+                row("Bayer8smooth_24", size, 2, f"Bayer8smooth_24/{size}/t1", lambda a, b: b / a,
+                    ("1 thread / 2 threads", lambda r: r >= 1.7))
+            for name in ("Bayer8smooth_24", "Bayer16_24", "Bayer12p_24"):
                 row(name, size, t, None, None, None)
             for name in LINE_KINDS:
                 mc = f"memcpy_{name[-2:]}/{size}/t1"
