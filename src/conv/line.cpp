@@ -1,0 +1,490 @@
+// Line converters: every non-Bayer kind, pixel by pixel. One row loop per
+// kind, destination form (3 or 4 bytes per pixel) and direction, so that the
+// inner loops decide nothing about the format.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+
+#ifdef __AVX2__
+#include <immintrin.h>
+#endif
+
+#include "conv/converters.h"
+#include "conv/pixel_format.h"
+
+namespace kivcam::conv::KIVCONV_ISA {
+namespace {
+
+#include "conv/isa_local.h"
+
+// Destination cursor: writes B, G, R and steps one pixel forwards or, when
+// mirrored, backwards. A 32-bit pixel is written as one word whose fourth
+// byte is the one the buffer held, which keeps the loops vectorisable.
+template <int P, bool Mirror>
+struct Out {
+  uint8_t* d;
+  void Put(uint32_t b, uint32_t g, uint32_t r) {
+    if constexpr (P == 4) {
+      uint32_t old;
+      std::memcpy(&old, d, 4);
+      const uint32_t v = (old & 0xFF000000u) | (b & 0xFF) | (g & 0xFF) << 8 | (r & 0xFF) << 16;
+      std::memcpy(d, &v, 4);
+    } else {
+      d[0] = static_cast<uint8_t>(b);
+      d[1] = static_cast<uint8_t>(g);
+      d[2] = static_cast<uint8_t>(r);
+    }
+    d += Mirror ? -P : P;
+  }
+  void Grey(uint32_t v) { Put(v, v, v); }
+#ifdef __AVX2__
+  // 16 pixels from channel planes, in source order.
+  void Put16(__m128i b, __m128i g, __m128i r) {
+    if constexpr (Mirror) {
+      StorePixels<P>(d - 15 * P, Reverse16(b), Reverse16(g), Reverse16(r));
+      d -= 16 * P;
+    } else {
+      StorePixels<P>(d, b, g, r);
+      d += 16 * P;
+    }
+  }
+  void Grey16(__m128i g) {
+    if constexpr (Mirror) {
+      StoreGrey<P>(d - 15 * P, Reverse16(g));
+      d -= 16 * P;
+    } else {
+      StoreGrey<P>(d, g);
+      d += 16 * P;
+    }
+  }
+#endif
+};
+
+// 16-bit sample reduced to 8 bits: optional byte swap, shift, low byte.
+template <bool LE>
+struct Word {
+  uint32_t shift;
+  uint32_t operator()(const uint8_t* s) const {
+    uint16_t w;
+    std::memcpy(&w, s, 2);
+    if (!LE) w = __builtin_bswap16(w);
+    return (uint32_t{w} >> shift) & 0xFF;
+  }
+};
+
+inline uint32_t Clamp(int v) { return v < 0 ? 0u : v > 255 ? 255u : static_cast<uint32_t>(v); }
+
+#ifdef __AVX2__
+// YUV rule for 16 pixels: y holds their Y bytes, u8 and v8 the chroma of
+// each pixel pair (8 bytes). The same sums as Yuv::Put in 16-bit lanes; the
+// saturating pack is the clamp.
+// The table's multipliers split for 16-bit lanes, prepared once per row.
+struct YuvK {
+  const int32_t* t;
+  bool computed;  // entries computed from kh/kl instead of gathered from t
+  __m128i kh[4], kl[4];
+  YuvK(const int32_t* table, const int32_t* mul) : t(table), computed(mul != nullptr) {
+    for (int c = 0; c < 4; ++c) {
+      kh[c] = _mm_set1_epi16(static_cast<int16_t>(mul ? mul[c] >> 16 : 0));
+      kl[c] = _mm_set1_epi16(static_cast<int16_t>(mul ? mul[c] & 0xFFFF : 0));
+    }
+  }
+};
+
+template <class O>
+__attribute__((always_inline)) inline void YuvPlanes(O& o, __m128i y, __m128i u8, __m128i v8, const YuvK& k) {
+  const int32_t* t = k.t;
+  __m128i tr, tg, tb;
+  if (k.computed) {
+    // Entries computed in 16-bit lanes: (|i - 128| * k) >> 16 with the sign
+    // of i - 128, as |i - 128| * (k >> 16) + high half of |i - 128| * (k & 0xFFFF).
+    const __m128i du = _mm_sub_epi16(_mm_cvtepu8_epi16(u8), _mm_set1_epi16(128));
+    const __m128i dv = _mm_sub_epi16(_mm_cvtepu8_epi16(v8), _mm_set1_epi16(128));
+    const __m128i au = _mm_abs_epi16(du), av = _mm_abs_epi16(dv);
+    auto entry = [&k](__m128i a, __m128i d, int c) {
+      return _mm_sign_epi16(_mm_add_epi16(_mm_mullo_epi16(a, k.kh[c]), _mm_mulhi_epu16(a, k.kl[c])), d);
+    };
+    tr = entry(av, dv, 0);
+    tg = _mm_add_epi16(entry(av, dv, 1), entry(au, du, 2));
+    tb = entry(au, du, 3);
+  } else {
+    const __m256i u = _mm256_cvtepu8_epi32(u8), v = _mm256_cvtepu8_epi32(v8);
+    auto to16 = [](__m256i a) {  // 8 table sums to 8 x i16, pair order, saturated
+      return _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
+    };
+    tr = to16(_mm256_i32gather_epi32(t, v, 4));
+    tg = to16(_mm256_add_epi32(_mm256_i32gather_epi32(t + 256, v, 4), _mm256_i32gather_epi32(t + 512, u, 4)));
+    tb = to16(_mm256_i32gather_epi32(t + 768, u, 4));
+  }
+  const __m128i yl = _mm_cvtepu8_epi16(y), yh = _mm_cvtepu8_epi16(_mm_srli_si128(y, 8));
+  auto chan = [&](__m128i c, bool sub) {
+    const __m128i cl = _mm_unpacklo_epi16(c, c), ch = _mm_unpackhi_epi16(c, c);
+    return sub ? _mm_packus_epi16(_mm_subs_epi16(yl, cl), _mm_subs_epi16(yh, ch))
+               : _mm_packus_epi16(_mm_adds_epi16(yl, cl), _mm_adds_epi16(yh, ch));
+  };
+  o.Put16(chan(tb, false), chan(tg, true), chan(tr, false));
+}
+
+inline __m128i Load(const uint8_t* s) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)); }
+
+// Byte shuffle mask from a list; -1 clears the byte.
+inline __m128i Mask(std::initializer_list<int> l) {
+  alignas(16) int8_t m[16];
+  int i = 0;
+  for (int v : l) m[i++] = static_cast<int8_t>(v);
+  while (i < 16) m[i++] = -1;
+  return _mm_load_si128(reinterpret_cast<const __m128i*>(m));
+}
+
+// 16 pixels of a pair kind (UYVY, YUYV, YCbCr422) from 32 bytes.
+template <int Y0, int Y1, int U, int V, class O>
+__attribute__((always_inline)) inline void Yuv422x16(O& o, const uint8_t* s, const YuvK& k) {
+  static const __m128i my = Mask({Y0, Y1, Y0 + 4, Y1 + 4, Y0 + 8, Y1 + 8, Y0 + 12, Y1 + 12});
+  static const __m128i mu = Mask({U, U + 4, U + 8, U + 12}), mv = Mask({V, V + 4, V + 8, V + 12});
+  const __m128i lo = Load(s), hi = Load(s + 16);
+  const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, my), _mm_shuffle_epi8(hi, my));
+  const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mu), _mm_shuffle_epi8(hi, mu));
+  const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mv), _mm_shuffle_epi8(hi, mv));
+  YuvPlanes(o, y, u8, v8, k);
+}
+
+// 16 pixels of YUV411 from 24 bytes: four groups U Y0 Y1 V Y2 Y3, each
+// group's chroma serving two pixel pairs.
+template <class O>
+__attribute__((always_inline)) inline void Yuv411x16(O& o, const uint8_t* s, const YuvK& k) {
+  static const __m128i myl = Mask({1, 2, 4, 5, 7, 8, 10, 11}), myh = Mask({5, 6, 8, 9, 11, 12, 14, 15});
+  static const __m128i mul_ = Mask({0, 0, 6, 6}), muh = Mask({4, 4, 10, 10});
+  static const __m128i mvl = Mask({3, 3, 9, 9}), mvh = Mask({7, 7, 13, 13});
+  const __m128i lo = Load(s), hi = Load(s + 8);
+  const __m128i y = _mm_unpacklo_epi64(_mm_shuffle_epi8(lo, myl), _mm_shuffle_epi8(hi, myh));
+  const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mul_), _mm_shuffle_epi8(hi, muh));
+  const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mvl), _mm_shuffle_epi8(hi, mvh));
+  YuvPlanes(o, y, u8, v8, k);
+}
+
+// 16 grey pixels from 16-bit words: swap, shift, low byte.
+template <bool LE, class O>
+inline void Mono16x16(O& o, const uint8_t* s, uint32_t shift) {
+  __m128i lo = Load(s), hi = Load(s + 16);
+  if constexpr (!LE) {
+    static const __m128i sw = Mask({1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14});
+    lo = _mm_shuffle_epi8(lo, sw);
+    hi = _mm_shuffle_epi8(hi, sw);
+  }
+  const __m128i n = _mm_cvtsi32_si128(static_cast<int>(shift)), ff = _mm_set1_epi16(0xFF);
+  const __m128i g = _mm_packus_epi16(_mm_and_si128(_mm_srl_epi16(lo, n), ff), _mm_and_si128(_mm_srl_epi16(hi, n), ff));
+  o.Grey16(g);
+}
+
+// 16 grey pixels from 8 packed pairs (24 bytes): bytes 0 and 2 of each.
+template <class O>
+inline void MonoPackedx16(O& o, const uint8_t* s) {
+  static const __m128i ml = Mask({0, 2, 3, 5, 6, 8, 9, 11}), mh = Mask({4, 6, 7, 9, 10, 12, 13, 15});
+  const __m128i g = _mm_unpacklo_epi64(_mm_shuffle_epi8(Load(s), ml), _mm_shuffle_epi8(Load(s + 8), mh));
+  o.Grey16(g);
+}
+
+// 16 pixels of 3-byte triples (48 bytes) split into planes of byte 0, 1, 2.
+constexpr Bytes16 PlaneMask(int c, int blk) {
+  Bytes16 m{};
+  for (int i = 0; i < 16; ++i) {
+    const int j = 3 * i + c - 16 * blk;  // byte of pixel i, plane c, within this block
+    m.b[i] = static_cast<int8_t>(j >= 0 && j < 16 ? j : -128);
+  }
+  return m;
+}
+constexpr Bytes16 kPlanes[3][3] = {{PlaneMask(0, 0), PlaneMask(0, 1), PlaneMask(0, 2)},
+                                   {PlaneMask(1, 0), PlaneMask(1, 1), PlaneMask(1, 2)},
+                                   {PlaneMask(2, 0), PlaneMask(2, 1), PlaneMask(2, 2)}};
+
+inline void Planes3(const uint8_t* s, __m128i* p) {
+  const __m128i b0 = Load(s), b1 = Load(s + 16), b2 = Load(s + 32);
+  for (int c = 0; c < 3; ++c) {
+    p[c] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b0, MaskOf(kPlanes[c][0])), _mm_shuffle_epi8(b1, MaskOf(kPlanes[c][1]))),
+                        _mm_shuffle_epi8(b2, MaskOf(kPlanes[c][2])));
+  }
+}
+
+// Triples to pixels without planes, when rows run forwards: 5 pixels per
+// 16-byte store into 24-bit rows (the 16th byte is the next pixel's, which
+// the next step rewrites), 4 per store into 32-bit rows. Swap exchanges
+// bytes 0 and 2 of each triple. Needs 6 pixels left in the row.
+template <int P, bool Swap>
+inline uint32_t TriplesForward(const uint8_t*& s, uint8_t*& d, uint32_t x, uint32_t w) {
+  if constexpr (P == 3) {
+    const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15)
+                           : _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    for (; x + 6 <= w; x += 5, s += 15, d += 15) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_shuffle_epi8(Load(s), m));
+    }
+  } else {
+    const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
+                           : _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m128i keep = _mm_set1_epi32(int32_t(0xFF000000u));
+    for (; x + 6 <= w; x += 4, s += 12, d += 16) {
+      __m128i* q = reinterpret_cast<__m128i*>(d);
+      _mm_storeu_si128(q, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(q), keep), _mm_shuffle_epi8(Load(s), m)));
+    }
+  }
+  return x;
+}
+
+// 16 pixels of RGB10p32 (64 bytes): three 10-bit fields, top 8 bits each.
+template <class O>
+inline void Rgb10p32x16(O& o, const uint8_t* s) {
+  auto field = [s](int sh) {
+    const __m128i ff = _mm_set1_epi32(0xFF);
+    __m128i q[4];
+    for (int k = 0; k < 4; ++k) q[k] = _mm_and_si128(_mm_srli_epi32(Load(s + 16 * k), sh), ff);
+    return _mm_packus_epi16(_mm_packus_epi32(q[0], q[1]), _mm_packus_epi32(q[2], q[3]));
+  };
+  o.Put16(field(2), field(12), field(22));
+}
+#endif
+
+struct Yuv {
+  const int32_t* t;
+  const int32_t* mul;
+  template <class O>
+  void Put(O& o, int y, int u, int v) const {
+    o.Put(Clamp(y + t[768 + u]), Clamp(y - (t[256 + v] + t[512 + u])), Clamp(y + t[v]));
+  }
+};
+
+// Row of a pair kind: 4 bytes per 2 pixels with Y0, Y1, U and V at the given
+// byte offsets. The incomplete pair of an odd width holds only bytes 0 and 1;
+// a chroma byte beyond them comes from the previous pair.
+template <int Y0, int Y1, int U, int V>
+struct PairRow {
+  Yuv yuv;
+  template <class O>
+  void operator()(const uint8_t* s, O& o, uint32_t w) const {
+    uint32_t x = 0;
+#ifdef __AVX2__
+    const YuvK k(yuv.t, yuv.mul);
+    for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<Y0, Y1, U, V>(o, s, k);
+#endif
+    for (; x + 1 < w; x += 2, s += 4) {
+      yuv.Put(o, s[Y0], s[U], s[V]);
+      yuv.Put(o, s[Y1], s[U], s[V]);
+    }
+    if (x < w) yuv.Put(o, s[Y0], s[U < 2 ? U : U - 4], s[V < 2 ? V : V - 4]);
+  }
+};
+
+template <int P, bool Mirror, class RowFn>
+void RunRows(const ConvParams& p, const ConvReq& r, RowFn fn) {
+  const int64_t w = r.width, h = r.height;
+  const uint64_t srcRow = SourceRowBytes(r.kind, r.width);
+  const uint64_t stride = RowStride<P>(r.width);
+  const bool flip = (p.geometry & 2) != 0;
+  const uint8_t* src = static_cast<const uint8_t*>(r.src);
+  uint8_t* dst = static_cast<uint8_t*>(r.dst);
+  auto row = [&](int64_t y) {
+    const int64_t yo = flip ? h - 1 - y : y;
+    Out<P, Mirror> o{dst + yo * stride + (Mirror ? (w - 1) * P : 0)};
+    fn(src + y * srcRow, o, static_cast<uint32_t>(w));
+  };
+  const int team = TeamSize(p);
+  if (team > 1) {
+#pragma omp parallel for schedule(static) num_threads(team)
+    for (int64_t y = 0; y < h; ++y) row(y);
+  } else {
+    for (int64_t y = 0; y < h; ++y) row(y);
+  }
+}
+
+template <int P, bool Mirror, bool LE>
+void Kinds16(const ConvParams& p, const ConvReq& r) {
+  const Word<LE> w16{p.shift & 31};
+  switch (r.kind) {
+    case KIND_MONO16:
+      return RunRows<P, Mirror>(p, r, [w16](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 32) Mono16x16<LE>(o, s, w16.shift);
+#endif
+        for (; x < w; ++x, s += 2) o.Grey(w16(s));
+      });
+    case KIND_RGB16:
+      return RunRows<P, Mirror>(p, r, [w16](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 6) o.Put(w16(s + 4), w16(s + 2), w16(s));
+      });
+    case KIND_BGR16:
+      return RunRows<P, Mirror>(p, r, [w16](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 6) o.Put(w16(s), w16(s + 2), w16(s + 4));
+      });
+    default:
+      return;
+  }
+}
+
+template <int P, bool Mirror>
+void Kinds(const ConvParams& p, const ConvReq& r) {
+  const Yuv yuv{p.table, p.tableMul};
+  switch (r.kind) {
+    case KIND_MONO8:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x) o.Grey(s[x]);
+      });
+    case KIND_MONO16:
+    case KIND_RGB16:
+    case KIND_BGR16:
+      return r.littleEndian ? Kinds16<P, Mirror, true>(p, r) : Kinds16<P, Mirror, false>(p, r);
+    case KIND_MONO12_PACKED:
+    case KIND_MONO10_PACKED:
+      // Pairs of pixels in 3 bytes; the middle byte holds the low bits.
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 24) MonoPackedx16(o, s);
+#endif
+        for (; x + 1 < w; x += 2, s += 3) {
+          o.Grey(s[0]);
+          o.Grey(s[2]);
+        }
+        if (x < w) o.Grey(s[0]);
+      });
+    case KIND_RGB8:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        if constexpr (!Mirror) {
+          x = TriplesForward<P, true>(s, o.d, x, w);
+        } else {
+          for (; x + 16 <= w; x += 16, s += 48) {
+            __m128i pl[3];
+            Planes3(s, pl);
+            o.Put16(pl[2], pl[1], pl[0]);
+          }
+        }
+#endif
+        for (; x < w; ++x, s += 3) o.Put(s[2], s[1], s[0]);
+      });
+    case KIND_BGR8:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        if constexpr (!Mirror) {
+          x = TriplesForward<P, false>(s, o.d, x, w);
+        } else {
+          for (; x + 16 <= w; x += 16, s += 48) {
+            __m128i pl[3];
+            Planes3(s, pl);
+            o.Put16(pl[0], pl[1], pl[2]);
+          }
+        }
+#endif
+        for (; x < w; ++x, s += 3) o.Put(s[0], s[1], s[2]);
+      });
+    case KIND_RGBA8:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 4) o.Put(s[2], s[1], s[0]);
+      });
+    case KIND_BGRA8:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 4) o.Put(s[0], s[1], s[2]);
+      });
+    case KIND_RGB10V1_PACKED:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 4) o.Put(s[1], s[2], s[3]);
+      });
+    case KIND_RGB10P32:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        for (; x + 16 <= w; x += 16, s += 64) Rgb10p32x16(o, s);
+#endif
+        for (; x < w; ++x, s += 4) {
+          const uint32_t d = s[0] | uint32_t{s[1]} << 8 | uint32_t{s[2]} << 16 | uint32_t{s[3]} << 24;
+          o.Put((d >> 2) & 0xFF, (d >> 12) & 0xFF, (d >> 22) & 0xFF);
+        }
+      });
+    case KIND_RGB12V1_PACKED:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+        for (; x + 1 < w; x += 2, s += 9) {
+          o.Put(s[3], s[2], s[0]);
+          o.Put(s[8], s[6], s[5]);
+        }
+        if (x < w) o.Put(s[3], s[2], s[0]);
+      });
+    case KIND_RGB565:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 2) {
+          const uint32_t h = s[0] | uint32_t{s[1]} << 8;
+          o.Put(h >> 11, (h >> 5) & 0x3F, h & 0x1F);
+        }
+      });
+    case KIND_BGR565:
+      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 2) {
+          const uint32_t h = s[0] | uint32_t{s[1]} << 8;
+          o.Put(h & 0x1F, (h >> 5) & 0x3F, h >> 11);
+        }
+      });
+    case KIND_YUV444:
+      return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 3) yuv.Put(o, s[1], s[0], s[2]);
+      });
+    case KIND_YCBCR8:
+      return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
+        for (uint32_t x = 0; x < w; ++x, s += 3) yuv.Put(o, s[0], s[2], s[1]);
+      });
+    // Pair kinds: an odd last pixel borrows the missing chroma byte from the
+    // previous pair (width 1 is refused by the dispatcher).
+    case KIND_YUV422_UYVY:
+      return RunRows<P, Mirror>(p, r, PairRow<1, 3, 0, 2>{yuv});
+    case KIND_YUV422_YUYV:
+      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 1, 3>{yuv});
+    case KIND_YCBCR422:
+      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 3, 1>{yuv});
+    case KIND_YUV411:
+      // Groups of 4 pixels in 6 bytes: U Y0 Y1 V Y2 Y3.
+      return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = 0;
+#ifdef __AVX2__
+        const YuvK k(yuv.t, yuv.mul);
+        for (; x + 16 <= w; x += 16, s += 24) Yuv411x16(o, s, k);
+#endif
+        for (; x + 3 < w; x += 4, s += 6) {
+          yuv.Put(o, s[1], s[0], s[3]);
+          yuv.Put(o, s[2], s[0], s[3]);
+          yuv.Put(o, s[4], s[0], s[3]);
+          yuv.Put(o, s[5], s[0], s[3]);
+        }
+        switch (w - x) {
+          case 3:
+            yuv.Put(o, s[1], s[0], s[3]);
+            yuv.Put(o, s[2], s[0], s[3]);
+            yuv.Put(o, s[4], s[0], s[3]);
+            break;
+          case 2:
+            yuv.Put(o, s[1], s[0], s[-3]);
+            yuv.Put(o, s[2], s[0], s[-3]);
+            break;
+          case 1:
+            yuv.Put(o, s[1], s[0], s[-3]);
+            break;
+          default:
+            break;
+        }
+      });
+    default:
+      return;  // no converter for this kind
+  }
+}
+
+}  // namespace
+
+void LineConvert(const ConvParams& p, const ConvReq& r, bool out24) {
+  const bool mirror = (p.geometry & 1) != 0;
+  if (out24) {
+    mirror ? Kinds<3, true>(p, r) : Kinds<3, false>(p, r);
+  } else {
+    mirror ? Kinds<4, true>(p, r) : Kinds<4, false>(p, r);
+  }
+}
+
+}  // namespace kivcam::conv::KIVCONV_ISA
