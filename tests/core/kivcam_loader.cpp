@@ -28,6 +28,13 @@ KivCamLibrary::KivCamLibrary() {
   KIVTEST_BIND(KIVCAM_GetLastError);
   KIVTEST_BIND(KIVCAM_SetCallBack);
   KIVTEST_BIND(KIVCAM_LogCommonAreaGet);
+  KIVTEST_BIND(KIVCAM_CreateConvHandle);
+  KIVTEST_BIND(KIVCAM_CloseConvHandle);
+  KIVTEST_BIND(KIVCAM_CloseAllConvHandle);
+  KIVTEST_BIND(KIVCAM_ColorConvExec);
+  KIVTEST_BIND(KIVCAM_ColorConvSetBMPINFO);
+  KIVTEST_BIND(KIVCAM_ColorConvGetBMPINFO);
+  KIVTEST_BIND(KIVCAM_MonoBMPINFO);
 #undef KIVTEST_BIND
   RaiseEvent = Get<void (*)(uint32_t)>("kivcam_internal_raise_event");
 }

@@ -33,6 +33,13 @@ class KivCamLibrary {
   KIVTEST_FN(KIVCAM_GetLastError);
   KIVTEST_FN(KIVCAM_SetCallBack);
   KIVTEST_FN(KIVCAM_LogCommonAreaGet);
+  KIVTEST_FN(KIVCAM_CreateConvHandle);
+  KIVTEST_FN(KIVCAM_CloseConvHandle);
+  KIVTEST_FN(KIVCAM_CloseAllConvHandle);
+  KIVTEST_FN(KIVCAM_ColorConvExec);
+  KIVTEST_FN(KIVCAM_ColorConvSetBMPINFO);
+  KIVTEST_FN(KIVCAM_ColorConvGetBMPINFO);
+  KIVTEST_FN(KIVCAM_MonoBMPINFO);
 #undef KIVTEST_FN
   void (*RaiseEvent)(uint32_t code) = nullptr;
 
