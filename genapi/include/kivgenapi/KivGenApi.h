@@ -1,0 +1,8 @@
+// Everything an application needs from the node-map engine.
+#pragma once
+
+#include "kivgenapi/Exception.h"
+#include "kivgenapi/Interfaces.h"
+#include "kivgenapi/NodeMapRef.h"
+#include "kivgenapi/Pointer.h"
+#include "kivgenapi/Types.h"

@@ -1,0 +1,170 @@
+// Enumeration and EnumEntry.
+#include <algorithm>
+#include <climits>
+
+#include "factories.h"
+#include "nodemap.h"
+#include "value_source.h"
+
+namespace KivGenApi {
+namespace detail {
+namespace {
+
+class CEnumEntryNode : public CNode, public IEnumEntry {
+ public:
+  CEnumEntryNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    FormulaValue v;
+    if (!ParseLiteral(d.Text("Value"), false, v))
+      KIV_THROW(RuntimeException, name_, "EnumEntry '" + name_ + "' has no valid Value");
+    value_ = v.i;
+    numeric_ = static_cast<double>(value_);
+    double n;
+    if (d.Has("NumericValue") && ParseDouble(d.Text("NumericValue"), n)) numeric_ = n;
+    symbolic_ = d.Has("Symbolic") ? d.Text("Symbolic") : d.Attr("_EntryName");
+    self_clearing_ = d.Text("IsSelfClearing") == "Yes";
+  }
+  EAccessMode NaturalAccessMode() const override { return RO; }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIEnumEntry; }
+  int64_t GetValue() override { return value_; }
+  gcstring GetSymbolic() const override { return symbolic_; }
+  double GetNumericValue() override { return numeric_; }
+  bool IsSelfClearing() override { return self_clearing_; }
+  gcstring ToString(bool, bool) override { return symbolic_; }
+  void FromString(const gcstring&, bool) override {
+    KIV_THROW(AccessException, name_, "EnumEntry '" + name_ + "' cannot be set");
+  }
+  bool IsValueCacheValid() const override { return true; }
+  FormulaValue GetNum(bool, bool) override { return FormulaValue::Int(value_); }
+  int64_t value() const { return value_; }
+
+ private:
+  int64_t value_ = 0;
+  double numeric_ = 0;
+  std::string symbolic_;
+  bool self_clearing_ = false;
+};
+
+class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
+ public:
+  CEnumerationNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    src_.Read(d, false);
+    for (const DescChild* c : d.All("pEnumEntry")) entry_refs_.push_back(NodeRef{c->text, nullptr});
+    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+  }
+  void Link() override {
+    CNode::Link();
+    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    for (auto& r : entry_refs_) {
+      Resolve(r);
+      if (auto* e = dynamic_cast<CEnumEntryNode*>(r.node)) entries_.push_back(e);
+    }
+    for (auto& s : selected_) s.node = map_->Find(s.name);
+  }
+  EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
+  void ValueInputs(std::vector<CNode*>& out) const override { src_.Inputs(out); }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIEnumeration; }
+
+  CEnumEntryNode* Find(int64_t v) const {
+    for (auto* e : entries_)
+      if (e->value() == v) return e;
+    return nullptr;
+  }
+  CEnumEntryNode* FindSym(const std::string& s) const {
+    for (auto* e : entries_)
+      if (e->GetSymbolic() == s) return e;
+    return nullptr;
+  }
+  void CheckEntryAvailable(CEnumEntryNode* e) const {
+    if (!IsAvailable(e->GetAccessMode()))
+      KIV_THROW(AccessException, name_, "Entry '" + e->GetSymbolic() + "' of enumeration '" + name_ +
+                                            "' is not available");
+  }
+
+  void GetSymbolics(StringList_t& out) override {
+    KIV_LOCK();
+    out.clear();
+    for (auto* e : entries_)
+      if (IsAvailable(e->GetAccessMode())) out.push_back(e->GetSymbolic());
+  }
+  void GetEntries(NodeList_t& out) override {
+    out.assign(entries_.begin(), entries_.end());
+  }
+  void SetIntValue(int64_t v, bool verify) override {
+    KIV_LOCK();
+    CheckWritable();
+    CEnumEntryNode* e = Find(v);
+    if (!e)
+      KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has no entry with value " + std::to_string(v));
+    CheckEntryAvailable(e);
+    EvalGuard g(this);
+    src_.Set(this, FormulaValue::Int(v), verify);
+  }
+  int64_t GetIntValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    CheckReadable();
+    EvalGuard g(this);
+    int64_t v = ToInt(src_.Get(this, verify, ignore_cache));
+    if (verify) {
+      CEnumEntryNode* e = Find(v);
+      if (!e)
+        KIV_THROW(OutOfRangeException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
+      CheckEntryAvailable(e);
+    }
+    return v;
+  }
+  IEnumEntry* GetEntryByName(const gcstring& s) override { return FindSym(s); }
+  IEnumEntry* GetEntry(const int64_t v) override { return Find(v); }
+  IEnumEntry* GetCurrentEntry(bool verify, bool ignore_cache) override {
+    return Find(GetIntValue(verify, ignore_cache));
+  }
+  gcstring ToString(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    int64_t v = GetIntValue(verify, ignore_cache);
+    CEnumEntryNode* e = Find(v);
+    if (!e)
+      KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
+    return e->GetSymbolic();
+  }
+  void FromString(const gcstring& s, bool verify) override {
+    KIV_LOCK();
+    CEnumEntryNode* e = FindSym(s);
+    if (!e) KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has no entry '" + s + "'");
+    SetIntValue(e->value(), verify);
+  }
+  bool IsValueCacheValid() const override { return false; }
+  FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(GetIntValue(verify, ignore_cache)); }
+  void SetNum(const FormulaValue& v, bool verify) override { SetIntValue(ToInt(v), verify); }
+  FormulaValue NumMin() override {
+    int64_t m = INT64_MAX;
+    for (auto* e : entries_) m = std::min(m, e->value());
+    return FormulaValue::Int(entries_.empty() ? 0 : m);
+  }
+  FormulaValue NumMax() override {
+    int64_t m = INT64_MIN;
+    for (auto* e : entries_) m = std::max(m, e->value());
+    return FormulaValue::Int(entries_.empty() ? 0 : m);
+  }
+  bool IsSelector() const override { return !selected_.empty(); }
+  void GetSelectedFeatures(FeatureList_t& f) const override {
+    f.clear();
+    for (const auto& s : selected_)
+      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+  }
+  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+
+ private:
+  CValueSource src_;
+  std::vector<NodeRef> entry_refs_, selected_;
+  std::vector<CEnumEntryNode*> entries_;
+};
+
+}  // namespace
+
+std::unique_ptr<CNode> MakeEnumNode(CNodeMap* map, const NodeDesc& d) {
+  if (d.type == "Enumeration") return std::make_unique<CEnumerationNode>(map, d);
+  if (d.type == "EnumEntry") return std::make_unique<CEnumEntryNode>(map, d);
+  return nullptr;
+}
+
+}  // namespace detail
+}  // namespace KivGenApi

@@ -1,0 +1,409 @@
+#include "node.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "desc.h"
+#include "nodemap.h"
+
+namespace KivGenApi {
+
+const char* AccessModeName(EAccessMode m) {
+  switch (m) {
+    case NI: return "NI";
+    case NA: return "NA";
+    case WO: return "WO";
+    case RO: return "RO";
+    case RW: return "RW";
+    default: return "(undefined)";
+  }
+}
+
+static std::string AssembleWhat(const std::string& desc, const char* type, const std::string& node,
+                                const char* file, unsigned line) {
+  std::string s = desc + " : " + type + " thrown";
+  if (!node.empty()) s += " in node '" + node + "'";
+  if (file && *file) s += std::string(" (file '") + file + "', line " + std::to_string(line) + ")";
+  return s;
+}
+
+GenericException::GenericException(const std::string& description, const char* file, unsigned line,
+                                   const char* type, const std::string& node)
+    : description_(description), file_(file ? file : ""), node_(node),
+      what_(AssembleWhat(description, type, node, file, line)), line_(line) {}
+
+namespace detail {
+
+bool ParseInt64(const std::string& in, int64_t& out) {
+  size_t b = in.find_first_not_of(" \t\r\n");
+  size_t e = in.find_last_not_of(" \t\r\n");
+  if (b == std::string::npos) return false;
+  std::string s = in.substr(b, e - b + 1);
+  bool neg = false;
+  size_t i = 0;
+  if (s[i] == '-' || s[i] == '+') neg = s[i++] == '-';
+  int base = 10;
+  if (s.size() > i + 1 && s[i] == '0' && (s[i + 1] == 'x' || s[i + 1] == 'X')) {
+    base = 16;
+    i += 2;
+  }
+  if (i >= s.size()) return false;
+  uint64_t v = 0;
+  for (; i < s.size(); ++i) {
+    char c = s[i];
+    int d;
+    if (c >= '0' && c <= '9') d = c - '0';
+    else if (base == 16 && c >= 'a' && c <= 'f') d = c - 'a' + 10;
+    else if (base == 16 && c >= 'A' && c <= 'F') d = c - 'A' + 10;
+    else return false;
+    if (v > (UINT64_MAX - static_cast<uint64_t>(d)) / static_cast<uint64_t>(base)) return false;
+    v = v * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
+  }
+  // Hex literals may spell the full unsigned 64-bit pattern.
+  out = neg ? static_cast<int64_t>(0 - v) : static_cast<int64_t>(v);
+  return true;
+}
+
+bool ParseDouble(const std::string& in, double& out) {
+  int64_t iv;
+  if (in.find_first_of("xX") != std::string::npos && ParseInt64(in, iv)) {
+    out = static_cast<double>(iv);
+    return true;
+  }
+  const char* s = in.c_str();
+  while (*s == ' ' || *s == '\t' || *s == '\r' || *s == '\n') ++s;
+  if (!*s) return false;
+  char* end = nullptr;
+  errno = 0;
+  double v = std::strtod(s, &end);
+  if (end == s) return false;
+  while (*end == ' ' || *end == '\t' || *end == '\r' || *end == '\n') ++end;
+  if (*end) return false;
+  out = v;
+  return true;
+}
+
+std::string FormatDouble(double v) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.9g", v);
+  return buf;
+}
+
+EvalGuard::EvalGuard(const CNode* n) : node_(n) {
+  if (n->evaluating_)
+    throw LogicalErrorException("Reference cycle detected while evaluating node '" + n->name() + "'", __FILE__,
+                                __LINE__, n->name());
+  const_cast<CNode*>(n)->evaluating_ = true;
+}
+EvalGuard::~EvalGuard() { const_cast<CNode*>(node_)->evaluating_ = false; }
+
+static EVisibility ParseVisibility(const std::string& s) {
+  if (s == "Expert") return Expert;
+  if (s == "Guru") return Guru;
+  if (s == "Invisible") return Invisible;
+  return Beginner;
+}
+
+EAccessMode ParseAccessMode(const std::string& s, EAccessMode def) {
+  if (s == "RW") return RW;
+  if (s == "RO") return RO;
+  if (s == "WO") return WO;
+  if (s == "NA") return NA;
+  if (s == "NI") return NI;
+  return def;
+}
+
+CNode::CNode(CNodeMap* map, const NodeDesc& d) : map_(map), name_(d.name) {
+  tooltip_ = d.Text("ToolTip");
+  description_ = d.Text("Description");
+  display_name_ = d.Text("DisplayName");
+  docu_url_ = d.Text("DocuURL");
+  event_id_ = d.Text("EventID");
+  visibility_ = ParseVisibility(d.Text("Visibility"));
+  name_space_ = d.Attr("NameSpace") == "Standard" ? Standard : Custom;
+  std::string dep = d.Text("IsDeprecated");
+  deprecated_ = dep == "Yes";
+  streamable_ = d.Text("Streamable") == "Yes";
+  if (d.Has("PollingTime")) {
+    int64_t v;
+    if (ParseInt64(d.Text("PollingTime"), v) && v > 0) polling_time_ = v;
+  }
+  imposed_access_ = ParseAccessMode(d.Text("ImposedAccessMode"), RW);
+  is_implemented_.name = d.Text("pIsImplemented");
+  is_available_.name = d.Text("pIsAvailable");
+  is_locked_.name = d.Text("pIsLocked");
+  block_polling_.name = d.Text("pBlockPolling");
+  alias_.name = d.Text("pAlias");
+  cast_alias_.name = d.Text("pCastAlias");
+  for (const DescChild* c : d.All("pInvalidator")) invalidators_.push_back(NodeRef{c->text, nullptr});
+  for (const auto& c : d.children)
+    if (!c.text.empty() && properties_.find(c.tag) == properties_.end()) properties_[c.tag] = c.text;
+}
+
+CNode::~CNode() = default;
+
+gcstring CNode::GetName(bool FullQualified) const {
+  return FullQualified ? gcstring(map_->GetDeviceName() + "::" + name_) : gcstring(name_);
+}
+
+gcstring CNode::GetDeviceName() const { return map_->GetDeviceName(); }
+INodeMap* CNode::GetNodeMap() const { return map_; }
+
+void CNode::AddDependent(CNode* n) {
+  if (n == this) return;
+  if (std::find(dependents_.begin(), dependents_.end(), n) == dependents_.end()) dependents_.push_back(n);
+}
+
+void CNode::Resolve(NodeRef& r, bool value_input) {
+  (void)value_input;
+  if (!r.set()) return;
+  r.node = map_->Find(r.name);
+  if (!r.node) return;
+  r.node->AddDependent(this);
+  children_.push_back(r);
+  if (std::find(r.node->parents_.begin(), r.node->parents_.end(), this) == r.node->parents_.end())
+    r.node->parents_.push_back(this);
+}
+
+void CNode::Link() {
+  Resolve(is_implemented_);
+  Resolve(is_available_);
+  Resolve(is_locked_);
+  Resolve(block_polling_);
+  alias_.node = map_->Find(alias_.name);
+  cast_alias_.node = map_->Find(cast_alias_.name);
+  // pInvalidator X: a change of X drops this node's cache.
+  for (auto& r : invalidators_) {
+    r.node = map_->Find(r.name);
+    if (r.node) r.node->AddDependent(this);
+  }
+}
+
+CNode* CNode::Need(const NodeRef& r, const char* what) const {
+  if (!r.node)
+    KIV_THROW(LogicalErrorException, name_,
+              "Node " + Quoted() + ": " + what + " refers to unknown node '" + r.name + "'");
+  return r.node;
+}
+
+FormulaValue CNode::Eval(const NumRef& r, bool verify, bool ignore_cache) const {
+  if (r.ref.set()) return Need(r.ref, "a reference")->GetNum(verify, ignore_cache);
+  return r.literal;
+}
+
+void CNode::CheckReadable() const {
+  if (!IsReadable(GetAccessMode()))
+    KIV_THROW(AccessException, name_, "Node " + Quoted() + " is not readable (access mode " +
+                                          AccessModeName(GetAccessMode()) + ").");
+}
+
+void CNode::CheckWritable() const {
+  if (!IsWritable(GetAccessMode()))
+    KIV_THROW(AccessException, name_, "Node " + Quoted() + " is not writable (access mode " +
+                                          AccessModeName(GetAccessMode()) + ").");
+}
+
+void CNode::ThrowNotNumeric() const {
+  KIV_THROW(LogicalErrorException, name_, "Node " + Quoted() + " has no numeric value to use as a reference");
+}
+
+FormulaValue CNode::GetNum(bool, bool) { ThrowNotNumeric(); }
+void CNode::SetNum(const FormulaValue&, bool) { ThrowNotNumeric(); }
+FormulaValue CNode::NumMin() { ThrowNotNumeric(); }
+FormulaValue CNode::NumMax() { ThrowNotNumeric(); }
+FormulaValue CNode::NumInc() { return FormulaValue::Int(1); }
+
+static bool Nonzero(const FormulaValue& v) { return v.is_float ? v.f != 0.0 : v.i != 0; }
+
+EAccessMode CNode::GetAccessMode() const {
+  if (am_cache_ != _UndefinedAccesMode) return am_cache_;
+  if (evaluating_) return NA;  // a cycle through pIs* references: not available
+  EAccessMode m;
+  try {
+    EvalGuard guard(this);
+    m = NaturalAccessMode();
+    // A reference that cannot be read makes the node unavailable.
+    auto flag = [&](const NodeRef& r, bool& unusable) -> bool {
+      if (!r.set()) return false;
+      if (!r.node || !IsReadable(r.node->GetAccessMode())) {
+        unusable = true;
+        return false;
+      }
+      return Nonzero(r.node->GetNum(false, false));
+    };
+    bool unusable = false;
+    if (is_implemented_.set() && !flag(is_implemented_, unusable) && !unusable) m = NI;
+    if (m != NI && is_available_.set() && !flag(is_available_, unusable) && !unusable) m = NA;
+    if (m != NI && m != NA && flag(is_locked_, unusable)) {
+      if (m == RW) m = RO;
+      else if (m == WO) m = NA;
+    }
+    if (unusable && m != NI) m = NA;
+    m = Combine(Combine(m, imposed_access_), imposed_by_call_);
+  } catch (const GenericException&) {
+    m = NA;
+  } catch (const std::exception&) {
+    m = NA;  // the port failed while reading a pIs* reference
+  }
+  if (IsAccessModeCacheable() == Yes) am_cache_ = m;
+  return m;
+}
+
+EYesNo CNode::IsAccessModeCacheable() const {
+  if (am_cacheable_ >= 0) return am_cacheable_ ? Yes : No;
+  if (evaluating_) return No;
+  bool ok = true;
+  {
+    struct Flag {
+      const CNode* n;
+      Flag(const CNode* x) : n(x) { const_cast<CNode*>(n)->evaluating_ = true; }
+      ~Flag() { const_cast<CNode*>(n)->evaluating_ = false; }
+    } f(this);
+    for (const NodeRef* r : {&is_implemented_, &is_available_, &is_locked_})
+      if (r->node && (r->node->GetCachingMode() == NoCache || r->node->IsAccessModeCacheable() == No)) ok = false;
+    std::vector<CNode*> in;
+    ValueInputs(in);
+    for (CNode* n : in)
+      if (n && n->IsAccessModeCacheable() == No) ok = false;
+  }
+  am_cacheable_ = ok ? 1 : 0;
+  return ok ? Yes : No;
+}
+
+ECachingMode CNode::GetCachingMode() const {
+  if (caching_mode_ >= 0) return static_cast<ECachingMode>(caching_mode_);
+  ECachingMode m = OwnCachingMode();
+  if (!evaluating_) {
+    const_cast<CNode*>(this)->evaluating_ = true;
+    std::vector<CNode*> in;
+    ValueInputs(in);
+    for (CNode* n : in)
+      if (n) m = Combine(m, n->GetCachingMode());
+    const_cast<CNode*>(this)->evaluating_ = false;
+  }
+  caching_mode_ = m;
+  return m;
+}
+
+void CNode::FireCallbacks() {
+  // Copy: a callback may deregister itself.
+  auto cbs = callbacks_;
+  for (auto& c : cbs) c.second(this);
+}
+
+void CNode::InvalidateTree() {
+  if (visit_epoch_ == map_->epoch()) return;
+  visit_epoch_ = map_->epoch();
+  DropCache();
+  am_cache_ = _UndefinedAccesMode;
+  if (!callbacks_.empty()) FireCallbacks();
+  for (CNode* d : dependents_) d->InvalidateTree();
+}
+
+void CNode::NotifyWritten() {
+  map_->NextEpoch();
+  visit_epoch_ = map_->epoch();
+  am_cache_ = _UndefinedAccesMode;
+  if (!callbacks_.empty()) FireCallbacks();
+  for (CNode* d : dependents_) d->InvalidateTree();
+}
+
+void CNode::InvalidateNode() {
+  KIV_LOCK();
+  map_->NextEpoch();
+  InvalidateTree();
+}
+
+void CNode::AddPollingTime(int64_t ms) {
+  if (polling_time_ <= 0) return;
+  if (block_polling_.node) {
+    try {
+      if (Nonzero(block_polling_.node->GetNum(false, false))) return;
+    } catch (...) {
+    }
+  }
+  polling_elapsed_ += ms;
+  if (polling_elapsed_ >= polling_time_) {
+    polling_elapsed_ = 0;
+    map_->NextEpoch();
+    InvalidateTree();
+  }
+}
+
+void CNode::MarkFeature() { is_feature_ = true; }
+
+void CNode::GetChildren(NodeList_t& Children, ELinkType) const {
+  Children.clear();
+  for (const auto& r : children_)
+    if (r.node && std::find(Children.begin(), Children.end(), r.node) == Children.end()) Children.push_back(r.node);
+}
+
+void CNode::GetParents(NodeList_t& Parents) const {
+  Parents.assign(parents_.begin(), parents_.end());
+}
+
+CallbackHandleType CNode::RegisterCallback(NodeCallback cb) {
+  KIV_LOCK();
+  callbacks_.emplace_back(next_callback_, std::move(cb));
+  return next_callback_++;
+}
+
+bool CNode::DeregisterCallback(CallbackHandleType h) {
+  KIV_LOCK();
+  for (auto it = callbacks_.begin(); it != callbacks_.end(); ++it)
+    if (it->first == h) {
+      callbacks_.erase(it);
+      return true;
+    }
+  return false;
+}
+
+void CNode::GetPropertyNames(gcstring_vector& names) const {
+  names.clear();
+  names.push_back("Name");
+  for (const auto& p : properties_) names.push_back(p.first);
+}
+
+bool CNode::GetProperty(const gcstring& name, gcstring& value, gcstring& attribute) const {
+  attribute = gcstring();
+  if (name == "Name") {
+    value = name_;
+    return true;
+  }
+  auto it = properties_.find(name);
+  if (it == properties_.end()) return false;
+  value = it->second;
+  return true;
+}
+
+void CNode::ImposeAccessMode(EAccessMode m) {
+  KIV_LOCK();
+  imposed_by_call_ = Combine(imposed_by_call_, m);
+  map_->NextEpoch();
+  InvalidateTree();
+}
+
+void CNode::ImposeVisibility(EVisibility v) {
+  KIV_LOCK();
+  imposed_visibility_ = Combine(imposed_visibility_, v);
+  if (!callbacks_.empty()) FireCallbacks();
+}
+
+}  // namespace detail
+}  // namespace KivGenApi
+
+namespace KivGenApi {
+namespace detail {
+int64_t ToInt(const FormulaValue& v) {
+  if (!v.is_float) return v.i;
+  if (std::isnan(v.f)) return 0;
+  if (v.f >= 9.2233720368547758e18) return INT64_MAX;
+  if (v.f <= -9.2233720368547758e18) return INT64_MIN;
+  return static_cast<int64_t>(std::llround(v.f));
+}
+}  // namespace detail
+}  // namespace KivGenApi

@@ -1,0 +1,481 @@
+// Register-backed nodes: IntReg, MaskedIntReg (and expanded StructEntry),
+// FloatReg, StringReg and Register. They share address computation, the
+// port access mode and a byte cache keyed by address and length.
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <cstring>
+
+#include "factories.h"
+#include "nodemap.h"
+#include "port_node.h"
+#include "value_nodes.h"
+#include "value_source.h"
+
+namespace KivGenApi {
+namespace detail {
+namespace {
+
+uint64_t Assemble(const uint8_t* b, int64_t len, bool little) {
+  uint64_t v = 0;
+  if (little)
+    for (int64_t i = len - 1; i >= 0; --i) v = (v << 8) | b[i];
+  else
+    for (int64_t i = 0; i < len; ++i) v = (v << 8) | b[i];
+  return v;
+}
+
+void Disassemble(uint64_t v, uint8_t* b, int64_t len, bool little) {
+  for (int64_t i = 0; i < len; ++i) {
+    uint8_t byte = static_cast<uint8_t>(v >> (8 * i));
+    b[little ? i : len - 1 - i] = byte;
+  }
+}
+
+ECachingMode ParseCachable(const std::string& s) {
+  if (s == "NoCache" || s == "No") return NoCache;
+  if (s == "WriteAround") return WriteAround;
+  return WriteThrough;
+}
+
+struct IndexTerm {
+  NodeRef index;
+  bool has_offset = false;
+  int64_t offset = 0;
+  NodeRef p_offset;
+};
+
+class CRegisterBase : public CNode {
+ public:
+  CRegisterBase(CNodeMap* map, const NodeDesc& d, ECachingMode default_cache) : CNode(map, d) {
+    for (const auto& c : d.children) {
+      if (c.tag == "Address") {
+        int64_t a;
+        if (!ParseInt64(c.text, a)) KIV_THROW(RuntimeException, name_, "Register '" + name_ + "' has a bad Address '" + c.text + "'");
+        address_ += a;
+      } else if (c.tag == "pAddress") {
+        p_address_.push_back(NodeRef{c.text, nullptr});
+      } else if (c.tag == "pIndex") {
+        IndexTerm t;
+        t.index.name = c.text;
+        std::string off = c.Attr("Offset");
+        if (!off.empty()) {
+          if (!ParseInt64(off, t.offset)) KIV_THROW(RuntimeException, name_, "Register '" + name_ + "' has a bad index Offset");
+          t.has_offset = true;
+        }
+        t.p_offset.name = c.Attr("pOffset");
+        index_.push_back(t);
+      }
+    }
+    ReadNumRef(d, "Length", "pLength", false, length_);
+    if (!length_.present()) {
+      length_.has_literal = true;
+      length_.literal = FormulaValue::Int(4);
+    }
+    if (length_.has_literal && (length_.literal.i <= 0 || length_.literal.i > (1 << 24)))
+      KIV_THROW(RuntimeException, name_, "Register '" + name_ + "' has a bad Length");
+    access_ = ParseAccessMode(d.Text("AccessMode"), RO);
+    port_.name = d.Text("pPort");
+    cache_mode_ = d.Has("Cachable") ? ParseCachable(d.Text("Cachable")) : default_cache;
+    little_ = d.Text("Endianess") != "BigEndian";
+    signed_ = d.Text("Sign") == "Signed";
+    unit_ = d.Text("Unit");
+    repr_ = ParseRepresentation(d.Text("Representation"), PureNumber);
+    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+  }
+  void Link() override {
+    CNode::Link();
+    for (auto& r : p_address_) Resolve(r);
+    for (auto& t : index_) {
+      Resolve(t.index);
+      Resolve(t.p_offset);
+    }
+    Resolve(length_);
+    Resolve(port_);
+    port_node_ = dynamic_cast<CPortNode*>(port_.node);
+    for (auto& s : selected_) s.node = map_->Find(s.name);
+  }
+  EAccessMode NaturalAccessMode() const override {
+    if (!port_node_) return NA;
+    EAccessMode m = Combine(access_, port_node_->GetAccessMode());
+    // Address terms that cannot be read leave the register unreachable.
+    for (const auto& r : p_address_)
+      if (!r.node || !IsReadable(r.node->GetAccessMode())) return NA;
+    for (const auto& t : index_)
+      if (!t.index.node || !IsReadable(t.index.node->GetAccessMode())) return NA;
+    return m;
+  }
+  ECachingMode OwnCachingMode() const override { return cache_mode_; }
+  void ValueInputs(std::vector<CNode*>& out) const override {
+    for (const auto& r : p_address_)
+      if (r.node) out.push_back(r.node);
+    for (const auto& t : index_) {
+      if (t.index.node) out.push_back(t.index.node);
+      if (t.p_offset.node) out.push_back(t.p_offset.node);
+    }
+    if (length_.ref.node) out.push_back(length_.ref.node);
+    if (port_node_) out.push_back(port_node_);
+  }
+  void DropCache() override { cache_valid_ = false; }
+  bool HasValueCache() const override { return true; }
+
+  int64_t Length() const { return length_.has_literal ? length_.literal.i : ToInt(Eval(length_)); }
+  int64_t Address() const {
+    int64_t a = address_;
+    for (const auto& r : p_address_) a += ToInt(Need(r, "pAddress")->GetNum(false, false));
+    for (const auto& t : index_) {
+      int64_t idx = ToInt(Need(t.index, "pIndex")->GetNum(false, false));
+      int64_t off = t.has_offset ? t.offset
+                    : t.p_offset.set() ? ToInt(Need(t.p_offset, "pOffset")->GetNum(false, false))
+                                       : Length();
+      a += idx * off;
+    }
+    return a;
+  }
+
+  // Reads the register's bytes into `out` (len bytes), through the cache.
+  void ReadBytes(uint8_t* out, int64_t len, bool ignore_cache) {
+    EvalGuard g(this);
+    int64_t addr = Address();
+    ECachingMode mode = GetCachingMode();
+    if (!ignore_cache && cache_valid_ && cache_addr_ == addr && static_cast<int64_t>(cache_.size()) == len) {
+      std::memcpy(out, cache_.data(), static_cast<size_t>(len));
+      return;
+    }
+    if (!port_node_) Need(port_, "pPort");
+    port_node_->Read(out, addr, len);
+    if (mode != NoCache) Store(out, len, addr);
+  }
+  void WriteBytes(const uint8_t* in, int64_t len) {
+    {
+      EvalGuard g(this);
+      int64_t addr = Address();
+      if (!port_node_) Need(port_, "pPort");
+      cache_valid_ = false;
+      port_node_->Write(in, addr, len);
+      if (GetCachingMode() == WriteThrough) Store(in, len, addr);
+    }
+    NotifyWritten();
+  }
+  void Store(const uint8_t* p, int64_t len, int64_t addr) {
+    cache_.assign(p, p + len);
+    cache_addr_ = addr;
+    cache_valid_ = true;
+  }
+  bool CacheValid() const { return cache_valid_; }
+  // The register image to merge a field into: the cache when it is valid,
+  // else the device; a write-only register starts from zero.
+  void CurrentImage(uint8_t* out, int64_t len) {
+    if (cache_valid_ && static_cast<int64_t>(cache_.size()) == len && cache_addr_ == Address()) {
+      std::memcpy(out, cache_.data(), static_cast<size_t>(len));
+    } else if (IsReadable(GetAccessMode())) {
+      ReadBytes(out, len, false);
+    } else {
+      std::memset(out, 0, static_cast<size_t>(len));
+    }
+  }
+
+ protected:
+  int64_t address_ = 0;
+  std::vector<NodeRef> p_address_;
+  std::vector<IndexTerm> index_;
+  NumRef length_;
+  EAccessMode access_;
+  NodeRef port_;
+  CPortNode* port_node_ = nullptr;
+  ECachingMode cache_mode_;
+  bool little_ = true, signed_ = false;
+  std::string unit_;
+  ERepresentation repr_;
+  std::vector<NodeRef> selected_;
+  std::vector<uint8_t> cache_;
+  int64_t cache_addr_ = 0;
+  bool cache_valid_ = false;
+};
+
+// IntReg and MaskedIntReg: an integer field of lsb..msb (value bit numbers)
+// inside a register of up to 8 bytes.
+class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
+ public:
+  CIntRegNode(CNodeMap* map, const NodeDesc& d, bool masked) : CRegisterBase(map, d, WriteThrough), masked_(masked) {
+    if (!length_.has_literal || length_.literal.i < 1 || length_.literal.i > 8)
+      KIV_THROW(RuntimeException, name_, "Integer register '" + name_ + "' needs a Length of 1 to 8 bytes");
+    len_ = length_.literal.i;
+    int bits = static_cast<int>(8 * len_);
+    lsb_ = 0;
+    msb_ = bits - 1;
+    if (masked) {
+      int64_t lsb = -1, msb = -1;
+      if (d.Has("Bit")) {
+        ParseInt64(d.Text("Bit"), lsb);
+        msb = lsb;
+      } else {
+        ParseInt64(d.Text("LSB"), lsb);
+        ParseInt64(d.Text("MSB"), msb);
+      }
+      if (lsb < 0 || msb < 0 || lsb >= bits || msb >= bits)
+        KIV_THROW(RuntimeException, name_, "Masked register '" + name_ + "' has a bit range outside its register");
+      // Big-endian descriptions number bits from the most significant end.
+      if (!little_) {
+        lsb = bits - 1 - lsb;
+        msb = bits - 1 - msb;
+      }
+      if (lsb > msb) std::swap(lsb, msb);
+      lsb_ = static_cast<int>(lsb);
+      msb_ = static_cast<int>(msb);
+    }
+    width_ = msb_ - lsb_ + 1;
+    mask_ = width_ == 64 ? ~0ull : ((1ull << width_) - 1);
+    if (signed_) {
+      min_ = width_ == 64 ? INT64_MIN : -(int64_t(1) << (width_ - 1));
+      max_ = width_ == 64 ? INT64_MAX : (int64_t(1) << (width_ - 1)) - 1;
+    } else {
+      min_ = 0;
+      max_ = width_ >= 63 ? INT64_MAX : static_cast<int64_t>(mask_);
+    }
+  }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
+
+  int64_t Decode(const uint8_t* b) const {
+    uint64_t field = (Assemble(b, len_, little_) >> lsb_) & mask_;
+    if (signed_ && width_ < 64 && (field >> (width_ - 1)) & 1) field |= ~mask_;
+    return static_cast<int64_t>(field);
+  }
+  int64_t Read(bool verify, bool ignore_cache) {
+    CheckReadable();
+    uint8_t b[8];
+    ReadBytes(b, len_, ignore_cache || verify);
+    int64_t v = Decode(b);
+    if (verify) CheckIntRange(this, v, min_, max_, 1);
+    return v;
+  }
+  void Write(int64_t v, bool verify) {
+    CheckWritable();
+    // Values that do not fit the field would spill into neighbouring bits.
+    CheckIntRange(this, v, min_, max_, 1);
+    (void)verify;
+    uint8_t b[8];
+    uint64_t field = static_cast<uint64_t>(v) & mask_;
+    if (masked_ && width_ < 8 * len_) {
+      CurrentImage(b, len_);
+      uint64_t reg = Assemble(b, len_, little_);
+      reg = (reg & ~(mask_ << lsb_)) | (field << lsb_);
+      Disassemble(reg, b, len_, little_);
+    } else {
+      Disassemble(field << lsb_, b, len_, little_);
+    }
+    WriteBytes(b, len_);
+  }
+
+  void SetValue(int64_t v, bool verify) override { KIV_LOCK(); Write(v, verify); }
+  int64_t GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
+  int64_t GetMin() override { return min_; }
+  int64_t GetMax() override { return max_; }
+  EIncMode GetIncMode() override { return fixedIncrement; }
+  int64_t GetInc() override { return 1; }
+  int64_autovector_t GetListOfValidValues(bool) override { return {}; }
+  ERepresentation GetRepresentation() override { return repr_; }
+  gcstring GetUnit() override { return unit_; }
+  void ImposeMin(int64_t v) override { min_ = std::max(min_, v); }
+  void ImposeMax(int64_t v) override { max_ = std::min(max_, v); }
+  gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), repr_); }
+  void FromString(const gcstring& s, bool verify) override {
+    int64_t v;
+    if (!ParseInt64(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not an integer");
+    SetValue(v, verify);
+  }
+  bool IsValueCacheValid() const override { return CacheValid(); }
+  FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(Read(verify, ignore_cache)); }
+  void SetNum(const FormulaValue& v, bool verify) override { Write(ToInt(v), verify); }
+  FormulaValue NumMin() override { return FormulaValue::Int(min_); }
+  FormulaValue NumMax() override { return FormulaValue::Int(max_); }
+  bool IsSelector() const override { return !selected_.empty(); }
+  void GetSelectedFeatures(FeatureList_t& f) const override {
+    f.clear();
+    for (const auto& s : selected_)
+      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+  }
+  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+
+ private:
+  bool masked_;
+  int64_t len_;
+  int lsb_, msb_, width_;
+  uint64_t mask_;
+  int64_t min_, max_;
+};
+
+class CFloatRegNode : public CRegisterBase, public IFloat {
+ public:
+  CFloatRegNode(CNodeMap* map, const NodeDesc& d) : CRegisterBase(map, d, WriteAround) {
+    if (!length_.has_literal || (length_.literal.i != 4 && length_.literal.i != 8))
+      KIV_THROW(RuntimeException, name_, "FloatReg '" + name_ + "' needs a Length of 4 or 8 bytes");
+    if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
+    if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
+    if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
+  }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
+  double Read(bool verify, bool ignore_cache) {
+    CheckReadable();
+    uint8_t b[8];
+    int64_t len = length_.literal.i;
+    ReadBytes(b, len, ignore_cache || verify);
+    uint64_t raw = Assemble(b, len, little_);
+    if (len == 4) {
+      uint32_t r32 = static_cast<uint32_t>(raw);
+      float f;
+      std::memcpy(&f, &r32, 4);
+      return f;
+    }
+    double v;
+    std::memcpy(&v, &raw, 8);
+    return v;
+  }
+  void Write(double v, bool verify) {
+    CheckWritable();
+    if (verify) CheckFloatRange(this, v, GetMin(), GetMax());
+    int64_t len = length_.literal.i;
+    uint64_t raw;
+    if (len == 4) {
+      float f = static_cast<float>(v);
+      uint32_t r32;
+      std::memcpy(&r32, &f, 4);
+      raw = r32;
+    } else {
+      std::memcpy(&raw, &v, 8);
+    }
+    uint8_t b[8];
+    Disassemble(raw, b, len, little_);
+    WriteBytes(b, len);
+  }
+  void SetValue(double v, bool verify) override { KIV_LOCK(); Write(v, verify); }
+  double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
+  double GetMin() override { return has_min_ ? min_ : -DBL_MAX; }
+  double GetMax() override { return has_max_ ? max_ : DBL_MAX; }
+  bool HasInc() override { return false; }
+  EIncMode GetIncMode() override { return noIncrement; }
+  double GetInc() override { return 0; }
+  double_autovector_t GetListOfValidValues(bool) override { return {}; }
+  ERepresentation GetRepresentation() override { return repr_; }
+  gcstring GetUnit() const override { return unit_; }
+  EDisplayNotation GetDisplayNotation() const override { return notation_; }
+  int64_t GetDisplayPrecision() const override { return precision_; }
+  void ImposeMin(double v) override { has_min_ = true; min_ = v; }
+  void ImposeMax(double v) override { has_max_ = true; max_ = v; }
+  gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
+  void FromString(const gcstring& s, bool verify) override {
+    double v;
+    if (!ParseDouble(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a number");
+    SetValue(v, verify);
+  }
+  bool IsValueCacheValid() const override { return CacheValid(); }
+  FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Float(Read(verify, ignore_cache)); }
+  void SetNum(const FormulaValue& v, bool verify) override { Write(v.AsFloat(), verify); }
+  FormulaValue NumMin() override { return FormulaValue::Float(GetMin()); }
+  FormulaValue NumMax() override { return FormulaValue::Float(GetMax()); }
+
+ private:
+  EDisplayNotation notation_ = fnAutomatic;
+  int64_t precision_ = 6;
+  bool has_min_ = false, has_max_ = false;
+  double min_ = 0, max_ = 0;
+};
+
+class CStringRegNode : public CRegisterBase, public IString {
+ public:
+  CStringRegNode(CNodeMap* map, const NodeDesc& d) : CRegisterBase(map, d, WriteThrough) {}
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIString; }
+  void SetValue(const gcstring& v, bool) override {
+    KIV_LOCK();
+    CheckWritable();
+    int64_t len = Length();
+    if (static_cast<int64_t>(v.size()) > len)
+      KIV_THROW(OutOfRangeException, name_, "String of " + std::to_string(v.size()) + " characters is too long for '" +
+                                                name_ + "' (" + std::to_string(len) + " bytes)");
+    std::vector<uint8_t> b(static_cast<size_t>(len), 0);
+    std::memcpy(b.data(), v.data(), v.size());
+    WriteBytes(b.data(), len);
+  }
+  gcstring GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    CheckReadable();
+    int64_t len = Length();
+    std::vector<uint8_t> b(static_cast<size_t>(len));
+    ReadBytes(b.data(), len, ignore_cache || verify);
+    size_t n = 0;
+    while (n < b.size() && b[n]) ++n;
+    return std::string(reinterpret_cast<const char*>(b.data()), n);
+  }
+  int64_t GetMaxLength(bool) override { return Length(); }
+  gcstring ToString(bool verify, bool ignore_cache) override { return GetValue(verify, ignore_cache); }
+  void FromString(const gcstring& s, bool verify) override { SetValue(s, verify); }
+  bool IsValueCacheValid() const override { return CacheValid(); }
+};
+
+class CRawRegisterNode : public CRegisterBase, public IRegister {
+ public:
+  CRawRegisterNode(CNodeMap* map, const NodeDesc& d) : CRegisterBase(map, d, WriteThrough) {}
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIRegister; }
+  void CheckLength(int64_t len) {
+    if (len != Length())
+      KIV_THROW(OutOfRangeException, name_, "Register '" + name_ + "' is " + std::to_string(Length()) +
+                                                " bytes long, not " + std::to_string(len));
+  }
+  void Set(const uint8_t* p, int64_t len, bool) override {
+    KIV_LOCK();
+    CheckWritable();
+    CheckLength(len);
+    WriteBytes(p, len);
+  }
+  void Get(uint8_t* p, int64_t len, bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    CheckReadable();
+    CheckLength(len);
+    ReadBytes(p, len, ignore_cache || verify);
+  }
+  int64_t GetLength(bool) override { KIV_LOCK(); return Length(); }
+  int64_t GetAddress(bool) override { KIV_LOCK(); return Address(); }
+  gcstring ToString(bool verify, bool ignore_cache) override {
+    int64_t len = GetLength(false);
+    std::vector<uint8_t> b(static_cast<size_t>(len));
+    Get(b.data(), len, verify, ignore_cache);
+    static const char* hex = "0123456789ABCDEF";
+    std::string s = "0x";
+    for (uint8_t c : b) {
+      s += hex[c >> 4];
+      s += hex[c & 15];
+    }
+    return s;
+  }
+  void FromString(const gcstring& s, bool verify) override {
+    int64_t len = GetLength(false);
+    std::string h = s;
+    if (h.size() >= 2 && h[0] == '0' && (h[1] == 'x' || h[1] == 'X')) h = h.substr(2);
+    if (static_cast<int64_t>(h.size()) != 2 * len)
+      KIV_THROW(InvalidArgumentException, name_, "Register '" + name_ + "' needs " + std::to_string(2 * len) + " hex digits");
+    std::vector<uint8_t> b(static_cast<size_t>(len));
+    for (int64_t i = 0; i < len; ++i) {
+      int64_t v;
+      if (!ParseInt64("0x" + h.substr(static_cast<size_t>(2 * i), 2), v))
+        KIV_THROW(InvalidArgumentException, name_, "Register '" + name_ + "': '" + s + "' is not hexadecimal");
+      b[static_cast<size_t>(i)] = static_cast<uint8_t>(v);
+    }
+    Set(b.data(), len, verify);
+  }
+  bool IsValueCacheValid() const override { return CacheValid(); }
+};
+
+}  // namespace
+
+std::unique_ptr<CNode> MakeRegisterNode(CNodeMap* map, const NodeDesc& d) {
+  const std::string& t = d.type;
+  if (t == "IntReg") return std::make_unique<CIntRegNode>(map, d, false);
+  if (t == "MaskedIntReg") return std::make_unique<CIntRegNode>(map, d, true);
+  if (t == "FloatReg") return std::make_unique<CFloatRegNode>(map, d);
+  if (t == "StringReg") return std::make_unique<CStringRegNode>(map, d);
+  if (t == "Register") return std::make_unique<CRawRegisterNode>(map, d);
+  return nullptr;
+}
+
+}  // namespace detail
+}  // namespace KivGenApi

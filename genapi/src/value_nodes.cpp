@@ -1,0 +1,521 @@
+// Integer, Float, Boolean, Command, String, Category, plain and legacy nodes.
+#include "value_nodes.h"
+
+#include <cfloat>
+#include <climits>
+#include <algorithm>
+#include <cstdio>
+
+#include "factories.h"
+#include "nodemap.h"
+#include "value_source.h"
+
+namespace KivGenApi {
+namespace detail {
+
+void CheckIntRange(const CNode* n, int64_t v, int64_t min, int64_t max, int64_t inc) {
+  const std::string& name = n->name();
+  if (v < min)
+    KIV_THROW(OutOfRangeException, name, "Value " + std::to_string(v) + " of node '" + name +
+                                             "' is below the minimum " + std::to_string(min));
+  if (v > max)
+    KIV_THROW(OutOfRangeException, name, "Value " + std::to_string(v) + " of node '" + name +
+                                             "' is above the maximum " + std::to_string(max));
+  if (inc <= 0) KIV_THROW(LogicalErrorException, name, "Node '" + name + "' has an increment of zero or less");
+  // Unsigned difference: min may be INT64_MIN.
+  uint64_t diff = static_cast<uint64_t>(v) - static_cast<uint64_t>(min);
+  if (inc != 1 && diff % static_cast<uint64_t>(inc) != 0)
+    KIV_THROW(OutOfRangeException, name, "Value " + std::to_string(v) + " of node '" + name +
+                                             "' is not the minimum plus a multiple of the increment " +
+                                             std::to_string(inc));
+}
+
+void CheckFloatRange(const CNode* n, double v, double min, double max) {
+  const std::string& name = n->name();
+  if (v < min)
+    KIV_THROW(OutOfRangeException, name,
+              "Value " + FormatDouble(v) + " of node '" + name + "' is below the minimum " + FormatDouble(min));
+  if (v > max)
+    KIV_THROW(OutOfRangeException, name,
+              "Value " + FormatDouble(v) + " of node '" + name + "' is above the maximum " + FormatDouble(max));
+}
+
+ERepresentation ParseRepresentation(const std::string& s, ERepresentation def) {
+  static const char* names[] = {"Linear", "Logarithmic", "Boolean", "PureNumber", "HexNumber", "IPV4Address",
+                                "MACAddress"};
+  for (int i = 0; i < 7; ++i)
+    if (s == names[i]) return static_cast<ERepresentation>(i);
+  return def;
+}
+
+std::string FormatInt(int64_t v, ERepresentation r) {
+  if (r == HexNumber) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
+    return buf;
+  }
+  return std::to_string(v);
+}
+
+namespace {
+
+// Integer and Float share everything but the number type.
+template <bool Float>
+class CNumberNode : public CNode {
+ public:
+  CNumberNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    src_.Read(d, Float);
+    ReadNumRef(d, "Min", "pMin", Float, min_);
+    ReadNumRef(d, "Max", "pMax", Float, max_);
+    ReadNumRef(d, "Inc", "pInc", Float, inc_);
+    unit_ = d.Text("Unit");
+    has_unit_ = d.Has("Unit");
+    repr_ = ParseRepresentation(d.Text("Representation"), Float ? PureNumber : _UndefinedRepresentation);
+    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+    if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
+    if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
+    if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
+    for (const char* t : {"ValidValueSet"}) {
+      std::string s = d.Text(t);
+      size_t pos = 0;
+      while (!s.empty() && pos <= s.size()) {
+        size_t e = s.find(';', pos);
+        std::string item = s.substr(pos, e == std::string::npos ? std::string::npos : e - pos);
+        int64_t v;
+        if (ParseInt64(item, v)) valid_.push_back(v);
+        if (e == std::string::npos) break;
+        pos = e + 1;
+      }
+    }
+  }
+  void Link() override {
+    CNode::Link();
+    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    Resolve(min_);
+    Resolve(max_);
+    Resolve(inc_);
+    for (auto& s : selected_) s.node = map_->Find(s.name);
+  }
+  EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
+  void ValueInputs(std::vector<CNode*>& out) const override {
+    src_.Inputs(out);
+    for (const NumRef* r : {&min_, &max_, &inc_})
+      if (r->ref.node) out.push_back(r->ref.node);
+  }
+  ECachingMode OwnCachingMode() const override { return WriteThrough; }
+
+  FormulaValue Read(bool verify, bool ignore_cache) {
+    CheckReadable();
+    EvalGuard g(this);
+    FormulaValue v = src_.Get(this, verify, ignore_cache);
+    if (verify) CheckRange(v);
+    return v;
+  }
+  void Write(FormulaValue v, bool verify) {
+    CheckWritable();
+    if (verify) CheckRange(v);
+    EvalGuard g(this);
+    src_.Set(this, v, verify);
+  }
+  void CheckRange(const FormulaValue& v) {
+    if (Float) CheckFloatRange(this, v.AsFloat(), NumMin().AsFloat(), NumMax().AsFloat());
+    else CheckIntRange(this, ToInt(v), ToInt(NumMin()), ToInt(NumMax()), ToInt(NumInc()));
+  }
+  FormulaValue Conv(const FormulaValue& v) const {
+    return Float ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(ToInt(v));
+  }
+  FormulaValue Bound(const NumRef& r, bool is_min) {
+    FormulaValue v;
+    if (r.present()) {
+      v = Conv(Eval(r));
+    } else if (CNode* t = src_.Target(this)) {
+      v = Conv(is_min ? t->NumMin() : t->NumMax());
+    } else if (Float) {
+      v = FormulaValue::Float(is_min ? -DBL_MAX : DBL_MAX);
+    } else {
+      v = FormulaValue::Int(is_min ? INT64_MIN : INT64_MAX);
+    }
+    if (is_min && has_imposed_min_ && imposed_min_.AsFloat() > v.AsFloat()) v = imposed_min_;
+    if (!is_min && has_imposed_max_ && imposed_max_.AsFloat() < v.AsFloat()) v = imposed_max_;
+    return v;
+  }
+
+  FormulaValue GetNum(bool verify, bool ignore_cache) override { return Conv(Read(verify, ignore_cache)); }
+  void SetNum(const FormulaValue& v, bool verify) override { Write(Conv(v), verify); }
+  FormulaValue NumMin() override { return Bound(min_, true); }
+  FormulaValue NumMax() override { return Bound(max_, false); }
+  FormulaValue NumInc() override {
+    if (inc_.present()) return Conv(Eval(inc_));
+    if (!Float)
+      if (CNode* t = src_.Target(this)) return Conv(t->NumInc());
+    return Float ? FormulaValue::Float(0) : FormulaValue::Int(1);
+  }
+
+ protected:
+  CValueSource src_;
+  NumRef min_, max_, inc_;
+  std::string unit_;
+  bool has_unit_ = false;
+  ERepresentation repr_;
+  EDisplayNotation notation_ = fnAutomatic;
+  int64_t precision_ = 6;
+  std::vector<NodeRef> selected_;
+  std::vector<int64_t> valid_;
+  bool has_imposed_min_ = false, has_imposed_max_ = false;
+  FormulaValue imposed_min_, imposed_max_;
+};
+
+class CIntegerNode : public CNumberNode<false>, public IInteger, public ISelector {
+ public:
+  using CNumberNode::CNumberNode;
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
+  void SetValue(int64_t v, bool verify) override {
+    KIV_LOCK();
+    if (verify && !valid_.empty() && std::find(valid_.begin(), valid_.end(), v) == valid_.end())
+      KIV_THROW(OutOfRangeException, name_, "Value " + std::to_string(v) + " of node '" + name_ +
+                                                "' is not in its set of valid values");
+    Write(FormulaValue::Int(v), verify);
+  }
+  int64_t GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    return ToInt(Read(verify, ignore_cache));
+  }
+  int64_t GetMin() override { KIV_LOCK(); return ToInt(NumMin()); }
+  int64_t GetMax() override { KIV_LOCK(); return ToInt(NumMax()); }
+  int64_t GetInc() override { KIV_LOCK(); return ToInt(NumInc()); }
+  EIncMode GetIncMode() override { return valid_.empty() ? fixedIncrement : listIncrement; }
+  int64_autovector_t GetListOfValidValues(bool bounded) override {
+    if (!bounded) return valid_;
+    int64_autovector_t out;
+    int64_t lo = GetMin(), hi = GetMax();
+    for (int64_t v : valid_)
+      if (v >= lo && v <= hi) out.push_back(v);
+    return out;
+  }
+  ERepresentation GetRepresentation() override {
+    if (repr_ != _UndefinedRepresentation) return repr_;
+    if (CInteger* t = TargetInt()) return t->GetRepresentation();
+    return PureNumber;
+  }
+  gcstring GetUnit() override {
+    if (has_unit_) return unit_;
+    if (CInteger* t = TargetInt()) return t->GetUnit();
+    return "";
+  }
+  void ImposeMin(int64_t v) override { has_imposed_min_ = true; imposed_min_ = FormulaValue::Int(v); }
+  void ImposeMax(int64_t v) override { has_imposed_max_ = true; imposed_max_ = FormulaValue::Int(v); }
+  gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), GetRepresentation()); }
+  void FromString(const gcstring& s, bool verify) override {
+    int64_t v;
+    if (!ParseInt64(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not an integer");
+    SetValue(v, verify);
+  }
+  bool IsValueCacheValid() const override { return false; }
+  bool IsSelector() const override { return !selected_.empty(); }
+  void GetSelectedFeatures(FeatureList_t& f) const override {
+    f.clear();
+    for (const auto& s : selected_)
+      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+  }
+  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+
+ private:
+  using CInteger = IInteger;
+  IInteger* TargetInt() const { return dynamic_cast<IInteger*>(src_.Target(this)); }
+};
+
+class CFloatNode : public CNumberNode<true>, public IFloat {
+ public:
+  using CNumberNode::CNumberNode;
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
+  void SetValue(double v, bool verify) override { KIV_LOCK(); Write(FormulaValue::Float(v), verify); }
+  double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache).AsFloat(); }
+  double GetMin() override { KIV_LOCK(); return NumMin().AsFloat(); }
+  double GetMax() override { KIV_LOCK(); return NumMax().AsFloat(); }
+  bool HasInc() override { return inc_.present(); }
+  EIncMode GetIncMode() override { return inc_.present() ? fixedIncrement : noIncrement; }
+  double GetInc() override { KIV_LOCK(); return inc_.present() ? Eval(inc_).AsFloat() : 0.0; }
+  double_autovector_t GetListOfValidValues(bool) override { return {}; }
+  ERepresentation GetRepresentation() override { return repr_; }
+  gcstring GetUnit() const override {
+    if (has_unit_) return unit_;
+    if (IFloat* t = dynamic_cast<IFloat*>(src_.Target(this))) return t->GetUnit();
+    if (IInteger* t = dynamic_cast<IInteger*>(src_.Target(this))) return t->GetUnit();
+    return "";
+  }
+  EDisplayNotation GetDisplayNotation() const override { return notation_; }
+  int64_t GetDisplayPrecision() const override { return precision_; }
+  void ImposeMin(double v) override { has_imposed_min_ = true; imposed_min_ = FormulaValue::Float(v); }
+  void ImposeMax(double v) override { has_imposed_max_ = true; imposed_max_ = FormulaValue::Float(v); }
+  gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
+  void FromString(const gcstring& s, bool verify) override {
+    double v;
+    if (!ParseDouble(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a number");
+    SetValue(v, verify);
+  }
+  bool IsValueCacheValid() const override { return false; }
+};
+
+class CBooleanNode : public CNode, public IBoolean, public ISelector {
+ public:
+  CBooleanNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    FormulaValue v;
+    if (d.Has("OnValue") && ParseLiteral(d.Text("OnValue"), false, v)) on_ = v.i;
+    if (d.Has("OffValue") && ParseLiteral(d.Text("OffValue"), false, v)) off_ = v.i;
+    if (on_ == off_) KIV_THROW(RuntimeException, name_, "Boolean node '" + name_ + "' has OnValue equal to OffValue");
+    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+    // A floating boolean holds "true"/"false" literally.
+    NodeDesc copy = d;
+    for (auto& c : copy.children)
+      if (c.tag == "Value") {
+        if (c.text == "true" || c.text == "1") c.text = std::to_string(on_);
+        else if (c.text == "false" || c.text == "0") c.text = std::to_string(off_);
+      }
+    if (!copy.Has("Value") && !copy.Has("pValue")) copy.children.push_back(DescChild{"Value", std::to_string(off_), {}});
+    src_.Read(copy, false);
+  }
+  void Link() override {
+    CNode::Link();
+    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    for (auto& s : selected_) s.node = map_->Find(s.name);
+  }
+  EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
+  void ValueInputs(std::vector<CNode*>& out) const override { src_.Inputs(out); }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIBoolean; }
+  void SetValue(bool v, bool verify) override {
+    KIV_LOCK();
+    CheckWritable();
+    EvalGuard g(this);
+    src_.Set(this, FormulaValue::Int(v ? on_ : off_), verify);
+  }
+  bool GetValue(bool verify, bool ignore_cache) const override {
+    KIV_LOCK();
+    CheckReadable();
+    EvalGuard g(this);
+    int64_t v = ToInt(src_.Get(this, verify, ignore_cache));
+    if (v == on_) return true;
+    if (v == off_) return false;
+    KIV_THROW(LogicalErrorException, name_, "Boolean node '" + name_ + "' has value " + std::to_string(v) +
+                                                ", which is neither its OnValue nor its OffValue");
+  }
+  FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(GetValue(verify, ignore_cache) ? 1 : 0); }
+  void SetNum(const FormulaValue& v, bool verify) override { SetValue(v.AsFloat() != 0, verify); }
+  FormulaValue NumMin() override { return FormulaValue::Int(0); }
+  FormulaValue NumMax() override { return FormulaValue::Int(1); }
+  gcstring ToString(bool verify, bool ignore_cache) override { return GetValue(verify, ignore_cache) ? "true" : "false"; }
+  void FromString(const gcstring& s, bool verify) override {
+    if (s == "true" || s == "1" || s == "True" || s == "TRUE") SetValue(true, verify);
+    else if (s == "false" || s == "0" || s == "False" || s == "FALSE") SetValue(false, verify);
+    else KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a boolean");
+  }
+  bool IsValueCacheValid() const override { return false; }
+  bool IsSelector() const override { return !selected_.empty(); }
+  void GetSelectedFeatures(FeatureList_t& f) const override {
+    f.clear();
+    for (const auto& s : selected_)
+      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+  }
+  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+
+ private:
+  CValueSource src_;
+  int64_t on_ = 1, off_ = 0;
+  std::vector<NodeRef> selected_;
+};
+
+class CCommandNode : public CNode, public ICommand {
+ public:
+  CCommandNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    src_.Read(d, false);
+    ReadNumRef(d, "CommandValue", "pCommandValue", false, command_);
+    if (!command_.present()) {
+      command_.has_literal = true;
+      command_.literal = FormulaValue::Int(1);
+    }
+  }
+  void Link() override {
+    CNode::Link();
+    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    Resolve(command_);
+  }
+  EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
+  void ValueInputs(std::vector<CNode*>& out) const override {
+    src_.Inputs(out);
+    if (command_.ref.node) out.push_back(command_.ref.node);
+  }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfICommand; }
+  void Execute(bool verify) override {
+    KIV_LOCK();
+    CheckWritable();
+    EvalGuard g(this);
+    src_.Set(this, FormulaValue::Int(ToInt(Eval(command_))), verify);
+    if (src_.floating()) NotifyWritten();
+  }
+  bool IsDone(bool) override {
+    KIV_LOCK();
+    if (!IsImplemented(GetAccessMode()))
+      KIV_THROW(AccessException, name_, "Command '" + name_ + "' is not implemented");
+    if (src_.floating()) return true;
+    CNode* t = src_.Target(this);
+    // A target that cannot be read cannot report completion: done at once.
+    if (!t || !IsReadable(t->GetAccessMode()) || !IsReadable(GetAccessMode())) return true;
+    EvalGuard g(this);
+    bool done = ToInt(src_.Get(this, false, true)) != ToInt(Eval(command_));
+    if (done && !was_done_) {
+      was_done_ = true;
+      NotifyWritten();
+    }
+    return done;
+  }
+  FormulaValue GetNum(bool verify, bool ignore_cache) override {
+    CheckReadable();
+    return src_.Get(this, verify, ignore_cache);
+  }
+  gcstring ToString(bool, bool) override { return IsDone(true) ? "0" : "1"; }
+  void FromString(const gcstring& s, bool verify) override {
+    if (s == "1" || s == "true") {
+      Execute(verify);
+      was_done_ = false;
+    } else {
+      KIV_THROW(InvalidArgumentException, name_, "Command '" + name_ + "' can only be executed with \"1\" or \"true\"");
+    }
+  }
+  bool IsValueCacheValid() const override { return false; }
+
+ private:
+  CValueSource src_;
+  NumRef command_;
+  bool was_done_ = true;
+};
+
+class CStringNode : public CNode, public IString {
+ public:
+  CStringNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    value_ = d.Text("Value");
+    target_.name = d.Text("pValue");
+  }
+  void Link() override {
+    CNode::Link();
+    Resolve(target_);
+  }
+  EAccessMode NaturalAccessMode() const override {
+    if (!target_.set()) return RW;
+    return target_.node ? target_.node->GetAccessMode() : NA;
+  }
+  void ValueInputs(std::vector<CNode*>& out) const override {
+    if (target_.node) out.push_back(target_.node);
+  }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIString; }
+  IString* Target() const {
+    IString* s = dynamic_cast<IString*>(target_.node);
+    if (!s) KIV_THROW(LogicalErrorException, name_, "String '" + name_ + "': pValue '" + target_.name + "' is not a string node");
+    return s;
+  }
+  void SetValue(const gcstring& v, bool verify) override {
+    KIV_LOCK();
+    CheckWritable();
+    if (target_.set()) return Target()->SetValue(v, verify);
+    value_ = v;
+    NotifyWritten();
+  }
+  gcstring GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    CheckReadable();
+    if (target_.set()) return Target()->GetValue(verify, ignore_cache);
+    return value_;
+  }
+  int64_t GetMaxLength(bool verify) override {
+    if (target_.set()) return Target()->GetMaxLength(verify);
+    return INT64_MAX;
+  }
+  gcstring ToString(bool verify, bool ignore_cache) override { return GetValue(verify, ignore_cache); }
+  void FromString(const gcstring& s, bool verify) override { SetValue(s, verify); }
+  bool IsValueCacheValid() const override { return false; }
+
+ private:
+  std::string value_;
+  NodeRef target_;
+};
+
+class CCategoryNode : public CNode, public ICategory {
+ public:
+  CCategoryNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
+    for (const DescChild* c : d.All("pFeature")) features_.push_back(NodeRef{c->text, nullptr});
+  }
+  void Link() override {
+    CNode::Link();
+    for (auto& f : features_) Resolve(f);
+  }
+  EAccessMode NaturalAccessMode() const override {
+    bool any = false;
+    for (const auto& f : features_)
+      if (f.node && f.node->GetAccessMode() != NI) any = true;
+    return (any || features_.empty()) ? RO : NI;
+  }
+  void ValueInputs(std::vector<CNode*>& out) const override {
+    for (const auto& f : features_)
+      if (f.node) out.push_back(f.node);
+  }
+  ECachingMode OwnCachingMode() const override { return WriteThrough; }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfICategory; }
+  void GetFeatures(FeatureList_t& out) const override {
+    out.clear();
+    for (const auto& f : features_)
+      if (IValue* v = dynamic_cast<IValue*>(f.node)) out.push_back(v);
+  }
+  gcstring ToString(bool, bool) override { return ""; }
+  void FromString(const gcstring&, bool) override {
+    KIV_THROW(AccessException, name_, "Category '" + name_ + "' has no value to set");
+  }
+  bool IsValueCacheValid() const override { return true; }
+  const std::vector<NodeRef>& features() const { return features_; }
+
+ private:
+  std::vector<NodeRef> features_;
+};
+
+// Plain Node elements, and legacy IIDC elements that this engine does not
+// evaluate (config-ROM parsing, DCAM locks): they load as not implemented.
+class CPlainNode : public CNode, public IValue {
+ public:
+  CPlainNode(CNodeMap* map, const NodeDesc& d, bool implemented) : CNode(map, d), implemented_(implemented) {}
+  EAccessMode NaturalAccessMode() const override { return implemented_ ? RW : NI; }
+  EInterfaceType GetPrincipalInterfaceType() const override { return intfIValue; }
+  gcstring ToString(bool, bool) override {
+    CheckReadable();
+    return "";
+  }
+  void FromString(const gcstring&, bool) override {
+    CheckWritable();
+  }
+  bool IsValueCacheValid() const override { return true; }
+
+ private:
+  bool implemented_;
+};
+
+}  // namespace
+
+void CategoryFeatures(CNode* n, std::vector<CNode*>& out) {
+  out.clear();
+  if (auto* c = dynamic_cast<CCategoryNode*>(n))
+    for (const auto& f : c->features())
+      if (f.node) out.push_back(f.node);
+}
+
+std::unique_ptr<CNode> MakeValueNode(CNodeMap* map, const NodeDesc& d) {
+  const std::string& t = d.type;
+  if (t == "Integer") return std::make_unique<CIntegerNode>(map, d);
+  if (t == "Float") return std::make_unique<CFloatNode>(map, d);
+  if (t == "Boolean") return std::make_unique<CBooleanNode>(map, d);
+  if (t == "Command") return std::make_unique<CCommandNode>(map, d);
+  if (t == "String") return std::make_unique<CStringNode>(map, d);
+  if (t == "Category") return std::make_unique<CCategoryNode>(map, d);
+  if (t == "Node") return std::make_unique<CPlainNode>(map, d, true);
+  if (t == "ConfRom" || t == "TextDesc" || t == "IntKey" || t == "AdvFeatureLock" || t == "SmartFeature")
+    return std::make_unique<CPlainNode>(map, d, false);
+  return nullptr;
+}
+
+}  // namespace detail
+}  // namespace KivGenApi

@@ -1,0 +1,133 @@
+// SwissKnife, IntSwissKnife, Converter and IntConverter nodes: variables
+// with suffixes, integer and float semantics, ranges through formulas, and
+// errors that name the node.
+#include <gtest/gtest.h>
+
+#include "fake_port.h"
+
+using namespace KivGenApi;
+using kivtest::Fixture;
+
+namespace {
+
+const char* kVars = R"(
+  <Integer Name="A"><Value>15</Value><Min>-4</Min><Max>40</Max><Inc>3</Inc></Integer>
+  <Integer Name="B"><Value>6</Value></Integer>
+  <Float Name="F"><Value>25.2</Value></Float>
+  <Enumeration Name="Mode"><Value>2</Value>
+    <EnumEntry Name="Off"><Value>0</Value></EnumEntry><EnumEntry Name="On"><Value>2</Value></EnumEntry></Enumeration>)";
+
+std::string Knife(const char* type, const char* name, const char* formula, const char* extra = "") {
+  return std::string("<") + type + " Name=\"" + name + "\"><pVariable Name=\"A\">A</pVariable>" +
+         "<pVariable Name=\"B\">B</pVariable><pVariable Name=\"F\">F</pVariable>" + extra + "<Formula>" + formula +
+         "</Formula></" + type + ">";
+}
+
+TEST(SwissKnife, IntegerAndFloatDivision) {
+  Fixture f(std::string(kVars) + Knife("SwissKnife", "FDiv", "A/B") + Knife("IntSwissKnife", "IDiv", "A/B") +
+            Knife("SwissKnife", "FMod", "F%7") + Knife("IntSwissKnife", "IMod", "A%B") +
+            Knife("IntSwissKnife", "Prec", "A+B*2-(A-B)/3") + Knife("IntSwissKnife", "Cond", "A=15 ? B&lt;&lt;2 : 0"));
+  EXPECT_DOUBLE_EQ(CFloatPtr(f.Node("FDiv"))->GetValue(), 2.5);
+  EXPECT_EQ(CIntegerPtr(f.Node("IDiv"))->GetValue(), 2);
+  EXPECT_NEAR(CFloatPtr(f.Node("FMod"))->GetValue(), 4.2, 1e-9);
+  EXPECT_EQ(CIntegerPtr(f.Node("IMod"))->GetValue(), 3);
+  EXPECT_EQ(CIntegerPtr(f.Node("Prec"))->GetValue(), 15 + 12 - 3);
+  EXPECT_EQ(CIntegerPtr(f.Node("Cond"))->GetValue(), 24);
+  EXPECT_THROW(CFloatPtr(f.Node("FDiv"))->SetValue(1.0), AccessException);
+}
+
+TEST(SwissKnife, FollowsItsVariablesAfterWrites) {
+  Fixture f(std::string(kVars) + R"(
+    <IntReg Name="R"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>)" +
+            R"(<IntSwissKnife Name="K"><pVariable Name="R">R</pVariable><Formula>R*2</Formula></IntSwissKnife>)");
+  CIntegerPtr k(f.Node("K")), r(f.Node("R"));
+  f.port.PokeU32LE(0, 4);
+  EXPECT_EQ(k->GetValue(), 8);
+  r->SetValue(10);
+  EXPECT_EQ(k->GetValue(), 20);
+  f.port.PokeU32LE(0, 11);
+  EXPECT_EQ(k->GetValue(), 20);               // R is cached
+  EXPECT_EQ(k->GetValue(false, true), 22);    // IgnoreCache reaches through the formula
+}
+
+TEST(SwissKnife, SuffixVariablesConstantsAndExpressions) {
+  Fixture f(std::string(kVars) + R"(
+    <IntSwissKnife Name="Props">
+      <pVariable Name="A.Min">A</pVariable><pVariable Name="A.Max">A</pVariable><pVariable Name="A.Inc">A</pVariable>
+      <pVariable Name="A.Value">A</pVariable><pVariable Name="A.AccessMode">A</pVariable>
+      <Formula>A.Min*1000000 + A.Max*10000 + A.Inc*1000 + A.Value*10 + A.AccessMode</Formula></IntSwissKnife>
+    <IntSwissKnife Name="Entry">
+      <pVariable Name="M">Mode</pVariable><pVariable Name="M.Entry.On">Mode</pVariable>
+      <Formula>M = M.Entry.On</Formula></IntSwissKnife>
+    <IntSwissKnife Name="BadEntry"><pVariable Name="X.Entry.On">B</pVariable><Formula>X.Entry.On</Formula></IntSwissKnife>
+    <SwissKnife Name="Const"><pVariable Name="F">F</pVariable><Constant Name="HALF">0.5</Constant>
+      <Expression Name="TWICE">F*2</Expression><Formula>TWICE*HALF</Formula></SwissKnife>)");
+  EXPECT_EQ(CIntegerPtr(f.Node("Props"))->GetValue(), -4 * 1000000 + 40 * 10000 + 3 * 1000 + 150 + RW);
+  EXPECT_EQ(CIntegerPtr(f.Node("Entry"))->GetValue(), 1);
+  CEnumerationPtr(f.Node("Mode"))->FromString("Off");
+  EXPECT_EQ(CIntegerPtr(f.Node("Entry"))->GetValue(), 0);
+  EXPECT_THROW(CIntegerPtr(f.Node("BadEntry"))->GetValue(), RuntimeException);
+  EXPECT_DOUBLE_EQ(CFloatPtr(f.Node("Const"))->GetValue(), 25.2);
+}
+
+TEST(SwissKnife, ErrorsSurfaceAtUseAndNameTheNode) {
+  Fixture f(std::string(kVars) + Knife("IntSwissKnife", "Syntax", "A +* B") +
+            Knife("IntSwissKnife", "Zero", "A/(B-6)") + Knife("SwissKnife", "Case", "a+1"));
+  for (const char* n : {"Syntax", "Zero", "Case"}) {
+    try {
+      CValuePtr(f.Node(n))->ToString();
+      ADD_FAILURE() << n << " evaluated";
+    } catch (const LogicalErrorException& e) {
+      EXPECT_NE(std::string(e.GetDescription()).find(std::string("'") + n + "'"), std::string::npos) << e.what();
+    }
+  }
+}
+
+const char* kConverter = R"(
+  <IntReg Name="Raw"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+  <Integer Name="RawRange"><pValue>Raw</pValue><Min>1</Min><Max>5</Max></Integer>
+  <Integer Name="Offset"><Value>100</Value></Integer>
+  <Converter Name="Us"><pVariable Name="OFF">Offset</pVariable>
+    <FormulaTo>(FROM-OFF)*2</FormulaTo><FormulaFrom>TO/2+OFF</FormulaFrom><pValue>RawRange</pValue>
+    <Unit>us</Unit><Slope>Increasing</Slope></Converter>
+  <Converter Name="Rev"><FormulaTo>10-FROM</FormulaTo><FormulaFrom>10-TO</FormulaFrom><pValue>RawRange</pValue></Converter>
+  <Converter Name="Half"><FormulaTo>FROM/2</FormulaTo><FormulaFrom>TO*2</FormulaFrom><pValue>Raw</pValue></Converter>
+  <IntConverter Name="IHalf"><FormulaTo>FROM/2</FormulaTo><FormulaFrom>TO*2</FormulaFrom><pValue>Raw</pValue></IntConverter>
+  <Converter Name="Lower"><FormulaTo>from</FormulaTo><FormulaFrom>TO</FormulaFrom><pValue>Raw</pValue></Converter>)";
+
+TEST(Converter, ReadsAndWritesThroughBothFormulas) {
+  Fixture f(kConverter);
+  CFloatPtr us(f.Node("Us"));
+  us->SetValue(102);
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{4, 0, 0, 0}));
+  EXPECT_DOUBLE_EQ(us->GetValue(), 102);
+  EXPECT_DOUBLE_EQ(us->GetMin(), 100.5);
+  EXPECT_DOUBLE_EQ(us->GetMax(), 102.5);
+  EXPECT_THROW(us->SetValue(200), OutOfRangeException);
+  EXPECT_EQ(std::string(us->GetUnit()), "us");
+}
+
+TEST(Converter, DecreasingSlopeSwapsTheRange) {
+  Fixture f(kConverter);
+  CFloatPtr rev(f.Node("Rev"));
+  EXPECT_DOUBLE_EQ(rev->GetMin(), 5);
+  EXPECT_DOUBLE_EQ(rev->GetMax(), 9);
+  rev->SetValue(7);
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{3, 0, 0, 0}));
+}
+
+TEST(Converter, IntegerConverterAndCaseOfToFrom) {
+  Fixture f(kConverter);
+  CFloatPtr half(f.Node("Half"));
+  half->SetValue(7);  // 3.5 goes into the integer register rounded
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{4, 0, 0, 0}));
+  EXPECT_DOUBLE_EQ(half->GetValue(), 8);
+  CIntegerPtr ihalf(f.Node("IHalf"));
+  ihalf->SetValue(7);  // integer division truncates
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{3, 0, 0, 0}));
+  EXPECT_EQ(ihalf->GetValue(), 6);
+  EXPECT_EQ(ihalf->GetMax(), 2 * int64_t(0xFFFFFFFF));
+  EXPECT_THROW(CFloatPtr(f.Node("Lower"))->SetValue(1), LogicalErrorException);
+}
+
+}  // namespace

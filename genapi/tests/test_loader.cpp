@@ -1,0 +1,209 @@
+// Loading: real descriptions of several makers, malformed input, injection.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "fake_port.h"
+
+using namespace KivGenApi;
+using kivtest::Describe;
+using kivtest::FakePort;
+
+namespace {
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Reads every node through its interface; errors are fine, crashes and
+// foreign exception types are not.
+size_t TouchEveryNode(CNodeMapRef& map) {
+  NodeList_t nodes;
+  map._GetNodes(nodes);
+  size_t readable = 0;
+  for (INode* n : nodes) {
+    try {
+      if (!IsReadable(n)) continue;
+      CValuePtr v(n);
+      if (v.IsValid()) {
+        (void)v->ToString();
+        ++readable;
+      }
+    } catch (const GenericException&) {
+    }
+  }
+  return readable;
+}
+
+class RealDescriptions : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(RealDescriptions, LoadAndEvaluateEveryNode) {
+  std::string path = std::string(KIVGENAPI_TESTDATA) + "/" + GetParam();
+  std::ifstream probe(path);
+  if (!probe) GTEST_SKIP() << "testdata folder missing: " << path;
+  CNodeMapRef map;
+  ASSERT_NO_THROW(map._LoadXMLFromFile(path));
+  FakePort port;
+  // A zero-filled device: every register reads as 0.
+  EXPECT_TRUE(map._Connect(&port, "Device") || map._GetNode("Device") == nullptr);
+  NodeList_t nodes;
+  map._GetNodes(nodes);
+  EXPECT_GT(nodes.size(), 10u);
+  EXPECT_GT(TouchEveryNode(map), 0u);
+  // Dependencies between cached nodes survive a global invalidation.
+  map._InvalidateNodes();
+  EXPECT_GT(TouchEveryNode(map), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Makers, RealDescriptions,
+                         ::testing::Values("aravis-fake-camera.xml", "aravis-testsuite.xml", "pgr-flea3-ge-28s4c.xml",
+                                           "flir-blackflys-u3-161s7m.xml", "mikrotron-cxp-mc206x.xml"));
+
+TEST(Loader, RejectsMalformedDocuments) {
+  const char* bad[] = {
+      "",
+      "<RegisterDescription>",
+      "<Other/>",
+      "<RegisterDescription><Integer><Value>1</Value></Integer></RegisterDescription>",  // no Name
+      "<RegisterDescription><Integer Name=\"A\"><Value>x</Value></Integer></RegisterDescription>",
+      "<RegisterDescription><Integer Name=\"A\"/><Integer Name=\"A\"/></RegisterDescription>",
+      "<RegisterDescription><Boolean Name=\"B\"><Value>0</Value><OnValue>3</OnValue><OffValue>3</OffValue>"
+      "</Boolean></RegisterDescription>",
+      "<RegisterDescription><IntReg Name=\"R\"><Address>0</Address><Length>9</Length><pPort>D</pPort></IntReg>"
+      "</RegisterDescription>",
+      "<RegisterDescription><MaskedIntReg Name=\"R\"><Address>0</Address><Length>2</Length><pPort>D</pPort>"
+      "<Bit>16</Bit></MaskedIntReg></RegisterDescription>",
+  };
+  for (const char* xml : bad) {
+    CNodeMapRef map;
+    EXPECT_THROW(map._LoadXMLFromString(xml), RuntimeException) << xml;
+    EXPECT_EQ(map._Ptr, nullptr);
+  }
+}
+
+TEST(Loader, SecondLoadAndUnloadedReferenceAreErrors) {
+  CNodeMapRef map;
+  EXPECT_THROW(map._GetNode("X"), AccessException);
+  map._LoadXMLFromString(Describe("<Integer Name=\"A\"><Value>1</Value></Integer>"));
+  EXPECT_THROW(map._LoadXMLFromString(Describe("")), RuntimeException);
+  EXPECT_EQ(map._GetNode("Missing"), nullptr);
+  FakePort port;
+  EXPECT_FALSE(map._Connect(&port, "NoSuchPort"));
+  EXPECT_FALSE(map._Connect(&port, "A"));  // not a port
+  EXPECT_TRUE(map._Connect(&port));
+}
+
+TEST(Loader, GroupsStructsAndExtensionsAreFlattened) {
+  kivtest::Fixture f(R"(
+    <Group Comment="outer"><Group Comment="inner">
+      <Integer Name="Deep"><Value>5</Value><Extension><Integer Name="Hidden"/></Extension></Integer>
+    </Group></Group>
+    <StructReg Comment="s">
+      <Address>0x10</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <Endianess>BigEndian</Endianess>
+      <StructEntry Name="Hi"><LSB>15</LSB><MSB>0</MSB></StructEntry>
+      <StructEntry Name="Lo"><LSB>31</LSB><MSB>16</MSB><AccessMode>RO</AccessMode></StructEntry>
+    </StructReg>)");
+  EXPECT_EQ(CIntegerPtr(f.Node("Deep"))->GetValue(), 5);
+  EXPECT_EQ(f.Node("Hidden"), nullptr);
+  f.port.PokeU32BE(0x10, 0x12345678);
+  EXPECT_EQ(CIntegerPtr(f.Node("Hi"))->GetValue(), 0x1234);
+  EXPECT_EQ(CIntegerPtr(f.Node("Lo"))->GetValue(), 0x5678);
+  EXPECT_EQ(f.Node("Hi")->GetAccessMode(), RW);
+  EXPECT_EQ(f.Node("Lo")->GetAccessMode(), RO);  // the entry's own element wins
+}
+
+TEST(Loader, DanglingReferencesLoadAndFailOnUse) {
+  kivtest::Fixture f(R"(
+    <Integer Name="A"><pValue>Nowhere</pValue></Integer>
+    <IntSwissKnife Name="K"><pVariable Name="X">Gone</pVariable><Formula>X+1</Formula></IntSwissKnife>
+    <Category Name="Root"><pFeature>A</pFeature><pFeature>Missing</pFeature></Category>)");
+  EXPECT_EQ(f.Node("A")->GetAccessMode(), NA);
+  EXPECT_THROW(CIntegerPtr(f.Node("A"))->GetValue(), AccessException);
+  EXPECT_EQ(f.Node("K")->GetAccessMode(), NA);
+  FeatureList_t features;
+  CCategoryPtr(f.Node("Root"))->GetFeatures(features);
+  EXPECT_EQ(features.size(), 1u);
+}
+
+TEST(Loader, ReferenceCyclesEndInAnException) {
+  kivtest::Fixture f(R"(
+    <Integer Name="A"><pValue>B</pValue></Integer>
+    <Integer Name="B"><pValue>A</pValue></Integer>
+    <IntSwissKnife Name="K"><pVariable Name="X">K</pVariable><Formula>X+1</Formula></IntSwissKnife>
+    <Integer Name="C"><Value>1</Value><pIsAvailable>D</pIsAvailable></Integer>
+    <Integer Name="D"><Value>1</Value><pIsAvailable>C</pIsAvailable></Integer>)");
+  for (const char* n : {"A", "K", "C"}) {
+    CIntegerPtr p(f.Node(n));
+    try {
+      p->GetValue();
+    } catch (const GenericException&) {
+      continue;
+    }
+    ADD_FAILURE() << n << " evaluated through a cycle";
+  }
+}
+
+TEST(Loader, ZipDataAndFiles) {
+  CNodeMapRef map;
+  const char junk[] = "PK\3\4 this is not really an archive";
+  EXPECT_THROW(map._LoadXMLFromZIPData(junk, sizeof junk), RuntimeException);
+  EXPECT_THROW(map._LoadXMLFromFile("/nonexistent/file.xml"), RuntimeException);
+  EXPECT_EQ(map._Ptr, nullptr);
+}
+
+// --- injection
+
+TEST(Inject, AddsNodesAndExtendsCategories) {
+  std::string a = Describe(R"(
+    <Category Name="Root"><pFeature>Width</pFeature></Category>
+    <Integer Name="Width"><Value>640</Value></Integer>)");
+  std::string b = Describe(R"(
+    <Category Name="Root"><pFeature>Width</pFeature><pFeature>Extra</pFeature></Category>
+    <Integer Name="Extra"><Value>7</Value></Integer>)", false);
+  CNodeMapRef map;
+  map._LoadXMLFromStringInject(a, b);
+  FeatureList_t features;
+  CCategoryPtr(map._GetNode("Root"))->GetFeatures(features);
+  ASSERT_EQ(features.size(), 2u);  // Width not repeated
+  EXPECT_EQ(CIntegerPtr(map._GetNode("Extra"))->GetValue(), 7);
+  EXPECT_TRUE(map._GetNode("Extra")->IsFeature());
+}
+
+TEST(Inject, MergePriorityDecidesWhoWins) {
+  std::string a = Describe("<Integer Name=\"W\"><Value>1</Value></Integer>");
+  auto inject = [&](const char* prio) {
+    std::string attr = prio ? std::string(" MergePriority=\"") + prio + "\"" : "";
+    return Describe("<Integer Name=\"W\"" + attr + "><Value>2</Value></Integer>", false);
+  };
+  {
+    CNodeMapRef map;
+    map._LoadXMLFromStringInject(a, inject("1"));
+    EXPECT_EQ(CIntegerPtr(map._GetNode("W"))->GetValue(), 2);
+  }
+  {
+    CNodeMapRef map;
+    map._LoadXMLFromStringInject(a, inject("-1"));
+    EXPECT_EQ(CIntegerPtr(map._GetNode("W"))->GetValue(), 1);
+  }
+  for (const char* p : {"0", static_cast<const char*>(nullptr)}) {
+    CNodeMapRef map;
+    EXPECT_THROW(map._LoadXMLFromStringInject(a, inject(p)), RuntimeException);
+  }
+}
+
+TEST(Inject, ReplacedEnumerationBringsItsEntries) {
+  std::string a = Describe(R"(<Enumeration Name="E"><EnumEntry Name="A"><Value>0</Value></EnumEntry>
+      <Value>0</Value></Enumeration>)");
+  std::string b = Describe(R"(<Enumeration Name="E" MergePriority="1"><EnumEntry Name="A"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="B"><Value>1</Value></EnumEntry><Value>1</Value></Enumeration>)", false);
+  CNodeMapRef map;
+  map._LoadXMLFromStringInject(a, b);
+  EXPECT_EQ(CEnumerationPtr(map._GetNode("E"))->ToString(), "B");
+}
+
+}  // namespace

@@ -1,0 +1,58 @@
+// Helpers shared by the entry-point files.
+#pragma once
+#include <cstring>
+#include <string>
+
+#include "model.h"
+
+namespace kivsim {
+
+// Starts every entry point but GCInitLib: takes the producer lock, checks
+// initialisation and applies an injected failure.
+#define KIVSIM_ENTRY(name)                                                      \
+  std::unique_lock<std::mutex> lock(::kivsim::g_mu);                            \
+  if (!::kivsim::g_prod)                                                        \
+    return ::kivsim::SetError(GC_ERR_NOT_INITIALIZED, "Library not initialised"); \
+  if (GC_ERROR injected_ = ::kivsim::Injected(name)) return injected_
+
+GC_ERROR Injected(const char* name);
+
+inline bool BadPtr(const void* p) { return !p || p == reinterpret_cast<const void*>(~uintptr_t(0)); }
+
+template <class T>
+T* Lookup(void* h, ObjType t) {
+  Obj* o = static_cast<Obj*>(h);
+  if (BadPtr(h) || !g_prod->live.count(o) || o->type != t) return nullptr;
+  return static_cast<T*>(o);
+}
+
+GC_ERROR PutInfo(INFO_DATATYPE type, const void* data, size_t n, INFO_DATATYPE* piType, void* pBuffer,
+                 size_t* piSize);
+inline GC_ERROR PutString(const std::string& s, INFO_DATATYPE* t, void* b, size_t* n) {
+  return PutInfo(INFO_DATATYPE_STRING, s.c_str(), s.size() + 1, t, b, n);
+}
+template <class T>
+GC_ERROR PutValue(INFO_DATATYPE type, T v, INFO_DATATYPE* t, void* b, size_t* n) {
+  return PutInfo(type, &v, sizeof v, t, b, n);
+}
+
+const char* TLTypeName();
+// Device information commands, shared by IFGetDeviceInfo and DevGetInfo.
+GC_ERROR DeviceInfo(uint32_t cam, DEVICE_INFO_CMD cmd, INFO_DATATYPE* t, void* b, size_t* n);
+
+// Module teardown, used by the close functions and their cascades (lock held).
+void CloseStream(Stream* s);
+void CloseDevice(Device* d, std::unique_lock<std::mutex>& lock);
+void CloseInterface(Interface* i, std::unique_lock<std::mutex>& lock);
+void DropEvents(EventSource* src);
+// Fires a non-buffer event (interface event 1000).
+void PushEvent(EventSource* src, EVENT_TYPE type, const void* data, size_t n);
+// Wakes waiters of a stream's new-buffer event after a delivery.
+void SignalNewBuffer(Stream* s);
+
+// Device engine thread: produces and delivers the camera's frames in this process.
+void EngineMain(Device* d);
+// Sends `code` to every open interface `index` in this process and to other processes.
+void RaiseInterfaceEvent(uint32_t index, uint32_t code);
+
+}  // namespace kivsim

@@ -1,0 +1,133 @@
+#include "shared.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace kivsim {
+
+namespace {
+constexpr uint32_t kMagic = 0x4B53494D;  // "KSIM"
+
+void InitSync(SharedState& s) {
+  pthread_mutexattr_t ma;
+  pthread_mutexattr_init(&ma);
+  pthread_mutexattr_setpshared(&ma, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&ma, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&s.mutex, &ma);
+  pthread_mutexattr_destroy(&ma);
+  pthread_condattr_t ca;
+  pthread_condattr_init(&ca);
+  pthread_condattr_setpshared(&ca, PTHREAD_PROCESS_SHARED);
+  pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
+  pthread_cond_init(&s.cond, &ca);
+  pthread_condattr_destroy(&ca);
+}
+}  // namespace
+
+uint64_t MonotonicNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return uint64_t(ts.tv_sec) * 1000000000ULL + uint64_t(ts.tv_nsec);
+}
+
+bool ProcessAlive(int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+bool SharedMap::Open(const std::string& name, void (*init)(SharedState&, void*), void* ctx, std::string* err) {
+  name_ = name;
+  const size_t size = sizeof(SharedState);
+  bool created = false;
+  int fd = -1;
+  for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+    fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd >= 0) {
+      created = true;
+      if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        close(fd);
+        shm_unlink(name.c_str());
+        *err = "cannot size the shared state";
+        return false;
+      }
+      break;
+    }
+    if (errno != EEXIST) break;
+    fd = shm_open(name.c_str(), O_RDWR, 0600);
+    if (fd >= 0) {
+      struct stat stt;
+      // The creator may not have sized it yet; try again shortly.
+      if (fstat(fd, &stt) != 0 || static_cast<size_t>(stt.st_size) < size) {
+        close(fd);
+        fd = -1;
+        sched_yield();
+      }
+    }
+  }
+  if (fd < 0) {
+    *err = "cannot open the shared state " + name + ": " + std::strerror(errno);
+    return false;
+  }
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  if (p == MAP_FAILED) {
+    *err = "cannot map the shared state";
+    return false;
+  }
+  st_ = static_cast<SharedState*>(p);
+  if (created) {
+    std::memset(st_, 0, size);
+    InitSync(*st_);
+    init(*st_, ctx);
+    st_->magic = kMagic;
+    __atomic_store_n(&st_->ready, 1u, __ATOMIC_RELEASE);
+  } else {
+    // Initialisation by the creating process takes microseconds.
+    while (!__atomic_load_n(&st_->ready, __ATOMIC_ACQUIRE)) sched_yield();
+  }
+  SharedLock lock(st_);
+  st_->users++;
+  return true;
+}
+
+void SharedMap::Close() {
+  if (!st_) return;
+  bool last;
+  {
+    SharedLock lock(st_);
+    last = --st_->users == 0;
+    if (last) shm_unlink(name_.c_str());
+  }
+  munmap(st_, sizeof(SharedState));
+  st_ = nullptr;
+}
+
+SharedLock::SharedLock(SharedState* s) : s_(s) {
+  if (pthread_mutex_lock(&s_->mutex) == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
+}
+SharedLock::~SharedLock() { pthread_mutex_unlock(&s_->mutex); }
+
+void SharedLock::Wait(uint64_t deadline_ns) {
+  int rc;
+  if (deadline_ns == 0) {
+    rc = pthread_cond_wait(&s_->cond, &s_->mutex);
+  } else {
+    timespec ts;
+    ts.tv_sec = static_cast<time_t>(deadline_ns / 1000000000ULL);
+    ts.tv_nsec = static_cast<long>(deadline_ns % 1000000000ULL);
+    rc = pthread_cond_timedwait(&s_->cond, &s_->mutex, &ts);
+  }
+  if (rc == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
+}
+
+void SharedLock::Notify() {
+  s_->generation++;
+  pthread_cond_broadcast(&s_->cond);
+}
+
+}  // namespace kivsim

@@ -1,0 +1,85 @@
+// Machine-wide state of the virtual cameras: who holds each camera, its
+// register space, acquisition and frame counters. Every process that loads a
+// producer maps the same object, so a second process sees what the first one
+// configured (watch mode) and is refused a camera another process holds.
+#pragma once
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace kivsim {
+
+constexpr size_t kMaxCameras = 16;
+constexpr size_t kMaxInterfaces = 8;
+constexpr size_t kMaxReaders = 8;
+constexpr uint32_t kRegSpace = 0x10000;  // register bytes mirrored per camera
+
+enum DeliveryMode : uint32_t { kFreeRun = 0, kOnDemand = 1 };
+
+struct SharedCamera {
+  uint32_t plugged;
+  int32_t owner_pid;  // process holding write access, 0 = none
+  int32_t reader_pids[kMaxReaders];
+  uint32_t acquiring;   // "AcquisitionStart" executed and not stopped
+  uint32_t mode;        // DeliveryMode
+  uint64_t credits;     // frames still to deliver on demand / by trigger
+  uint64_t frames;      // frames produced so far
+  uint32_t packet_size_limit;
+  uint32_t stream_test_result;
+  uint32_t reset_requests;
+  uint32_t register_writes;
+  uint32_t command_timeout;
+  uint32_t heartbeat_timeout;
+  uint32_t stream_destination;  // device-module value written by the controller
+  uint32_t reserved;
+  uint8_t regs[kRegSpace];
+};
+
+struct SharedState {
+  uint32_t magic;
+  volatile uint32_t ready;
+  uint32_t users;
+  uint32_t camera_count;
+  pthread_mutex_t mutex;
+  pthread_cond_t cond;
+  uint64_t generation;  // bumped on every change a waiter may care about
+  uint64_t iface_event_seq[kMaxInterfaces];
+  uint32_t iface_event_code[kMaxInterfaces][16];  // ring of the last codes per interface
+  SharedCamera cams[kMaxCameras];
+};
+
+// One mapping per transport, named "/KivSimGigEState" or "/KivSimUSBState"
+// followed by KIVCAM_IPC_NAMESPACE.
+class SharedMap {
+ public:
+  // Maps (creating and initialising when needed) the state; `init` fills a fresh one.
+  bool Open(const std::string& name, void (*init)(SharedState&, void*), void* ctx, std::string* err);
+  void Close();  // unmaps; the last user also removes the name
+  SharedState* get() const { return st_; }
+
+ private:
+  SharedState* st_ = nullptr;
+  std::string name_;
+};
+
+// Lock guard for the shared mutex; recovers the state of a crashed holder.
+class SharedLock {
+ public:
+  explicit SharedLock(SharedState* s);
+  ~SharedLock();
+  SharedLock(const SharedLock&) = delete;
+  SharedLock& operator=(const SharedLock&) = delete;
+  // Waits for a broadcast or until the absolute CLOCK_MONOTONIC deadline (ns); 0 = no limit.
+  void Wait(uint64_t deadline_ns);
+  void Notify();  // generation++ and broadcast
+
+ private:
+  SharedState* s_;
+};
+
+uint64_t MonotonicNs();
+bool ProcessAlive(int32_t pid);
+
+}  // namespace kivsim
