@@ -14,7 +14,7 @@
 #include "camera/camera.h"
 #include "core/failure.h"
 #include "platform/platform.h"
-#include "transport/description.h"
+#include "transport/ids.h"
 #include "transport/gentl.h"
 #include "transport/port.h"
 
@@ -127,38 +127,7 @@ Text UnzipMemory(const char* data, uint64_t size) {
   return ExtractFirst(zip);
 }
 
-uint64_t ParseHex(const std::string& s) { return std::strtoull(s.c_str(), nullptr, 16); }
-
 }  // namespace
-
-DescriptionUrl ParseDescriptionUrl(const std::string& url) {
-  DescriptionUrl u;
-  size_t colon = url.find(':');
-  if (colon == std::string::npos) return u;
-  u.valid = true;
-  u.scheme = url.substr(0, colon + 1);
-  for (char& c : u.scheme) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  size_t semi = url.find(';', colon + 1);
-  u.location = url.substr(colon + 1, semi == std::string::npos ? std::string::npos : semi - colon - 1);
-  if (semi != std::string::npos) {
-    size_t second = url.find(';', semi + 1);
-    u.address = ParseHex(url.substr(semi + 1, second == std::string::npos ? std::string::npos : second - semi - 1));
-    if (second != std::string::npos) {
-      size_t third = url.find(';', second + 1);
-      u.length = ParseHex(url.substr(second + 1, third == std::string::npos ? std::string::npos : third - second - 1));
-    }
-  }
-  std::string upper = u.location;
-  for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  u.zip = upper.find(".ZIP") != std::string::npos;
-  return u;
-}
-
-std::string AdditionalFileName(const std::string& location) {
-  std::string base = location.size() > 4 ? location.substr(0, location.size() - 4) : std::string();
-  base.erase(std::remove(base.begin(), base.end(), '.'), base.end());
-  return base + "_KIVADD.xml";
-}
 
 }  // namespace kivcam::transport
 

@@ -151,31 +151,4 @@ void CGenTL::UpdateInterface() {
   for (CInterface* gone : old) delete gone;
 }
 
-uint64_t ParseUid(const char* device_id) {
-  if (!device_id || !*device_id) return 0;
-  const char* p = std::strstr(device_id, "::");
-  p = p ? p + 2 : device_id + 1;
-  uint64_t uid = 0;
-  while (*p >= '0' && *p <= '9') uid = uid * 10 + static_cast<uint64_t>(*p++ - '0');
-  return uid;
-}
-
-uint32_t LinkCode(int32_t kind, uint32_t raw) {
-  switch (kind) {
-    case kKindIIDC: return raw;
-    case kKindGigE: return raw == 100 ? 0 : 6;
-    case kKindUSB: return raw == 0x200 ? 7 : 8;
-    default: return 0;
-  }
-}
-
-bool CameraKindOf(int32_t kind, uint32_t* out) {
-  switch (kind) {
-    case kKindIIDC: *out = 0; return true;
-    case kKindGigE: *out = 1; return true;
-    case kKindUSB: *out = 2; return true;
-    default: return false;
-  }
-}
-
 }  // namespace kivcam::transport

@@ -10,15 +10,11 @@
 
 #include "kivgentl/gentl.h"
 #include "platform/platform.h"
+#include "transport/ids.h"
 
 namespace kivcam::transport {
 
 class CInterface;
-
-// Transport kinds of the producer table.
-constexpr int32_t kKindIIDC = 1;
-constexpr int32_t kKindGigE = 2;
-constexpr int32_t kKindUSB = 3;
 
 // The entry points in the order they are held and resolved.
 #define KIVCAM_GENTL_ENTRIES(X)                                                                    \
@@ -79,13 +75,5 @@ class CGenTL {
   TL_HANDLE system_ = nullptr;
   std::vector<CInterface*> interfaces_;
 };
-
-// Device UID: the decimal number after the first "::" (or from the second
-// character when there is none).
-uint64_t ParseUid(const char* device_id);
-// Link code of a raw information-1001 value by producer kind.
-uint32_t LinkCode(int32_t kind, uint32_t raw);
-// CameraKind of the records (0 IIDC, 1 GigE, 2 USB); false for other kinds.
-bool CameraKindOf(int32_t kind, uint32_t* out);
 
 }  // namespace kivcam::transport
