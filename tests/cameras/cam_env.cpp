@@ -6,6 +6,7 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -159,14 +160,25 @@ std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
   return "";
 }
 
-bool LogDrain::WaitFor(const std::string& a, const std::string& b) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    raise();
+    if (WaitFor(a, b, 2000)) return true;
+  }
+  return false;
+}
+
+bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
   for (;;) {
     if (Saw(a, b)) return true;
     std::unique_lock<std::mutex> g(mutex_);
     if (lines_.empty() && g_log_cv.wait_until(g, deadline) == std::cv_status::timeout) {
       g.unlock();
-      return Saw(a, b);
+      if (Saw(a, b)) return true;
+      // What did come, for the failure report.
+      for (const auto& l : seen_) std::fprintf(stderr, "  log: %s", l.c_str());
+      return false;
     }
   }
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -97,7 +98,12 @@ class LogDrain {
   // The first line seen holding both texts, or empty.
   std::string LineWith(const std::string& a, const std::string& b = "");
   // Waits until a line holding both texts arrives, at most the bound.
-  bool WaitFor(const std::string& a, const std::string& b = "");
+  bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
+  // The virtual producers watch for raised events on a thread of their own
+  // that may not have taken its first look yet right after they opened; an
+  // event raised before that look is never delivered. So: raise, wait for
+  // the line, and raise again a bounded number of times.
+  bool RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b = "");
 
  private:
   void Pull();

@@ -87,6 +87,19 @@ TEST_F(Discovery, MissingProducerIsLoggedAndTheOtherStillLoads) {
   EXPECT_EQ(list[2].UID, kUsb1);
 }
 
+TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {
+  World("[camera]\nbogus = 1\n");
+  Load();
+  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "KIVSIM_CONFIG: line 2: unknown key bogus"));
+  EXPECT_TRUE(lib_->List().empty());
+  // Re-detection tries every missing producer again.
+  World("[camera]\ntransport = usb\n");
+  lib_->KIVCAM_ReDetection();
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
+}
+
 TEST_F(Discovery, NoProducerGivesAnEmptyList) {
   std::string dir = Temp() + "/lib";
   CopyLibrary(dir, {});

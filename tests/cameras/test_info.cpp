@@ -138,10 +138,10 @@ TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   ASSERT_TRUE(GigE().loaded());
   int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE2)).c_str());
   ASSERT_GE(index, 0);
-  ASSERT_EQ(GigE().plug(index, 0), 0);
   // The interface's threads see the producer's event; the bus-reset thread
   // refreshes its cameras, then tells the library from its own thread.
-  ASSERT_TRUE(log_->WaitFor("CInterface::BusEventGet_Thread", "BusReset Event"));
+  ASSERT_TRUE(log_->RaiseUntil([&] { GigE().plug(index, 0); }, "CInterface::BusEventGet_Thread",
+                               "BusReset Event"));
   ASSERT_TRUE(log_->WaitFor("CInterface::BusReset_Thread", "BusReset "));
   std::string line = log_->LineWith("CInterface::BusReset_Thread", "BusReset ");
   std::string thread = line.substr(line.find("ThreadID="));
