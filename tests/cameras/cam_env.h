@@ -116,6 +116,9 @@ class LogDrain {
   std::thread thread_;
 };
 
+// The UID of a packed record, read by value (it sits at 4 modulo 8).
+inline uint64_t Uid(const CameraListEntry& e) { return e.UID; }
+
 // Virtual GigE camera UIDs of the default world (interface 1 holds both;
 // interface 0 is an adapter with no camera) and the USB one.
 constexpr uint64_t kGigE1 = 0x00A0B7000001ULL;

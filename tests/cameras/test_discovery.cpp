@@ -18,9 +18,9 @@ TEST_F(Discovery, ListsEveryCameraInProducerAndInterfaceOrder) {
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 3u);
   // The first GigE adapter has no camera; the second one's are listed.
-  EXPECT_EQ(list[0].UID, kGigE1);
-  EXPECT_EQ(list[1].UID, kGigE2);
-  EXPECT_EQ(list[2].UID, kUsb1);
+  EXPECT_EQ(Uid(list[0]), kGigE1);
+  EXPECT_EQ(Uid(list[1]), kGigE2);
+  EXPECT_EQ(Uid(list[2]), kUsb1);
   EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_GIGE);
   EXPECT_EQ(list[2].CameraKind, KIVCAM_CAMERAKIND_USB);
   EXPECT_EQ(list[0].LinkCode, 6u);  // a 1000 link is not the 100 one
@@ -59,7 +59,7 @@ TEST_F(Discovery, ConfiguredLinksLongNamesAndUids) {
   Load();
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 2u);
-  EXPECT_EQ(list[0].UID, 1250999896372ull);
+  EXPECT_EQ(Uid(list[0]), 1250999896372ull);
   EXPECT_EQ(list[0].LinkCode, 0u);
   EXPECT_EQ(list[1].LinkCode, 7u);
   // Cut to 255 characters and terminated; 255 fit exactly.
@@ -84,7 +84,7 @@ TEST_F(Discovery, MissingProducerIsLoggedAndTheOtherStillLoads) {
   lib_->KIVCAM_ReDetection();
   list = lib_->List();
   ASSERT_EQ(list.size(), 3u);
-  EXPECT_EQ(list[2].UID, kUsb1);
+  EXPECT_EQ(Uid(list[2]), kUsb1);
 }
 
 TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {

@@ -382,7 +382,7 @@ TEST_F(Open, CloseAllClosesCamerasButNotPorts) {
   EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
   CameraListEntry e{};
   EXPECT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
-  EXPECT_EQ(e.UID, kGigE2);  // the first device free at the time
+  EXPECT_EQ(Uid(e), kGigE2);  // the first device free at the time
   ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &a), KIVCAM_TRUE);
   lib_->KIVCAM_CloseAll();  // and once more with nothing but a camera
   EXPECT_EQ(lib_->KIVCAM_CloseReg(port), KIVCAM_TRUE);

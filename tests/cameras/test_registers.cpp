@@ -67,7 +67,7 @@ TEST_F(Registers, PortObjectsHoldTheirDevice) {
   CameraListEntry e;
   std::memset(&e, 0xA5, sizeof e);
   ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port[0], &e), KIVCAM_TRUE);
-  EXPECT_EQ(e.UID, kGigE1);
+  EXPECT_EQ(Uid(e), kGigE1);
   EXPECT_EQ(e.CameraKind, KIVCAM_CAMERAKIND_GIGE);
   EXPECT_EQ(e.LinkCode, 6u);
   EXPECT_STREQ(e.Vendor, "KivCam");
@@ -113,7 +113,7 @@ TEST_F(Registers, PortInformationOfA100Link) {
   EXPECT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_FALSE);
   EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_OTHER);
   EXPECT_TRUE(log_->Saw("CCameraPort::CameraInfo", "Injected info"));
-  EXPECT_EQ(e.UID, 0u);
+  EXPECT_EQ(Uid(e), 0u);
 }
 
 TEST_F(Registers, PortObjectWhoseRemotePortFails) {
@@ -126,7 +126,7 @@ TEST_F(Registers, PortObjectWhoseRemotePortFails) {
   EXPECT_TRUE(log_->Saw("CInterface::OpenCameraPort", "Injected port"));
   CameraListEntry e{};
   ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
-  EXPECT_EQ(e.UID, kUsb1);
+  EXPECT_EQ(Uid(e), kUsb1);
   HCAMERA cam = nullptr;
   ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
 }
