@@ -18,7 +18,6 @@ using kivcam::platform::LockGuard;
 
 namespace {
 
-constexpr uint32_t kErrMode = 6;
 constexpr size_t kKeyBytes = 16;
 
 HCAMERA HandleOf(CCamera* c) {
@@ -87,7 +86,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_Close(HCAMERA camera) {
     c->PreCall();
     LockGuard api(lib.api_lock());
     if (c->watch()) {
-      lib.SetErrorCode(kErrMode);
+      lib.SetErrorCode(KIVCAM_ERR_MODE);
       return false;
     }
     kivcam::camera::DestroyCamera(c);

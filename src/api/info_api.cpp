@@ -14,11 +14,6 @@ using kivcam::platform::LockGuard;
 
 namespace {
 
-constexpr uint32_t kErrNoCamera = 5;
-constexpr uint32_t kErrMode = 6;
-constexpr uint32_t kErrVersion = 16;
-constexpr uint32_t kErrNotGigE = 17;
-constexpr uint32_t kErrNotUSB = 20;
 constexpr uint32_t kTimeoutMin = 500;
 constexpr uint32_t kTimeoutMax = 600000;
 
@@ -38,7 +33,7 @@ KIVCAM_BOOL OnCamera(const char* name, HCAMERA handle, const void* out, uint32_t
     c->PreCall();
     LockGuard g(c->lock());
     if (!c->visible()) {
-      lib.SetErrorCode(kErrNoCamera);
+      lib.SetErrorCode(KIVCAM_ERR_NO_CAMERA);
       return false;
     }
     return work(*k);
@@ -55,12 +50,12 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_CameraInfo(HCAMERA camera, CameraListEntry* info) 
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_CameraInfoGigE(HCAMERA camera, GigECameraInfo* info) {
-  return OnCamera<kivcam::camera::CCameraGigE>("KIVCAM_CameraInfoGigE", camera, info, kErrNotGigE,
+  return OnCamera<kivcam::camera::CCameraGigE>("KIVCAM_CameraInfoGigE", camera, info, KIVCAM_ERR_NOT_GIGE,
                                                [&](kivcam::camera::CCameraGigE& c) { return c.CameraInfo(info); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_CameraInfoUSB(HCAMERA camera, USBCameraInfo* info) {
-  return OnCamera<kivcam::camera::CCameraUSB>("KIVCAM_CameraInfoUSB", camera, info, kErrNotUSB,
+  return OnCamera<kivcam::camera::CCameraUSB>("KIVCAM_CameraInfoUSB", camera, info, KIVCAM_ERR_NOT_USB,
                                               [&](kivcam::camera::CCameraUSB& c) { return c.CameraInfo(info); });
 }
 
@@ -74,7 +69,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_GetNodeMap(HCAMERA camera, void** node_map) {
 KIVCAM_API KIVCAM_BOOL KIVCAM_SetCmdTimeOut(HCAMERA camera, uint32_t milliseconds) {
   return Run(Frame::Camera("KIVCAM_SetCmdTimeOut", camera), [&](CKivCamDLL& lib) {
     if (kivcam::core::StructVersion() < KIVCAM_STRUCT_VERSION_CMDTIMEOUT) {
-      lib.SetErrorCode(kErrVersion);
+      lib.SetErrorCode(KIVCAM_ERR_VERSION);
       return false;
     }
     CCamera* c = kivcam::core::FindLive<CCamera>(camera);
@@ -85,7 +80,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_SetCmdTimeOut(HCAMERA camera, uint32_t millisecond
     c->PreCall();
     LockGuard g(c->lock());
     if (c->watch()) {
-      lib.SetErrorCode(kErrMode);
+      lib.SetErrorCode(KIVCAM_ERR_MODE);
       return false;
     }
     return c->SetCmdTimeOut(milliseconds);

@@ -19,13 +19,6 @@ namespace {
 constexpr size_t kIdBytes = 2048;
 constexpr int32_t kInfoPresence = 1000;
 constexpr uint64_t kDevCommandTimeout = 0x104;
-constexpr uint32_t kErrNoCamera = 5;
-constexpr uint32_t kErrMode = 6;
-constexpr uint32_t kErrAllocated = 8;
-constexpr uint32_t kErrNotAllocated = 9;
-constexpr uint32_t kErrRunning = 10;
-constexpr uint32_t kErrNotRunning = 11;
-constexpr uint32_t kErrOther = 99;
 }  // namespace
 
 void CCamera::SetError(uint32_t code) {
@@ -119,14 +112,14 @@ bool CCamera::CheckState(uint32_t mask) {
     uint32_t error;
   };
   const Test tests[] = {
-      {kStateVisible, visible(), kErrNoCamera},
-      {kStateWatch, m_bWatch, kErrMode},
-      {kStateControl, !m_bWatch, kErrMode},
-      {kStateAllocated, m_hImageEvent != nullptr, kErrNotAllocated},
-      {kStateNotAllocated, m_hImageEvent == nullptr, kErrAllocated},
-      {kStateStarted, m_bStarted, kErrNotRunning},
-      {kStateStopped, !m_bStarted, kErrRunning},
-      {kStateMulticast, m_bMulticast, kErrNotRunning},
+      {kStateVisible, visible(), KIVCAM_ERR_NO_CAMERA},
+      {kStateWatch, m_bWatch, KIVCAM_ERR_MODE},
+      {kStateControl, !m_bWatch, KIVCAM_ERR_MODE},
+      {kStateAllocated, m_hImageEvent != nullptr, KIVCAM_ERR_NOT_ALLOCATED},
+      {kStateNotAllocated, m_hImageEvent == nullptr, KIVCAM_ERR_ALLOCATED},
+      {kStateStarted, m_bStarted, KIVCAM_ERR_NOT_RUNNING},
+      {kStateStopped, !m_bStarted, KIVCAM_ERR_RUNNING},
+      {kStateMulticast, m_bMulticast, KIVCAM_ERR_NOT_RUNNING},
   };
   for (const Test& t : tests) {
     if ((mask & t.bit) && !t.ok) {
@@ -143,7 +136,7 @@ void CCamera::SetVisibleFlag() {
   size_t size = 1;
   if (m_pGenTL->fn().DevGetInfo(m_hDevice, kInfoPresence, &type, &present, &size) != GC_ERR_SUCCESS) {
     m_pGenTL->LogLastError("CCamera::SetVisibleFlag");
-    SetError(kErrOther);
+    SetError(KIVCAM_ERR_OTHER);
   }
   m_bVisible.store(present != 0, std::memory_order_relaxed);
 }
@@ -156,7 +149,7 @@ bool CCamera::CheckVisible(bool* visible_out) {
 
 bool CCamera::CameraInfo(CameraListEntry* info) {
   if (transport::FillEntryFromDevice(m_pGenTL, m_hDevice, "CCamera::CameraInfo", info)) return true;
-  SetError(kErrOther);
+  SetError(KIVCAM_ERR_OTHER);
   return false;
 }
 
@@ -166,7 +159,7 @@ bool CCamera::SetCmdTimeOut(uint32_t milliseconds) {
   // The device module's own register, not the camera's.
   if (m_pGenTL->fn().GCWritePort(m_hDevice, kDevCommandTimeout, &value, &size) != GC_ERR_SUCCESS) {
     m_pGenTL->LogLastError("CCamera::SetCmdTimeOut");
-    SetError(kErrOther);
+    SetError(KIVCAM_ERR_OTHER);
     return false;
   }
   return true;

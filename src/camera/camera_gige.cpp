@@ -22,8 +22,6 @@ constexpr uint64_t kRegPrivilege = 0x0A00;
 constexpr int64_t kHeartbeatTargetMs = 10000;
 constexpr int64_t kPacketJumbo = 9000;
 constexpr int64_t kPacketStandard = 1500;
-constexpr uint32_t kErrAccess = 7;
-constexpr uint32_t kErrOther = 99;
 
 uint32_t ByteSwap(uint32_t v) { return __builtin_bswap32(v); }
 
@@ -125,7 +123,7 @@ bool CCameraGigE::TestStream() {
   size = sizeof result;
   if (fn.GCReadPort(m_hDevice, kDevStreamTestResult, &result, &size) != GC_ERR_SUCCESS) {
     // No answer is no pass.
-    SetError(kErrOther);
+    SetError(KIVCAM_ERR_OTHER);
     return false;
   }
   if (result == 0) return true;
@@ -151,7 +149,7 @@ bool CCameraGigE::ReadRegister(uint32_t address, uint32_t* value) {
   uint32_t raw = 0;
   size_t size = sizeof raw;
   if (m_pGenTL->fn().GCReadPort(m_hPort, address, &raw, &size) < 0) {
-    SetError(kErrAccess);
+    SetError(KIVCAM_ERR_ACCESS);
     return false;
   }
   *value = ByteSwap(raw);
@@ -162,7 +160,7 @@ bool CCameraGigE::WriteRegister(uint32_t address, uint32_t value) {
   uint32_t raw = ByteSwap(value);
   size_t size = sizeof raw;
   if (m_pGenTL->fn().GCWritePort(m_hPort, address, &raw, &size) < 0) {
-    SetError(kErrAccess);
+    SetError(KIVCAM_ERR_ACCESS);
     return false;
   }
   return true;
@@ -187,7 +185,7 @@ bool CCameraGigE::CameraInfo(GigECameraInfo* info) {
        r.Text(1008, info->SerialNumber, sizeof info->SerialNumber) &&
        r.Text(1009, info->UserDefinedName, sizeof info->UserDefinedName);
   ok = ok && r.Query(1002, 4) && ((info->Info1002 = r.Word()), true);
-  if (!ok) SetError(kErrOther);
+  if (!ok) SetError(KIVCAM_ERR_OTHER);
   return ok;
 }
 

@@ -7,10 +7,6 @@
 
 namespace kivcam::camera {
 
-namespace {
-constexpr uint32_t kErrOther = 99;
-}
-
 CCameraUSB::CCameraUSB(transport::CGenTL* producer, transport::CInterface* owner,
                        const std::string& device_id, DEV_HANDLE device, uint32_t description_index)
     : CCamera(producer, owner, device_id, device, description_index, false) {}
@@ -39,7 +35,7 @@ bool CCameraUSB::CameraInfo(USBCameraInfo* info) {
        r.Text(1009, info->UserDefinedName, sizeof info->UserDefinedName);
   ok = ok && r.Query(1002, 4) && ((info->Info1002 = r.Word()), true);
   ok = ok && r.Query(1011, 8) && ((info->Info1011 = r.Quad()), true);
-  if (!ok) SetError(kErrOther);
+  if (!ok) SetError(KIVCAM_ERR_OTHER);
   return ok;
 }
 

@@ -9,10 +9,6 @@
 
 namespace kivcam::transport {
 
-namespace {
-constexpr uint32_t kErrAccess = 7;
-}  // namespace
-
 CCameraPort::CCameraPort(CGenTL* producer, CInterface* owner, const std::string& device_id,
                          DEV_HANDLE device)
     : producer_(producer), owner_(owner), device_id_(device_id), device_(device) {
@@ -64,7 +60,7 @@ bool PortTransfer(CGenTL* producer, PORT_HANDLE port, bool write, uint32_t addre
   GC_ERROR rc = write ? producer->fn().GCWritePort(port, address, buffer, &n)
                       : producer->fn().GCReadPort(port, address, buffer, &n);
   if (rc < 0) {
-    *error = kErrAccess;
+    *error = KIVCAM_ERR_ACCESS;
     return false;
   }
   *size = static_cast<uint32_t>(n);

@@ -8,7 +8,6 @@
 namespace kivcam::core {
 
 namespace {
-constexpr uint32_t kErrBufferSize = 2;
 
 void CopyName(char* field, size_t field_size, const std::string& name) {
   size_t n = name.size() < field_size - 1 ? name.size() : field_size - 1;
@@ -30,7 +29,7 @@ bool CKivCamDLL::GetList(CameraList* list) {
   if (list->Count == 0) {
     list->Count = total;
   } else if (list->Count < total) {
-    SetErrorCode(kErrBufferSize);
+    SetErrorCode(KIVCAM_ERR_BUFFER_SIZE);
     ok = false;
   } else {
     list->Count = total;

@@ -256,48 +256,49 @@ uint32_t CInterface::OpenDevice(Match how, uint64_t uid, const std::string& key,
   return kOpenNone;
 }
 
-uint32_t CInterface::WrapCamera(camera::CCamera** out, const std::string& id, DEV_HANDLE device,
-                                uint32_t param, bool read_only) {
-  camera::CCamera* c = nullptr;
+// Wraps an opened device in its object and keeps it in `list`. A failing
+// construction is logged under `op`; the device is closed again.
+template <typename T, typename Make>
+uint32_t CInterface::Adopt(const char* op, DEV_HANDLE device, std::vector<T*>* list, T** out, Make&& make) {
+  T* object = nullptr;
   try {
-    c = camera::CreateCamera(producer_, this, id, device, param, read_only);
+    object = make();
   } catch (const core::Failure& f) {
-    diag::LogEvent(false, kOpenName, f.text());
+    diag::LogEvent(false, op, f.text());
   } catch (...) {
-    diag::LogEvent(false, kOpenName, "Other Error");
+    diag::LogEvent(false, op, "Other Error");
   }
-  if (!c) {
+  if (!object) {
     producer_->fn().DevClose(device);
     return kOpenFailed;
   }
-  cameras_.push_back(c);
-  *out = c;
+  list->push_back(object);
+  *out = object;
   return kOpenDone;
 }
 
-uint32_t CInterface::OpenCamera(camera::CCamera** out, uint32_t param, bool read_only) {
+uint32_t CInterface::OpenCamera(camera::CCamera** out, Match how, uint64_t uid, const std::string& key,
+                                uint32_t param, bool read_only) {
   std::string id;
   DEV_HANDLE device;
-  uint32_t rc = OpenDevice(Match::kFirst, 0, std::string(),
-                           read_only ? DEVICE_ACCESS_READONLY : DEVICE_ACCESS_EXCLUSIVE, &id, &device);
-  return rc == kOpenDone ? WrapCamera(out, id, device, param, read_only) : rc;
+  uint32_t rc =
+      OpenDevice(how, uid, key, read_only ? DEVICE_ACCESS_READONLY : DEVICE_ACCESS_EXCLUSIVE, &id, &device);
+  if (rc != kOpenDone) return rc;
+  return Adopt(kOpenName, device, &cameras_, out,
+               [&] { return camera::CreateCamera(producer_, this, id, device, param, read_only); });
+}
+
+uint32_t CInterface::OpenCamera(camera::CCamera** out, uint32_t param, bool read_only) {
+  return OpenCamera(out, Match::kFirst, 0, std::string(), param, read_only);
 }
 
 uint32_t CInterface::OpenCamera(camera::CCamera** out, uint64_t uid, uint32_t param, bool read_only) {
-  std::string id;
-  DEV_HANDLE device;
-  uint32_t rc = OpenDevice(Match::kUid, uid, std::string(),
-                           read_only ? DEVICE_ACCESS_READONLY : DEVICE_ACCESS_EXCLUSIVE, &id, &device);
-  return rc == kOpenDone ? WrapCamera(out, id, device, param, read_only) : rc;
+  return OpenCamera(out, Match::kUid, uid, std::string(), param, read_only);
 }
 
 uint32_t CInterface::OpenCamera(camera::CCamera** out, const std::string& key, uint32_t param,
                                 bool read_only) {
-  std::string id;
-  DEV_HANDLE device;
-  uint32_t rc = OpenDevice(Match::kKey, 0, key,
-                           read_only ? DEVICE_ACCESS_READONLY : DEVICE_ACCESS_EXCLUSIVE, &id, &device);
-  return rc == kOpenDone ? WrapCamera(out, id, device, param, read_only) : rc;
+  return OpenCamera(out, Match::kKey, 0, key, param, read_only);
 }
 
 uint32_t CInterface::OpenCameraPort(CCameraPort** out) {
@@ -305,21 +306,7 @@ uint32_t CInterface::OpenCameraPort(CCameraPort** out) {
   DEV_HANDLE device;
   uint32_t rc = OpenDevice(Match::kFirst, 0, std::string(), DEVICE_ACCESS_EXCLUSIVE, &id, &device);
   if (rc != kOpenDone) return rc;
-  CCameraPort* p = nullptr;
-  try {
-    p = new CCameraPort(producer_, this, id, device);
-  } catch (const core::Failure& f) {
-    diag::LogEvent(false, kOpenPortName, f.text());
-  } catch (...) {
-    diag::LogEvent(false, kOpenPortName, "Other Error");
-  }
-  if (!p) {
-    producer_->fn().DevClose(device);
-    return kOpenFailed;
-  }
-  ports_.push_back(p);
-  *out = p;
-  return kOpenDone;
+  return Adopt(kOpenPortName, device, &ports_, out, [&] { return new CCameraPort(producer_, this, id, device); });
 }
 
 void CInterface::RemoveCamera(const camera::CCamera* c) {

@@ -72,8 +72,10 @@ class CInterface {
   enum class Match { kFirst, kUid, kKey };
   uint32_t OpenDevice(Match how, uint64_t uid, const std::string& key, DEVICE_ACCESS_FLAGS access,
                       std::string* id, DEV_HANDLE* device);
-  uint32_t WrapCamera(camera::CCamera** out, const std::string& id, DEV_HANDLE device,
+  uint32_t OpenCamera(camera::CCamera** out, Match how, uint64_t uid, const std::string& key,
                       uint32_t param, bool read_only);
+  template <typename T, typename Make>
+  uint32_t Adopt(const char* op, DEV_HANDLE device, std::vector<T*>* list, T** out, Make&& make);
   bool ReadDeviceId(uint32_t index, std::string* id);
   static void BusReset_Thread(void* self);
   static void BusEventGet_Thread(void* self);
