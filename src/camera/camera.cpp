@@ -183,6 +183,12 @@ CCamera* CreateCamera(CGenTL* producer, CInterface* owner, const std::string& de
 
 void DestroyCamera(CCamera* camera) {
   core::registry::Remove(camera);
+  // Out of the interface's array first, so that a bus reset being processed
+  // never reaches a camera that is being taken apart.
+  {
+    platform::LockGuard g(camera->owner()->lock());
+    camera->owner()->RemoveCamera(camera);
+  }
   delete camera;
 }
 

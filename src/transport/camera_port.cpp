@@ -22,6 +22,10 @@ CCameraPort::~CCameraPort() {
 
 void DestroyPort(CCameraPort* port) {
   core::registry::Remove(port);
+  {
+    platform::LockGuard g(port->owner()->lock());
+    port->owner()->RemovePort(port);
+  }
   delete port;
 }
 

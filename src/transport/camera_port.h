@@ -30,6 +30,7 @@ class CCameraPort : public CBasePort {
 
   platform::RecursiveLock& lock() { return lock_; }
   CGenTL* producer() const { return producer_; }
+  CInterface* owner() const { return owner_; }
   PORT_HANDLE port() const { return port_; }
   bool CameraInfo(CameraListEntry* info);
 
