@@ -32,6 +32,7 @@ CKivCamDLL::CKivCamDLL() {
 CKivCamDLL::~CKivCamDLL() {
   // Producers come first: they own the interfaces, which own the cameras.
   interface_locks_.clear();
+  first_producer_ = nullptr;
   while (!producers_.empty()) {
     transport::CGenTL* p = producers_.front();
     producers_.erase(producers_.begin());
@@ -85,6 +86,7 @@ void CKivCamDLL::CreateDrvList() {
       diag::LogEvent(false, kName, "Other Error");
     }
   }
+  if (!producers_.empty()) first_producer_ = producers_.front();
   for (transport::CGenTL* p : producers_) p->UpdateInterface();
   interface_locks_.clear();
   for (transport::CGenTL* p : producers_) {
@@ -98,8 +100,10 @@ void CKivCamDLL::LockAll() {
 }
 
 void CKivCamDLL::UnlockAll() {
-  platform::LockGuard g(library_lock_);
-  for (platform::RecursiveLock* l : interface_locks_) l->Unlock();
+  // Without the library lock: taking it here, behind the interface locks,
+  // would invert the order LockAll takes them in. The list only changes
+  // under the API lock, which every caller of the pair holds.
+  for (auto it = interface_locks_.rbegin(); it != interface_locks_.rend(); ++it) (*it)->Unlock();
 }
 
 void CKivCamDLL::CloseAllCameras() {
@@ -123,7 +127,7 @@ void CKivCamDLL::UserBusEvent() {
 
 void CKivCamDLL::PowerUpEvent(const transport::CGenTL* producer) {
   // Only the first producer (GigE, when loaded) speaks for power wake-ups.
-  if (producers_.empty() || producers_.front() != producer) return;
+  if (producer == nullptr || first_producer_.load() != producer) return;
   FirstProducerPowerUp();
 }
 

@@ -3,6 +3,7 @@
 // errors and the application's bus-event callback with its thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -90,6 +91,9 @@ class CKivCamDLL {
   platform::RecursiveLock library_lock_;
   platform::RecursiveLock api_lock_;
   std::vector<transport::CGenTL*> producers_;
+  // The list's first producer, for the interfaces' event threads, which must
+  // not read the list while it changes.
+  std::atomic<const transport::CGenTL*> first_producer_{nullptr};
   std::vector<CBase*> conv_handles_;
   std::map<uint32_t, uint32_t> error_map_;
   BusEventCallback callback_ = nullptr;

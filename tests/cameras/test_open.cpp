@@ -147,6 +147,7 @@ TEST_F(Open, KindWithoutProducerIsNotSupported) {
 }
 
 TEST_F(Open, TwoProcessesGetDifferentCameras) {
+  log_.reset();  // children start threads: fork from a single-threaded parent
   // Each child loads its own library, opens the first free camera, reports
   // its UID and keeps it until told to end.
   kivtest::Pipe ready[2], report[2], release[2];
@@ -175,10 +176,10 @@ TEST_F(Open, TwoProcessesGetDifferentCameras) {
   EXPECT_EQ(b.Join(), 0);
   EXPECT_EQ(first, static_cast<char>(kGigE1 & 0xFF));
   EXPECT_EQ(second, static_cast<char>(kGigE2 & 0xFF));
-  // Opening by UID a camera another process holds stops the search with 4.
 }
 
 TEST_F(Open, CameraHeldByAnotherProcessIsAlreadyOpen) {
+  log_.reset();  // the child starts threads: fork from a single-threaded parent
   kivtest::Pipe opened, release;
   kivtest::ChildProcess child([&]() -> int {
     CamLib lib;
