@@ -29,7 +29,7 @@ for t in "${targets[@]}"; do
   # Work on a copy: the run adds inputs that do not belong in the source tree.
   if [[ -d "$ROOT/genapi/fuzz/corpus/$t" ]]; then cp -r "$ROOT/genapi/fuzz/corpus/$t/." "$corpus/"; fi
   if [[ "$t" == fuzz_loader ]]; then
-    for seed in "$ROOT"/../shared/testdata/genicam/aravis-*.xml; do
+    for seed in "$ROOT"/genapi/tests/data/*.xml "$ROOT"/../shared/testdata/genicam/aravis-*.xml; do
       [[ -e "$seed" ]] && cp "$seed" "$corpus/"
     done
   fi

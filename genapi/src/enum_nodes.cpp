@@ -20,7 +20,9 @@ class CEnumEntryNode : public CNode, public IEnumEntry {
     numeric_ = static_cast<double>(value_);
     double n;
     if (d.Has("NumericValue") && ParseDouble(d.Text("NumericValue"), n)) numeric_ = n;
-    symbolic_ = d.Has("Symbolic") ? d.Text("Symbolic") : d.Attr("_EntryName");
+    // Nested entries are renamed after their enumeration; a free-standing
+    // entry (pEnumEntry in old descriptions) keeps its own name.
+    symbolic_ = d.Has("Symbolic") ? d.Text("Symbolic") : !d.Attr("_EntryName").empty() ? d.Attr("_EntryName") : d.name;
     self_clearing_ = d.Text("IsSelfClearing") == "Yes";
   }
   EAccessMode NaturalAccessMode() const override { return RO; }
@@ -44,12 +46,12 @@ class CEnumEntryNode : public CNode, public IEnumEntry {
   bool self_clearing_ = false;
 };
 
-class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
+class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace {
  public:
   CEnumerationNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
     src_.Read(d, false);
     for (const DescChild* c : d.All("pEnumEntry")) entry_refs_.push_back(NodeRef{c->text, nullptr});
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+    ReadSelected(d);
   }
   void Link() override {
     CNode::Link();
@@ -58,7 +60,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
       Resolve(r);
       if (auto* e = dynamic_cast<CEnumEntryNode*>(r.node)) entries_.push_back(e);
     }
-    for (auto& s : selected_) s.node = map_->Find(s.name);
+    LinkSelected(this);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
   void ValueInputs(std::vector<CNode*>& out) const override { src_.Inputs(out); }
@@ -98,6 +100,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
     CheckEntryAvailable(e);
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(v), verify);
+    CheckErrors();
   }
   int64_t GetIntValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
@@ -132,6 +135,16 @@ class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
     SetIntValue(e->value(), verify);
   }
   bool IsValueCacheValid() const override { return false; }
+  // A self-clearing entry (e.g. an auto function running "Once") ends on its
+  // own; only then is re-reading worth it.
+  bool PollingActive() override {
+    try {
+      CEnumEntryNode* e = Find(ToInt(src_.Get(this, false, false)));
+      return e && e->IsSelfClearing();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(GetIntValue(verify, ignore_cache)); }
   void SetNum(const FormulaValue& v, bool verify) override { SetIntValue(ToInt(v), verify); }
   FormulaValue NumMin() override {
@@ -144,17 +157,10 @@ class CEnumerationNode : public CNode, public IEnumeration, public ISelector {
     for (auto* e : entries_) m = std::max(m, e->value());
     return FormulaValue::Int(entries_.empty() ? 0 : m);
   }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   CValueSource src_;
-  std::vector<NodeRef> entry_refs_, selected_;
+  std::vector<NodeRef> entry_refs_;
   std::vector<CEnumEntryNode*> entries_;
 };
 

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <cstring>
+#include <cstdio>
+#include <limits>
 
 #include "formula_code.h"
 
@@ -34,9 +35,10 @@ std::string Quote(const std::string& text) {
   return "\"" + text.substr(0, kMax) + "...\"";
 }
 
-bool IsIdentStart(char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_'; }
-bool IsIdentChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
+// ASCII only, whatever the process locale says.
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsIdentStart(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; }
+bool IsIdentChar(char c) { return IsIdentStart(c) || IsDigit(c); }
 
 std::string Upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -78,6 +80,7 @@ constexpr int kAndLevel = 3;
 
 bool LookupBinary(Tok t, BinaryOp* out) {
   switch (t) {
+    // && and || compile to short-circuit jumps, not to an operator.
     case Tok::Or: *out = {kOrLevel, Op::Jump}; return true;
     case Tok::And: *out = {kAndLevel, Op::Jump}; return true;
     case Tok::BitOr: *out = {4, Op::BitOr}; return true;
@@ -212,7 +215,11 @@ class Compiler {
       const char* first = text_.data() + start;
       const char* last = text_.data() + p;
       // Decimal only: a leading zero does not mean octal.
-      std::from_chars(first, last, t->d);
+      if (std::from_chars(first, last, t->d).ec == std::errc::result_out_of_range) {
+        // Overflow becomes infinity, underflow zero, as in any C library.
+        const bool tiny = std::find(first, last, '-') != last;
+        t->d = tiny ? 0.0 : std::numeric_limits<double>::infinity();
+      }
       if (!t->is_float) {
         auto r = std::from_chars(first, last, t->u);
         t->fits_int = r.ec == std::errc();

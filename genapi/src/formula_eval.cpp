@@ -18,6 +18,23 @@ namespace {
 int64_t Wrap(uint64_t v) { return static_cast<int64_t>(v); }
 uint64_t U(int64_t v) { return static_cast<uint64_t>(v); }
 
+// Comparisons give 1 or 0 in both modes.
+template <typename T>
+T Relation(Op op, T a, T b) {
+  switch (op) {
+    case Op::Lt: return a < b;
+    case Op::Gt: return a > b;
+    case Op::Le: return a <= b;
+    case Op::Ge: return a >= b;
+    case Op::Eq: return a == b;
+    default: return a != b;
+  }
+}
+
+void CheckDivisor(const Program& im, const Instr& in, bool zero) {
+  if (zero) Fail(im, in.arg, in.op == Op::Div ? "division by zero" : "remainder of a division by zero");
+}
+
 int64_t IntPow(const Program& im, const Instr& in, int64_t base, int64_t exp) {
   if (exp < 0) {
     // Integer powers with negative exponents truncate toward zero.
@@ -46,11 +63,11 @@ int64_t IntBinary(const Program& im, const Instr& in, int64_t a, int64_t b) {
     case Op::Sub: return Wrap(U(a) - U(b));
     case Op::Mul: return Wrap(U(a) * U(b));
     case Op::Div:
-      if (b == 0) Fail(im, in.arg, "division by zero");
+      CheckDivisor(im, in, b == 0);
       if (b == -1) return Wrap(0 - U(a));
       return a / b;
     case Op::Mod:
-      if (b == 0) Fail(im, in.arg, "remainder of a division by zero");
+      CheckDivisor(im, in, b == 0);
       if (b == -1) return 0;
       return a % b;
     case Op::Pow: return IntPow(im, in, a, b);
@@ -59,12 +76,8 @@ int64_t IntBinary(const Program& im, const Instr& in, int64_t a, int64_t b) {
     case Op::BitAnd: return a & b;
     case Op::BitXor: return a ^ b;
     case Op::BitOr: return a | b;
-    case Op::Lt: return a < b;
-    case Op::Gt: return a > b;
-    case Op::Le: return a <= b;
-    case Op::Ge: return a >= b;
-    case Op::Eq: return a == b;
-    case Op::Ne: return a != b;
+    case Op::Lt: case Op::Gt: case Op::Le: case Op::Ge: case Op::Eq: case Op::Ne:
+      return Relation(in.op, a, b);
     default: return 0;
   }
 }
@@ -91,18 +104,14 @@ double FloatBinary(const Program& im, const Instr& in, double a, double b) {
     case Op::Sub: return a - b;
     case Op::Mul: return a * b;
     case Op::Div:
-      if (b == 0) Fail(im, in.arg, "division by zero");
+      CheckDivisor(im, in, b == 0);
       return a / b;
     case Op::Mod:
-      if (b == 0) Fail(im, in.arg, "remainder of a division by zero");
+      CheckDivisor(im, in, b == 0);
       return std::fmod(a, b);
     case Op::Pow: return std::pow(a, b);
-    case Op::Lt: return a < b;
-    case Op::Gt: return a > b;
-    case Op::Le: return a <= b;
-    case Op::Ge: return a >= b;
-    case Op::Eq: return a == b;
-    case Op::Ne: return a != b;
+    case Op::Lt: case Op::Gt: case Op::Le: case Op::Ge: case Op::Eq: case Op::Ne:
+      return Relation(in.op, a, b);
     case Op::Round2: return RoundTo(a, b);
     default:
       // Bitwise operators and shifts work on the int64 values.

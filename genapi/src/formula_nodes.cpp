@@ -189,13 +189,18 @@ template <class Base, bool Float>
 class CFormulaFace;
 
 template <class Base>
-class CFormulaFace<Base, false> : public Base, public IInteger {
+class CFormulaFace<Base, false> : public Base, public IInteger, public CSelectorFace {
  public:
-  using Base::Base;
+  CFormulaFace(CNodeMap* m, const NodeDesc& d, bool float_mode) : Base(m, d, float_mode) { this->ReadSelected(d); }
+  void Link() override {
+    Base::Link();
+    this->LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
   void SetValue(int64_t v, bool verify) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
     this->Write(FormulaValue::Int(v), verify);
+    this->CheckErrors();
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
@@ -214,22 +219,24 @@ class CFormulaFace<Base, false> : public Base, public IInteger {
     return FormatInt(GetValue(verify, ignore_cache), GetRepresentation());
   }
   void FromString(const gcstring& s, bool verify) override {
-    int64_t v;
-    if (!ParseInt64(s, v))
-      throw InvalidArgumentException("Node '" + this->name() + "': '" + s + "' is not an integer", __FILE__, __LINE__, this->name());
-    SetValue(v, verify);
+    SetValue(IntArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
 };
 
 template <class Base>
-class CFormulaFace<Base, true> : public Base, public IFloat {
+class CFormulaFace<Base, true> : public Base, public IFloat, public CSelectorFace {
  public:
-  using Base::Base;
+  CFormulaFace(CNodeMap* m, const NodeDesc& d, bool float_mode) : Base(m, d, float_mode) { this->ReadSelected(d); }
+  void Link() override {
+    Base::Link();
+    this->LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
   void SetValue(double v, bool verify) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
     this->Write(FormulaValue::Float(v), verify);
+    this->CheckErrors();
   }
   double GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
@@ -249,10 +256,7 @@ class CFormulaFace<Base, true> : public Base, public IFloat {
   void ImposeMax(double) override {}
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
   void FromString(const gcstring& s, bool verify) override {
-    double v;
-    if (!ParseDouble(s, v))
-      throw InvalidArgumentException("Node '" + this->name() + "': '" + s + "' is not a number", __FILE__, __LINE__, this->name());
-    SetValue(v, verify);
+    SetValue(FloatArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
 };

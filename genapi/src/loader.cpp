@@ -72,7 +72,7 @@ class CReader {
       std::string tag = LocalName(c.name());
       if (tag == "Group") Children(c, depth + 1);
       else if (tag == "StructReg") Struct(c);
-      else if (NodeTypes().count(tag)) Node(c, tag, std::string());
+      else if (NodeTypes().count(tag)) Node(c, tag, std::string(), 0);
       // Anything else at this level carries no node; it is skipped.
     }
   }
@@ -88,7 +88,8 @@ class CReader {
   }
 
   // Returns the index of the new record in out_.
-  size_t Node(const pugi::xml_node& n, const std::string& type, const std::string& merge_priority) {
+  size_t Node(const pugi::xml_node& n, const std::string& type, const std::string& merge_priority, int depth) {
+    if (depth > 16) throw RuntimeException("Nodes nested too deeply in node '" + NodeName(n) + "'", __FILE__, __LINE__);
     NodeDesc d;
     d.type = type;
     d.name = NodeName(n);
@@ -103,7 +104,7 @@ class CReader {
       if (tag == "EnumEntry" && type == "Enumeration") {
         // Entries become nodes of their own, named after their enumeration.
         std::string entry = NodeName(c);
-        size_t i = Node(c, "EnumEntry", d.Attr("MergePriority"));
+        size_t i = Node(c, "EnumEntry", d.Attr("MergePriority"), depth + 1);
         out_[i].name = "EnumEntry_" + d.name + "_" + entry;
         out_[i].attrs["_EntryName"] = entry;
         d.children.push_back(DescChild{"pEnumEntry", out_[i].name, {}});
@@ -112,7 +113,7 @@ class CReader {
       if (NodeTypes().count(tag) && c.attribute("Name")) {
         // A nested node (an address IntSwissKnife, a config-ROM key) lives
         // on its own; a register adds it to its address.
-        size_t i = Node(c, tag, d.Attr("MergePriority"));
+        size_t i = Node(c, tag, d.Attr("MergePriority"), depth + 1);
         if (tag == "IntSwissKnife" || tag == "SwissKnife")
           d.children.push_back(DescChild{"pAddress", out_[i].name, {}});
         continue;
@@ -142,7 +143,7 @@ class CReader {
       common.push_back(std::move(dc));
     }
     for (pugi::xml_node e = s.child("StructEntry"); e; e = e.next_sibling("StructEntry")) {
-      size_t i = Node(e, "MaskedIntReg", std::string());
+      size_t i = Node(e, "MaskedIntReg", std::string(), 0);
       NodeDesc& d = out_[i];
       for (const auto& c : common)
         if (!d.Has(c.tag.c_str())) d.children.push_back(c);
@@ -230,6 +231,11 @@ void CNodeMap::Add(std::unique_ptr<CNode> n) {
 void CNodeMap::LinkAll() {
   for (auto& n : nodes_) n->Link();
   for (auto& n : nodes_) n->Finish();
+  // Settle the caching properties now, while nothing is being evaluated.
+  for (auto& n : nodes_) {
+    n->GetCachingMode();
+    n->IsAccessModeCacheable();
+  }
 }
 
 void CNodeMap::GetNodes(NodeList_t& out) const {

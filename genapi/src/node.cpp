@@ -97,9 +97,18 @@ EvalGuard::EvalGuard(const CNode* n) : node_(n) {
   if (n->evaluating_)
     throw LogicalErrorException("Reference cycle detected while evaluating node '" + n->name() + "'", __FILE__,
                                 __LINE__, n->name());
+  // Real descriptions nest a few dozen levels; a limit keeps hostile ones
+  // from exhausting the stack.
+  if (n->map()->depth_ >= kMaxDepth)
+    throw LogicalErrorException("References nested too deeply at node '" + n->name() + "'", __FILE__, __LINE__,
+                                n->name());
+  ++n->map()->depth_;
   const_cast<CNode*>(n)->evaluating_ = true;
 }
-EvalGuard::~EvalGuard() { const_cast<CNode*>(node_)->evaluating_ = false; }
+EvalGuard::~EvalGuard() {
+  const_cast<CNode*>(node_)->evaluating_ = false;
+  --node_->map()->depth_;
+}
 
 static EVisibility ParseVisibility(const std::string& s) {
   if (s == "Expert") return Expert;
@@ -140,6 +149,7 @@ CNode::CNode(CNodeMap* map, const NodeDesc& d) : map_(map), name_(d.name) {
   alias_.name = d.Text("pAlias");
   cast_alias_.name = d.Text("pCastAlias");
   for (const DescChild* c : d.All("pInvalidator")) invalidators_.push_back(NodeRef{c->text, nullptr});
+  for (const DescChild* c : d.All("pError")) errors_.push_back(NodeRef{c->text, nullptr});
   for (const auto& c : d.children)
     if (!c.text.empty() && properties_.find(c.tag) == properties_.end()) properties_[c.tag] = c.text;
 }
@@ -176,6 +186,7 @@ void CNode::Link() {
   Resolve(block_polling_);
   alias_.node = map_->Find(alias_.name);
   cast_alias_.node = map_->Find(cast_alias_.name);
+  for (auto& r : errors_) r.node = map_->Find(r.name);
   // pInvalidator X: a change of X drops this node's cache.
   for (auto& r : invalidators_) {
     r.node = map_->Find(r.name);
@@ -220,7 +231,9 @@ FormulaValue CNode::NumInc() { return FormulaValue::Int(1); }
 static bool Nonzero(const FormulaValue& v) { return v.is_float ? v.f != 0.0 : v.i != 0; }
 
 EAccessMode CNode::GetAccessMode() const {
-  if (am_cache_ != _UndefinedAccesMode) return am_cache_;
+  EAccessMode cached = am_cache_.load(std::memory_order_acquire);
+  if (cached != _UndefinedAccesMode) return cached;
+  KIV_LOCK();
   if (evaluating_) return NA;  // a cycle through pIs* references: not available
   EAccessMode m;
   try {
@@ -247,22 +260,20 @@ EAccessMode CNode::GetAccessMode() const {
   } catch (const GenericException&) {
     m = NA;
   } catch (const std::exception&) {
-    m = NA;  // the port failed while reading a pIs* reference
+    // The port failed while reading a pIs* reference: NA for now, but not
+    // remembered, so the next query asks the device again.
+    return NA;
   }
-  if (IsAccessModeCacheable() == Yes) am_cache_ = m;
+  if (IsAccessModeCacheable() == Yes) am_cache_.store(m, std::memory_order_release);
   return m;
 }
 
 EYesNo CNode::IsAccessModeCacheable() const {
   if (am_cacheable_ >= 0) return am_cacheable_ ? Yes : No;
-  if (evaluating_) return No;
+  if (evaluating_ || map_->depth_ >= kMaxDepth) return No;
   bool ok = true;
   {
-    struct Flag {
-      const CNode* n;
-      Flag(const CNode* x) : n(x) { const_cast<CNode*>(n)->evaluating_ = true; }
-      ~Flag() { const_cast<CNode*>(n)->evaluating_ = false; }
-    } f(this);
+    EvalGuard f(this);
     for (const NodeRef* r : {&is_implemented_, &is_available_, &is_locked_})
       if (r->node && (r->node->GetCachingMode() == NoCache || r->node->IsAccessModeCacheable() == No)) ok = false;
     std::vector<CNode*> in;
@@ -277,13 +288,15 @@ EYesNo CNode::IsAccessModeCacheable() const {
 ECachingMode CNode::GetCachingMode() const {
   if (caching_mode_ >= 0) return static_cast<ECachingMode>(caching_mode_);
   ECachingMode m = OwnCachingMode();
-  if (!evaluating_) {
-    const_cast<CNode*>(this)->evaluating_ = true;
+  // Inside a cycle or too deep the answer is unknown: do not cache, and do
+  // not remember the guess.
+  if (evaluating_ || map_->depth_ >= kMaxDepth) return NoCache;
+  {
+    EvalGuard g(this);
     std::vector<CNode*> in;
     ValueInputs(in);
     for (CNode* n : in)
       if (n) m = Combine(m, n->GetCachingMode());
-    const_cast<CNode*>(this)->evaluating_ = false;
   }
   caching_mode_ = m;
   return m;
@@ -295,13 +308,47 @@ void CNode::FireCallbacks() {
   for (auto& c : cbs) c.second(this);
 }
 
-void CNode::InvalidateTree() {
-  if (visit_epoch_ == map_->epoch()) return;
-  visit_epoch_ = map_->epoch();
+// Walks the dependents with an explicit stack: dependency chains can be
+// longer than the call stack is deep.
+static void InvalidateFrom(CNodeMap* map, std::vector<CNode*> pending) {
+  while (!pending.empty()) {
+    CNode* n = pending.back();
+    pending.pop_back();
+    if (n->visit_epoch_ == map->epoch()) continue;
+    n->visit_epoch_ = map->epoch();
+    n->ClearCaches();
+    n->AppendDependents(pending);
+  }
+}
+
+void CNode::ClearCaches() {
   DropCache();
   am_cache_ = _UndefinedAccesMode;
   if (!callbacks_.empty()) FireCallbacks();
-  for (CNode* d : dependents_) d->InvalidateTree();
+}
+
+void CNode::InvalidateTree() { InvalidateFrom(map_, {this}); }
+
+// A polled or explicitly invalidated feature must read the device again, so
+// the caches of what it reads from are dropped too, then everything above.
+void CNode::InvalidateWithInputs() {
+  std::vector<CNode*> closure{this}, pending{this};
+  uint64_t mark = map_->NextEpoch();
+  visit_epoch_ = mark;
+  while (!pending.empty()) {
+    CNode* n = pending.back();
+    pending.pop_back();
+    std::vector<CNode*> in;
+    n->ValueInputs(in);
+    for (CNode* i : in)
+      if (i && i->visit_epoch_ != mark) {
+        i->visit_epoch_ = mark;
+        closure.push_back(i);
+        pending.push_back(i);
+      }
+  }
+  map_->NextEpoch();
+  InvalidateFrom(map_, closure);
 }
 
 void CNode::NotifyWritten() {
@@ -309,13 +356,12 @@ void CNode::NotifyWritten() {
   visit_epoch_ = map_->epoch();
   am_cache_ = _UndefinedAccesMode;
   if (!callbacks_.empty()) FireCallbacks();
-  for (CNode* d : dependents_) d->InvalidateTree();
+  InvalidateFrom(map_, dependents_);
 }
 
 void CNode::InvalidateNode() {
   KIV_LOCK();
-  map_->NextEpoch();
-  InvalidateTree();
+  InvalidateWithInputs();
 }
 
 void CNode::AddPollingTime(int64_t ms) {
@@ -326,11 +372,54 @@ void CNode::AddPollingTime(int64_t ms) {
     } catch (...) {
     }
   }
+  if (!PollingActive()) return;
   polling_elapsed_ += ms;
   if (polling_elapsed_ >= polling_time_) {
     polling_elapsed_ = 0;
-    map_->NextEpoch();
-    InvalidateTree();
+    InvalidateWithInputs();
+  }
+}
+
+void CSelectorFace::ReadSelected(const NodeDesc& d) {
+  for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+}
+
+void CSelectorFace::LinkSelected(CNode* owner) {
+  for (auto& s : selected_) {
+    s.node = static_cast<CNodeMap*>(owner->GetNodeMap())->Find(s.name);
+    if (s.node) {
+      owner->AddDependent(s.node);
+      s.node->selecting_.push_back(owner);
+    }
+  }
+}
+
+void CSelectorFace::GetSelectingFeatures(FeatureList_t& f) const {
+  f.clear();
+  if (auto* self = dynamic_cast<const CNode*>(this))
+    for (CNode* n : self->selecting_)
+      if (IValue* v = dynamic_cast<IValue*>(n)) f.push_back(v);
+}
+
+void CSelectorFace::GetSelectedFeatures(FeatureList_t& f) const {
+  f.clear();
+  for (const auto& s : selected_)
+    if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
+}
+
+void CNode::CheckErrors() {
+  for (const auto& r : errors_) {
+    auto* e = dynamic_cast<IEnumeration*>(r.node);
+    if (!e) continue;
+    int64_t v = e->GetIntValue(false, true);
+    if (v == 0) continue;
+    std::string text = "error " + std::to_string(v);
+    if (IEnumEntry* entry = e->GetEntry(v)) {
+      INode* n = entry->GetNode();
+      text = std::string(n->GetDisplayName());
+      if (!n->GetDescription().empty()) text += ": " + n->GetDescription();
+    }
+    KIV_THROW(InvalidArgumentException, name_, "Node " + Quoted() + " reports " + text);
   }
 }
 

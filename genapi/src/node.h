@@ -2,6 +2,7 @@
 // (natural mode, pIs* references, imposed mode), invalidation and callbacks.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -36,6 +37,8 @@ struct NumRef {
   NodeRef ref;
   bool present() const { return has_literal || ref.set(); }
 };
+
+constexpr int kMaxDepth = 400;
 
 // Marks a node as being evaluated so that reference cycles end in an
 // exception instead of a stack overflow.
@@ -102,6 +105,8 @@ class CNode : virtual public INode {
   // Drops the value cache of this node only.
   virtual void DropCache() {}
   virtual bool HasValueCache() const { return false; }
+  // Whether PollingTime applies right now (a command only while busy, ...).
+  virtual bool PollingActive() { return true; }
 
   // Numeric access used by references (pValue, pMin, formulas, ...).
   virtual FormulaValue GetNum(bool verify, bool ignore_cache);
@@ -115,8 +120,14 @@ class CNode : virtual public INode {
   void NotifyWritten();
   // Invalidates this node and everything depending on it.
   void InvalidateTree();
+  void InvalidateWithInputs();
 
+  // Reads the pError enumerations after a write (or a verified read); a
+  // nonzero error raises InvalidArgumentException with the entry's texts.
+  void CheckErrors();
   void AddDependent(CNode* n);
+  void ClearCaches();
+  void AppendDependents(std::vector<CNode*>& out) const { out.insert(out.end(), dependents_.begin(), dependents_.end()); }
   void AddPollingTime(int64_t ms);
   void MarkFeature();
   bool evaluating_ = false;
@@ -149,17 +160,35 @@ class CNode : virtual public INode {
   EAccessMode imposed_by_call_ = RW;     // ImposeAccessMode()
   NodeRef is_implemented_, is_available_, is_locked_, block_polling_, alias_, cast_alias_;
   std::vector<NodeRef> invalidators_;
+  std::vector<NodeRef> errors_;
   std::vector<NodeRef> children_;        // every resolved reference, for GetChildren
   std::vector<CNode*> dependents_;       // to invalidate when this node changes
   std::vector<CNode*> parents_;
+  std::vector<CNode*> selecting_;        // selectors that name this node in pSelected
   std::map<std::string, std::string> properties_;
-  mutable EAccessMode am_cache_ = _UndefinedAccesMode;
+  // Read without the map lock on the fast path, so kept atomic.
+  mutable std::atomic<EAccessMode> am_cache_{_UndefinedAccesMode};
   mutable int am_cacheable_ = -1;        // -1 unknown, 0 no, 1 yes
   mutable int caching_mode_ = -1;        // -1 unknown, else ECachingMode
   std::vector<std::pair<CallbackHandleType, NodeCallback>> callbacks_;
   CallbackHandleType next_callback_ = 1;
   friend class CNodeMap;
   friend class EvalGuard;
+  friend class CSelectorFace;
+};
+
+// The ISelector face of nodes that carry pSelected: a change of the
+// selector invalidates the features it selects.
+class CSelectorFace : public ISelector {
+ public:
+  bool IsSelector() const override { return !selected_.empty(); }
+  void GetSelectedFeatures(FeatureList_t& f) const override;
+  void GetSelectingFeatures(FeatureList_t& f) const override;
+
+ protected:
+  void ReadSelected(const NodeDesc& d);
+  void LinkSelected(CNode* owner);
+  std::vector<NodeRef> selected_;
 };
 
 // Parses HexOrDecimal integers and float literals; false on garbage.

@@ -40,6 +40,7 @@ class CNodeMap : public INodeMap {
   void LinkAll();
   uint64_t NextEpoch() { return ++epoch_; }
   uint64_t epoch() const { return epoch_; }
+  int depth_ = 0;  // current evaluation nesting, see EvalGuard
 
  private:
   std::string device_name_;

@@ -72,7 +72,7 @@ class CRegisterBase : public CNode {
       length_.has_literal = true;
       length_.literal = FormulaValue::Int(4);
     }
-    if (length_.has_literal && (length_.literal.i <= 0 || length_.literal.i > (1 << 24)))
+    if (length_.has_literal && (length_.literal.i <= 0 || length_.literal.i > kMaxLength))
       KIV_THROW(RuntimeException, name_, "Register '" + name_ + "' has a bad Length");
     access_ = ParseAccessMode(d.Text("AccessMode"), RO);
     port_.name = d.Text("pPort");
@@ -81,7 +81,6 @@ class CRegisterBase : public CNode {
     signed_ = d.Text("Sign") == "Signed";
     unit_ = d.Text("Unit");
     repr_ = ParseRepresentation(d.Text("Representation"), PureNumber);
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
   }
   void Link() override {
     CNode::Link();
@@ -93,7 +92,6 @@ class CRegisterBase : public CNode {
     Resolve(length_);
     Resolve(port_);
     port_node_ = dynamic_cast<CPortNode*>(port_.node);
-    for (auto& s : selected_) s.node = map_->Find(s.name);
   }
   EAccessMode NaturalAccessMode() const override {
     if (!port_node_) return NA;
@@ -114,12 +112,18 @@ class CRegisterBase : public CNode {
       if (t.p_offset.node) out.push_back(t.p_offset.node);
     }
     if (length_.ref.node) out.push_back(length_.ref.node);
-    if (port_node_) out.push_back(port_node_);
   }
   void DropCache() override { cache_valid_ = false; }
   bool HasValueCache() const override { return true; }
 
-  int64_t Length() const { return length_.has_literal ? length_.literal.i : ToInt(Eval(length_)); }
+  int64_t Length() const {
+    if (length_.has_literal) return length_.literal.i;
+    int64_t len = ToInt(Eval(length_));
+    if (len <= 0 || len > kMaxLength)
+      KIV_THROW(OutOfRangeException, name_, "Register '" + name_ + "' has a length of " + std::to_string(len) + " bytes");
+    return len;
+  }
+  static constexpr int64_t kMaxLength = int64_t(1) << 24;
   int64_t Address() const {
     int64_t a = address_;
     for (const auto& r : p_address_) a += ToInt(Need(r, "pAddress")->GetNum(false, false));
@@ -187,7 +191,6 @@ class CRegisterBase : public CNode {
   bool little_ = true, signed_ = false;
   std::string unit_;
   ERepresentation repr_;
-  std::vector<NodeRef> selected_;
   std::vector<uint8_t> cache_;
   int64_t cache_addr_ = 0;
   bool cache_valid_ = false;
@@ -195,36 +198,44 @@ class CRegisterBase : public CNode {
 
 // IntReg and MaskedIntReg: an integer field of lsb..msb (value bit numbers)
 // inside a register of up to 8 bytes.
-class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
+class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace {
  public:
   CIntRegNode(CNodeMap* map, const NodeDesc& d, bool masked) : CRegisterBase(map, d, WriteThrough), masked_(masked) {
-    if (!length_.has_literal || length_.literal.i < 1 || length_.literal.i > 8)
-      KIV_THROW(RuntimeException, name_, "Integer register '" + name_ + "' needs a Length of 1 to 8 bytes");
-    len_ = length_.literal.i;
-    int bits = static_cast<int>(8 * len_);
-    lsb_ = 0;
-    msb_ = bits - 1;
+    ReadSelected(d);
     if (masked) {
-      int64_t lsb = -1, msb = -1;
       if (d.Has("Bit")) {
-        ParseInt64(d.Text("Bit"), lsb);
-        msb = lsb;
+        ParseInt64(d.Text("Bit"), raw_lsb_);
+        raw_msb_ = raw_lsb_;
       } else {
-        ParseInt64(d.Text("LSB"), lsb);
-        ParseInt64(d.Text("MSB"), msb);
+        ParseInt64(d.Text("LSB"), raw_lsb_);
+        ParseInt64(d.Text("MSB"), raw_msb_);
       }
-      if (lsb < 0 || msb < 0 || lsb >= bits || msb >= bits)
-        KIV_THROW(RuntimeException, name_, "Masked register '" + name_ + "' has a bit range outside its register");
+    }
+    // With a pLength the layout is settled at each access instead.
+    if (length_.has_literal) Layout(length_.literal.i, true);
+  }
+  // Field position and range for a register of `len` bytes.
+  void Layout(int64_t len, bool at_load) {
+    auto fail = [&](const std::string& why) {
+      if (at_load) KIV_THROW(RuntimeException, name_, "Integer register '" + name_ + "' " + why);
+      KIV_THROW(LogicalErrorException, name_, "Integer register '" + name_ + "' " + why);
+    };
+    if (len < 1 || len > 8) fail("needs a Length of 1 to 8 bytes");
+    int64_t bits = 8 * len, lsb = 0, msb = bits - 1;
+    if (masked_) {
+      lsb = raw_lsb_;
+      msb = raw_msb_;
+      if (lsb < 0 || msb < 0 || lsb >= bits || msb >= bits) fail("has a bit range outside its register");
       // Big-endian descriptions number bits from the most significant end.
       if (!little_) {
         lsb = bits - 1 - lsb;
         msb = bits - 1 - msb;
       }
       if (lsb > msb) std::swap(lsb, msb);
-      lsb_ = static_cast<int>(lsb);
-      msb_ = static_cast<int>(msb);
     }
-    width_ = msb_ - lsb_ + 1;
+    len_ = len;
+    lsb_ = static_cast<int>(lsb);
+    width_ = static_cast<int>(msb - lsb + 1);
     mask_ = width_ == 64 ? ~0ull : ((1ull << width_) - 1);
     if (signed_) {
       min_ = width_ == 64 ? INT64_MIN : -(int64_t(1) << (width_ - 1));
@@ -233,8 +244,20 @@ class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
       min_ = 0;
       max_ = width_ >= 63 ? INT64_MAX : static_cast<int64_t>(mask_);
     }
+    min_ = std::max(min_, imposed_min_);
+    max_ = std::min(max_, imposed_max_);
+  }
+  void Prepare() {
+    if (!length_.has_literal) {
+      int64_t len = Length();
+      if (len != len_) Layout(len, false);
+    }
   }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
+  void Link() override {
+    CRegisterBase::Link();
+    LinkSelected(this);
+  }
 
   int64_t Decode(const uint8_t* b) const {
     uint64_t field = (Assemble(b, len_, little_) >> lsb_) & mask_;
@@ -243,6 +266,7 @@ class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
   }
   int64_t Read(bool verify, bool ignore_cache) {
     CheckReadable();
+    Prepare();
     uint8_t b[8];
     ReadBytes(b, len_, ignore_cache || verify);
     int64_t v = Decode(b);
@@ -251,6 +275,7 @@ class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
   }
   void Write(int64_t v, bool verify) {
     CheckWritable();
+    Prepare();
     // Values that do not fit the field would spill into neighbouring bits.
     CheckIntRange(this, v, min_, max_, 1);
     (void)verify;
@@ -267,58 +292,67 @@ class CIntRegNode : public CRegisterBase, public IInteger, public ISelector {
     WriteBytes(b, len_);
   }
 
-  void SetValue(int64_t v, bool verify) override { KIV_LOCK(); Write(v, verify); }
+  void SetValue(int64_t v, bool verify) override {
+    KIV_LOCK();
+    Write(v, verify);
+    CheckErrors();
+  }
   int64_t GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
-  int64_t GetMin() override { return min_; }
-  int64_t GetMax() override { return max_; }
+  int64_t GetMin() override { KIV_LOCK(); Prepare(); return min_; }
+  int64_t GetMax() override { KIV_LOCK(); Prepare(); return max_; }
   EIncMode GetIncMode() override { return fixedIncrement; }
   int64_t GetInc() override { return 1; }
   int64_autovector_t GetListOfValidValues(bool) override { return {}; }
   ERepresentation GetRepresentation() override { return repr_; }
   gcstring GetUnit() override { return unit_; }
-  void ImposeMin(int64_t v) override { min_ = std::max(min_, v); }
-  void ImposeMax(int64_t v) override { max_ = std::min(max_, v); }
+  void ImposeMin(int64_t v) override {
+    imposed_min_ = std::max(imposed_min_, v);
+    min_ = std::max(min_, v);
+  }
+  void ImposeMax(int64_t v) override {
+    imposed_max_ = std::min(imposed_max_, v);
+    max_ = std::min(max_, v);
+  }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), repr_); }
   void FromString(const gcstring& s, bool verify) override {
-    int64_t v;
-    if (!ParseInt64(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not an integer");
-    SetValue(v, verify);
+    SetValue(IntArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return CacheValid(); }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(Read(verify, ignore_cache)); }
   void SetNum(const FormulaValue& v, bool verify) override { Write(ToInt(v), verify); }
-  FormulaValue NumMin() override { return FormulaValue::Int(min_); }
-  FormulaValue NumMax() override { return FormulaValue::Int(max_); }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
+  FormulaValue NumMin() override { return FormulaValue::Int(GetMin()); }
+  FormulaValue NumMax() override { return FormulaValue::Int(GetMax()); }
 
  private:
   bool masked_;
-  int64_t len_;
-  int lsb_, msb_, width_;
-  uint64_t mask_;
-  int64_t min_, max_;
+  int64_t raw_lsb_ = -1, raw_msb_ = -1;  // as the description numbers them
+  int64_t len_ = 0;
+  int lsb_ = 0, width_ = 0;
+  uint64_t mask_ = 0;
+  int64_t min_ = 0, max_ = 0;
+  int64_t imposed_min_ = INT64_MIN, imposed_max_ = INT64_MAX;
 };
 
 class CFloatRegNode : public CRegisterBase, public IFloat {
  public:
   CFloatRegNode(CNodeMap* map, const NodeDesc& d) : CRegisterBase(map, d, WriteAround) {
-    if (!length_.has_literal || (length_.literal.i != 4 && length_.literal.i != 8))
+    if (length_.has_literal && length_.literal.i != 4 && length_.literal.i != 8)
       KIV_THROW(RuntimeException, name_, "FloatReg '" + name_ + "' needs a Length of 4 or 8 bytes");
     if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
     if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
     if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
   }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
+  int64_t FloatLength() const {
+    int64_t len = Length();
+    if (len != 4 && len != 8)
+      KIV_THROW(LogicalErrorException, name_, "FloatReg '" + name_ + "' needs a Length of 4 or 8 bytes");
+    return len;
+  }
   double Read(bool verify, bool ignore_cache) {
     CheckReadable();
     uint8_t b[8];
-    int64_t len = length_.literal.i;
+    int64_t len = FloatLength();
     ReadBytes(b, len, ignore_cache || verify);
     uint64_t raw = Assemble(b, len, little_);
     if (len == 4) {
@@ -334,7 +368,7 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
   void Write(double v, bool verify) {
     CheckWritable();
     if (verify) CheckFloatRange(this, v, GetMin(), GetMax());
-    int64_t len = length_.literal.i;
+    int64_t len = FloatLength();
     uint64_t raw;
     if (len == 4) {
       float f = static_cast<float>(v);
@@ -348,7 +382,11 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
     Disassemble(raw, b, len, little_);
     WriteBytes(b, len);
   }
-  void SetValue(double v, bool verify) override { KIV_LOCK(); Write(v, verify); }
+  void SetValue(double v, bool verify) override {
+    KIV_LOCK();
+    Write(v, verify);
+    CheckErrors();
+  }
   double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
   double GetMin() override { return has_min_ ? min_ : -DBL_MAX; }
   double GetMax() override { return has_max_ ? max_ : DBL_MAX; }
@@ -364,9 +402,7 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
   void ImposeMax(double v) override { has_max_ = true; max_ = v; }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
   void FromString(const gcstring& s, bool verify) override {
-    double v;
-    if (!ParseDouble(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a number");
-    SetValue(v, verify);
+    SetValue(FloatArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return CacheValid(); }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Float(Read(verify, ignore_cache)); }

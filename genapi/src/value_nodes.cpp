@@ -5,6 +5,7 @@
 #include <climits>
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "factories.h"
 #include "nodemap.h"
@@ -40,6 +41,42 @@ void CheckFloatRange(const CNode* n, double v, double min, double max) {
               "Value " + FormatDouble(v) + " of node '" + name + "' is above the maximum " + FormatDouble(max));
 }
 
+// "192.168.0.1" and "00:11:22:33:44:55": the forms ToString gives for
+// address representations.
+static bool ParseAddress(const std::string& s, int64_t& out) {
+  char sep = s.find(':') != std::string::npos ? ':' : '.';
+  int parts = sep == ':' ? 6 : 4, base = sep == ':' ? 16 : 10;
+  uint64_t v = 0;
+  size_t pos = 0;
+  for (int i = 0; i < parts; ++i) {
+    size_t end = s.find(sep, pos);
+    if ((end == std::string::npos) != (i == parts - 1)) return false;
+    std::string part = s.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+    if (part.empty() || part.size() > 3) return false;
+    char* stop = nullptr;
+    unsigned long byte = std::strtoul(part.c_str(), &stop, base);
+    if (*stop || byte > 255) return false;
+    v = (v << 8) | byte;
+    pos = end + 1;
+  }
+  out = static_cast<int64_t>(v);
+  return true;
+}
+
+int64_t IntArgument(const CNode* n, const std::string& s) {
+  int64_t v;
+  if (!ParseInt64(s, v) && !ParseAddress(s, v))
+    KIV_THROW(InvalidArgumentException, n->name(), "Node '" + n->name() + "': '" + s + "' is not an integer");
+  return v;
+}
+
+double FloatArgument(const CNode* n, const std::string& s) {
+  double v;
+  if (!ParseDouble(s, v))
+    KIV_THROW(InvalidArgumentException, n->name(), "Node '" + n->name() + "': '" + s + "' is not a number");
+  return v;
+}
+
 ERepresentation ParseRepresentation(const std::string& s, ERepresentation def) {
   static const char* names[] = {"Linear", "Logarithmic", "Boolean", "PureNumber", "HexNumber", "IPV4Address",
                                 "MACAddress"};
@@ -49,6 +86,18 @@ ERepresentation ParseRepresentation(const std::string& s, ERepresentation def) {
 }
 
 std::string FormatInt(int64_t v, ERepresentation r) {
+  char buf[32];
+  uint64_t u = static_cast<uint64_t>(v);
+  if (r == IPV4Address) {
+    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", unsigned(u >> 24 & 255), unsigned(u >> 16 & 255),
+                  unsigned(u >> 8 & 255), unsigned(u & 255));
+    return buf;
+  }
+  if (r == MACAddress) {
+    std::snprintf(buf, sizeof buf, "%02X:%02X:%02X:%02X:%02X:%02X", unsigned(u >> 40 & 255), unsigned(u >> 32 & 255),
+                  unsigned(u >> 24 & 255), unsigned(u >> 16 & 255), unsigned(u >> 8 & 255), unsigned(u & 255));
+    return buf;
+  }
   if (r == HexNumber) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
@@ -71,7 +120,6 @@ class CNumberNode : public CNode {
     unit_ = d.Text("Unit");
     has_unit_ = d.Has("Unit");
     repr_ = ParseRepresentation(d.Text("Representation"), Float ? PureNumber : _UndefinedRepresentation);
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
     if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
     if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
     if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
@@ -94,7 +142,6 @@ class CNumberNode : public CNode {
     Resolve(min_);
     Resolve(max_);
     Resolve(inc_);
-    for (auto& s : selected_) s.node = map_->Find(s.name);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
   void ValueInputs(std::vector<CNode*>& out) const override {
@@ -159,15 +206,18 @@ class CNumberNode : public CNode {
   ERepresentation repr_;
   EDisplayNotation notation_ = fnAutomatic;
   int64_t precision_ = 6;
-  std::vector<NodeRef> selected_;
   std::vector<int64_t> valid_;
   bool has_imposed_min_ = false, has_imposed_max_ = false;
   FormulaValue imposed_min_, imposed_max_;
 };
 
-class CIntegerNode : public CNumberNode<false>, public IInteger, public ISelector {
+class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelectorFace {
  public:
-  using CNumberNode::CNumberNode;
+  CIntegerNode(CNodeMap* map, const NodeDesc& d) : CNumberNode(map, d) { ReadSelected(d); }
+  void Link() override {
+    CNumberNode::Link();
+    LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
   void SetValue(int64_t v, bool verify) override {
     KIV_LOCK();
@@ -175,6 +225,7 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public ISelecto
       KIV_THROW(OutOfRangeException, name_, "Value " + std::to_string(v) + " of node '" + name_ +
                                                 "' is not in its set of valid values");
     Write(FormulaValue::Int(v), verify);
+    CheckErrors();
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
@@ -206,29 +257,28 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public ISelecto
   void ImposeMax(int64_t v) override { has_imposed_max_ = true; imposed_max_ = FormulaValue::Int(v); }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), GetRepresentation()); }
   void FromString(const gcstring& s, bool verify) override {
-    int64_t v;
-    if (!ParseInt64(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not an integer");
-    SetValue(v, verify);
+    SetValue(IntArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   using CInteger = IInteger;
   IInteger* TargetInt() const { return dynamic_cast<IInteger*>(src_.Target(this)); }
 };
 
-class CFloatNode : public CNumberNode<true>, public IFloat {
+class CFloatNode : public CNumberNode<true>, public IFloat, public CSelectorFace {
  public:
-  using CNumberNode::CNumberNode;
+  CFloatNode(CNodeMap* map, const NodeDesc& d) : CNumberNode(map, d) { ReadSelected(d); }
+  void Link() override {
+    CNumberNode::Link();
+    LinkSelected(this);
+  }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
-  void SetValue(double v, bool verify) override { KIV_LOCK(); Write(FormulaValue::Float(v), verify); }
+  void SetValue(double v, bool verify) override {
+    KIV_LOCK();
+    Write(FormulaValue::Float(v), verify);
+    CheckErrors();
+  }
   double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache).AsFloat(); }
   double GetMin() override { KIV_LOCK(); return NumMin().AsFloat(); }
   double GetMax() override { KIV_LOCK(); return NumMax().AsFloat(); }
@@ -249,21 +299,19 @@ class CFloatNode : public CNumberNode<true>, public IFloat {
   void ImposeMax(double v) override { has_imposed_max_ = true; imposed_max_ = FormulaValue::Float(v); }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatDouble(GetValue(verify, ignore_cache)); }
   void FromString(const gcstring& s, bool verify) override {
-    double v;
-    if (!ParseDouble(s, v)) KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a number");
-    SetValue(v, verify);
+    SetValue(FloatArgument(this, s), verify);
   }
   bool IsValueCacheValid() const override { return false; }
 };
 
-class CBooleanNode : public CNode, public IBoolean, public ISelector {
+class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
  public:
   CBooleanNode(CNodeMap* map, const NodeDesc& d) : CNode(map, d) {
     FormulaValue v;
     if (d.Has("OnValue") && ParseLiteral(d.Text("OnValue"), false, v)) on_ = v.i;
     if (d.Has("OffValue") && ParseLiteral(d.Text("OffValue"), false, v)) off_ = v.i;
     if (on_ == off_) KIV_THROW(RuntimeException, name_, "Boolean node '" + name_ + "' has OnValue equal to OffValue");
-    for (const DescChild* c : d.All("pSelected")) selected_.push_back(NodeRef{c->text, nullptr});
+    ReadSelected(d);
     // A floating boolean holds "true"/"false" literally.
     NodeDesc copy = d;
     for (auto& c : copy.children)
@@ -277,7 +325,7 @@ class CBooleanNode : public CNode, public IBoolean, public ISelector {
   void Link() override {
     CNode::Link();
     src_.Link(this, [this](NodeRef& r) { Resolve(r); });
-    for (auto& s : selected_) s.node = map_->Find(s.name);
+    LinkSelected(this);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
   void ValueInputs(std::vector<CNode*>& out) const override { src_.Inputs(out); }
@@ -287,6 +335,7 @@ class CBooleanNode : public CNode, public IBoolean, public ISelector {
     CheckWritable();
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(v ? on_ : off_), verify);
+    CheckErrors();
   }
   bool GetValue(bool verify, bool ignore_cache) const override {
     KIV_LOCK();
@@ -309,18 +358,10 @@ class CBooleanNode : public CNode, public IBoolean, public ISelector {
     else KIV_THROW(InvalidArgumentException, name_, "Node '" + name_ + "': '" + s + "' is not a boolean");
   }
   bool IsValueCacheValid() const override { return false; }
-  bool IsSelector() const override { return !selected_.empty(); }
-  void GetSelectedFeatures(FeatureList_t& f) const override {
-    f.clear();
-    for (const auto& s : selected_)
-      if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
-  }
-  void GetSelectingFeatures(FeatureList_t& f) const override { f.clear(); }
 
  private:
   CValueSource src_;
   int64_t on_ = 1, off_ = 0;
-  std::vector<NodeRef> selected_;
 };
 
 class CCommandNode : public CNode, public ICommand {
@@ -349,7 +390,7 @@ class CCommandNode : public CNode, public ICommand {
     CheckWritable();
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(ToInt(Eval(command_))), verify);
-    if (src_.floating()) NotifyWritten();
+    was_done_ = false;
   }
   bool IsDone(bool) override {
     KIV_LOCK();
@@ -371,11 +412,11 @@ class CCommandNode : public CNode, public ICommand {
     CheckReadable();
     return src_.Get(this, verify, ignore_cache);
   }
+  bool PollingActive() override { return !was_done_; }
   gcstring ToString(bool, bool) override { return IsDone(true) ? "0" : "1"; }
   void FromString(const gcstring& s, bool verify) override {
     if (s == "1" || s == "true") {
       Execute(verify);
-      was_done_ = false;
     } else {
       KIV_THROW(InvalidArgumentException, name_, "Command '" + name_ + "' can only be executed with \"1\" or \"true\"");
     }

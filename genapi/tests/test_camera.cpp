@@ -73,6 +73,10 @@ TEST_F(Camera, SelectorSwitchesTheGainRegister) {
   FeatureList_t selected;
   CSelectorPtr(map._GetNode("GainSelector"))->GetSelectedFeatures(selected);
   ASSERT_EQ(selected.size(), 1u);
+  FeatureList_t selecting;
+  CSelectorPtr(map._GetNode("Gain"))->GetSelectingFeatures(selecting);
+  ASSERT_EQ(selecting.size(), 1u);
+  EXPECT_EQ(std::string(selecting[0]->GetNode()->GetName()), "GainSelector");
   gain->SetValue(1.0);
   *sel = "Blue";
   gain->SetValue(3.5);
@@ -165,10 +169,9 @@ TEST(CameraWatch, ReadOnlyPortMakesEveryRegisterReadOnly) {
   FakePort port;
   port.mode = RO;
   map._Connect(&port);
-  NodeList_t nodes;
-  map._GetNodes(nodes);
-  for (INode* n : nodes)
-    if (CRegisterPtr(n).IsValid() || n->GetName() == "WidthReg") EXPECT_FALSE(IsWritable(n)) << n->GetName();
+  for (const char* reg : {"WidthReg", "PixelFormatReg", "TestPattern", "GainRaw", "ReverseXReg", "AcqCmdReg"})
+    EXPECT_EQ(map._GetNode(reg)->GetAccessMode(), RO) << reg;
+  EXPECT_EQ(map._GetNode("DeviceResetReg")->GetAccessMode(), NA);  // write-only on a read-only port
   EXPECT_FALSE(IsWritable(map._GetNode("Width")));
   EXPECT_THROW(CCommandPtr(map._GetNode("AcquisitionStart"))->Execute(), AccessException);
   EXPECT_EQ(port.Writes(), 0u);

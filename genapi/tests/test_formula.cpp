@@ -3,6 +3,7 @@
 // against hostile input, and a randomized comparison with a tree evaluator.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -67,147 +68,97 @@ FormulaValue Flt(double v) { return FormulaValue::Float(v); }
 
 }  // namespace
 
-TEST(FormulaValues, ReferenceResults) {
-  EXPECT_DOUBLE_EQ(F("10.2+10+0x10+010"), 46.2);  // hex and a decimal leading zero
-  EXPECT_EQ(I("A+B*C", {{"A", Int(2)}, {"B", Int(3)}, {"C", Int(4)}}), 14);
-  EXPECT_DOUBLE_EQ(F("15/6"), 2.5);
-  EXPECT_DOUBLE_EQ(F("25.2 % 7"), 4.2);
-  EXPECT_DOUBLE_EQ(F("6.0-0x05"), 1.0);
-  EXPECT_DOUBLE_EQ(F("+2.2"), 2.2);
-  EXPECT_DOUBLE_EQ(F("ROUND(5.5)"), 6.0);
-  EXPECT_DOUBLE_EQ(F("ROUND(-5.5)"), -6.0);
-  EXPECT_DOUBLE_EQ(F("ROUND(45.4545, 1)"), 45.5);
-  EXPECT_DOUBLE_EQ(F("ROUND(45.4545, -1)"), 50.0);
-  EXPECT_DOUBLE_EQ(F("ROUND(45.4545, 0)"), 45.0);
-  EXPECT_DOUBLE_EQ(F("ROUND(1.25, 400)"), 1.25);  // more digits than a double has
-  EXPECT_DOUBLE_EQ(F("ROUND(15, -400)"), 0.0);
-  EXPECT_DOUBLE_EQ(F("ROUND(-1234.5, -2)"), -1200.0);
-  EXPECT_EQ(I("-5 && 7"), 1);
-  EXPECT_DOUBLE_EQ(F("-5 && 7"), 1.0);
-  EXPECT_NEAR(F("FRAC(-5.4)"), -0.4, 1e-12);
-  EXPECT_DOUBLE_EQ(F("TRUNC(-5.5)"), -5.0);
-  EXPECT_EQ(I("2**16"), 65536);
-  EXPECT_EQ(I("0xFFFFFFFFFFFFFFFF"), -1);
-  EXPECT_EQ(I("0Xff"), 255);
+struct ValueCase {
+  const char* text;
+  Mode mode;
+  double want;
+};
+constexpr Mode kI = Mode::Integer;
+constexpr Mode kF = Mode::Float;
+
+void ExpectValues(const ValueCase* cases, size_t n) {
+  for (size_t k = 0; k < n; ++k) {
+    const ValueCase& c = cases[k];
+    if (c.mode == kI) {
+      EXPECT_EQ(I(c.text), static_cast<int64_t>(c.want)) << c.text;
+    } else {
+      EXPECT_NEAR(F(c.text), c.want, 1e-12 * (1 + std::fabs(c.want))) << c.text;
+    }
+  }
 }
 
-TEST(FormulaValues, Functions) {
-  EXPECT_DOUBLE_EQ(F("SGN(-3.5)"), -1);
-  EXPECT_DOUBLE_EQ(F("SGN(0)"), 0);
-  EXPECT_DOUBLE_EQ(F("SGN(0.1)"), 1);
-  EXPECT_DOUBLE_EQ(F("NEG(2.5)"), -2.5);
-  EXPECT_DOUBLE_EQ(F("ABS(-2.5)"), 2.5);
-  EXPECT_DOUBLE_EQ(F("SQRT(6.25)"), 2.5);
-  EXPECT_DOUBLE_EQ(F("EXP(1)"), std::exp(1.0));
-  EXPECT_DOUBLE_EQ(F("LN(E)"), 1.0);
-  EXPECT_DOUBLE_EQ(F("LG(1000)"), 3.0);
-  EXPECT_NEAR(F("SIN(PI/2)"), 1.0, 1e-15);
-  EXPECT_NEAR(F("COS(PI)"), -1.0, 1e-15);
-  EXPECT_NEAR(F("TAN(PI/4)"), 1.0, 1e-15);
-  EXPECT_NEAR(F("ASIN(1)"), M_PI / 2, 1e-15);
-  EXPECT_NEAR(F("ACOS(-1)"), M_PI, 1e-15);
-  EXPECT_NEAR(F("ATAN(1)*4"), M_PI, 1e-15);
-  EXPECT_DOUBLE_EQ(F("FLOOR(-2.5)"), -3);
-  EXPECT_DOUBLE_EQ(F("CEIL(-2.5)"), -2);
-  EXPECT_DOUBLE_EQ(F("CEIL(2.1)"), 3);
-  EXPECT_DOUBLE_EQ(F("FRAC(7.25)"), 0.25);
-  // Names of functions and constants ignore case.
-  EXPECT_DOUBLE_EQ(F("neg(sgn(-2)) + Abs(-1)"), 2.0);
-  EXPECT_DOUBLE_EQ(F("pi"), M_PI);
-  EXPECT_DOUBLE_EQ(F("e"), M_E);
-  // Integer formulas have SGN and NEG.
-  EXPECT_EQ(I("SGN(-7) + NEG(5)"), -6);
-  EXPECT_EQ(I("sgn(0)"), 0);
-}
-
-TEST(FormulaValues, Literals) {
-  EXPECT_EQ(I("007"), 7);
-  EXPECT_EQ(I("0x7fffffffffffffff"), std::numeric_limits<int64_t>::max());
-  EXPECT_EQ(I("-9223372036854775808"), std::numeric_limits<int64_t>::min());
-  EXPECT_DOUBLE_EQ(F(".5 + 5."), 5.5);
-  EXPECT_DOUBLE_EQ(F("1.5e3 + 2E-1"), 1500.2);
-  EXPECT_DOUBLE_EQ(F("0xFFFFFFFFFFFFFFFF"), -1.0);  // hex is a 64-bit pattern in float formulas too
-  EXPECT_DOUBLE_EQ(F("123456789012345678901234567890"), 1.2345678901234568e29);
-  // Integer formulas truncate float literals.
-  EXPECT_EQ(I("7.9"), 7);
-  EXPECT_EQ(I("-7.9"), -7);
-  EXPECT_EQ(I("1e30"), std::numeric_limits<int64_t>::max());
-}
-
-TEST(FormulaPrecedence, IntegerTable) {
-  struct Case {
-    const char* text;
-    int64_t want;
-  } cases[] = {
-      {"2+3*4", 14},          {"(2+3)*4", 20},        {"10-4-3", 3},       {"100/10/5", 2},
-      {"7/2*3%4", 1},         {"2**3**2", 512},       {"-2**2", 4},        {"2**-1", 0},
-      {"-2**3", -8},          {"~0", -1},             {"~1+1", -1},        {"- -3", 3},
-      {"2*-3", -6},           {"1+2<<1", 6},          {"1<<2+1", 8},       {"1<2=1", 1},
-      {"2=2<1", 0},           {"3<>2=1", 1},          {"7&3=3", 1},        {"1|2^3&4", 3},
-      {"6^3|8", 13},          {"12&10^6", 14},        {"1||0&&0", 1},      {"0&&1||1", 1},
-      {"1?2:0?3:4", 2},       {"0?2:0?3:4", 4},       {"0?2:1?3:4", 3},    {"1?0?5:6:7", 6},
-      {"2=2?5:6", 5},         {"1&&0?5:6", 6},        {"0||2?5:6", 5},     {"1==1", 1},
-      {"3-2-1?8:9", 9},       {"(1?2:3)+10", 12},     {"2+(0?1:2)*3", 8},  {"1?2+3:4", 5},
-      {"8>>1>>1", 2},         {"-8>>1", -4},          {"5%3*2", 4},        {"2*3%4", 2},
+TEST(FormulaValues, LiteralsOperatorsAndFunctions) {
+  const ValueCase cases[] = {
+      // Reference results.
+      {"10.2+10+0x10+010", kF, 46.2}, {"15/6", kF, 2.5}, {"25.2 % 7", kF, 4.2}, {"6.0-0x05", kF, 1},
+      {"+2.2", kF, 2.2}, {"ROUND(5.5)", kF, 6}, {"ROUND(-5.5)", kF, -6}, {"ROUND(45.4545, 1)", kF, 45.5},
+      {"ROUND(45.4545, -1)", kF, 50}, {"ROUND(1.25, 400)", kF, 1.25}, {"ROUND(15, -400)", kF, 0},
+      {"ROUND(-1234.5, -2)", kF, -1200}, {"-5 && 7", kI, 1}, {"-5 && 7", kF, 1}, {"FRAC(-5.4)", kF, -0.4},
+      {"TRUNC(-5.5)", kF, -5}, {"2**16", kI, 65536},
+      // Literals: decimal leading zeros, hex as a 64-bit pattern in both
+      // modes, float forms; integer formulas truncate float literals.
+      {"007", kI, 7}, {"0Xff", kI, 255}, {"0xFFFFFFFFFFFFFFFF", kI, -1}, {"0xFFFFFFFFFFFFFFFF", kF, -1},
+      {".5 + 5.", kF, 5.5}, {"1.5e3 + 2E-1", kF, 1500.2}, {"123456789012345678901234567890", kF, 1.2345678901234568e29},
+      {"7.9", kI, 7}, {"-7.9", kI, -7},
+      // Functions, case-insensitive, and constants.
+      {"SGN(-3.5)", kF, -1}, {"SGN(0)", kF, 0}, {"SGN(0.1)", kF, 1}, {"NEG(2.5)", kF, -2.5},
+      {"ABS(-2.5)", kF, 2.5}, {"SQRT(6.25)", kF, 2.5}, {"EXP(1)", kF, M_E}, {"LN(E)", kF, 1},
+      {"LG(1000)", kF, 3}, {"SIN(PI/2)", kF, 1}, {"COS(PI)", kF, -1}, {"TAN(PI/4)", kF, 1},
+      {"ASIN(1)", kF, M_PI / 2}, {"ACOS(-1)", kF, M_PI}, {"ATAN(1)*4", kF, M_PI}, {"FLOOR(-2.5)", kF, -3},
+      {"CEIL(-2.5)", kF, -2}, {"CEIL(2.1)", kF, 3}, {"FRAC(7.25)", kF, 0.25}, {"neg(sgn(-2)) + Abs(-1)", kF, 2},
+      {"pi", kF, M_PI}, {"e", kF, M_E}, {"SGN(-7) + NEG(5)", kI, -6}, {"sgn(0)", kI, 0},
+      // Integer versus float: truncating / and C %, integer **.
+      {"15/6", kI, 2}, {"-15/6", kI, -2}, {"-15/6", kF, -2.5}, {"-7 % 3", kI, -1}, {"7 % -3", kI, 1},
+      {"-7.5 % 2", kF, -1.5}, {"3**4", kI, 81}, {"2**-1", kF, 0.5}, {"(-1)**-3", kI, -1}, {"1**-3", kI, 1},
+      // Float comparisons and logic give 1.0 / 0.0; bitwise operators and
+      // shifts work on the truncated int64 values.
+      {"2.5 > 2", kF, 1}, {"0.5 || 0", kF, 1}, {"0.5 && 0.25", kF, 1}, {"2.5 = 2.5", kF, 1},
+      {"2.5 <> 2.5", kF, 0}, {"7.9 & 3.2", kF, 3}, {"1.9 << 3.7", kF, 8}, {"~2.5", kF, -3},
+      {"5.5 ^ 1 | 8", kF, 12},
   };
-  for (const auto& c : cases) EXPECT_EQ(I(c.text), c.want) << c.text;
+  ExpectValues(cases, std::size(cases));
+  EXPECT_FALSE(std::signbit(F("-0.0 && 1")));  // a plain 0, not the operand
 }
 
-TEST(FormulaPrecedence, RealFileShapes) {
+// The random comparison below covers precedence broadly; these pin the
+// decisions: unary minus binds tighter than ** (C rules), = binds tighter
+// than &, ?: and ** are right-associative, == is accepted for =.
+TEST(FormulaPrecedence, Decisions) {
+  const ValueCase cases[] = {
+      {"2+3*4", kI, 14}, {"10-4-3", kI, 3}, {"100/10/5", kI, 2}, {"7/2*3%4", kI, 1}, {"2**3**2", kI, 512},
+      {"-2**2", kI, 4}, {"-2**2", kF, 4}, {"2**-1", kI, 0}, {"~1+1", kI, -1}, {"1+2<<1", kI, 6},
+      {"1<2=1", kI, 1}, {"7&3=3", kI, 1}, {"1|2^3&4", kI, 3}, {"1||0&&0", kI, 1}, {"1==1", kI, 1},
+      {"1?2:0?3:4", kI, 2}, {"0?2:0?3:4", kI, 4}, {"0?2:1?3:4", kI, 3}, {"1?0?5:6:7", kI, 6},
+      {"1&&0?5:6", kI, 6}, {"2+(0?1:2)*3", kI, 8}, {"-8>>1", kI, -4},
+  };
+  ExpectValues(cases, std::size(cases));
+  // Shapes from real camera descriptions.
   Vars v = {{"X", Int(1)}, {"A", Int(1)}, {"B", Int(0)}, {"Mode", Int(2)}};
-  EXPECT_EQ(I("X = 1 ? 10 : 20", v), 10);
   EXPECT_EQ(I("A = 1 && B", v), 0);
-  EXPECT_EQ(I("A && B ? 3 : 4", v), 4);
   EXPECT_EQ(I("Mode = 0 ? 100 : Mode = 1 ? 200 : Mode = 2 ? 300 : 400", v), 300);
   EXPECT_EQ(I("(X & 0x1) = 1 ? (Mode << 4) | 0xF : 0", v), 0x2F);
-  // NEG is arithmetic, not a logical not.
-  EXPECT_EQ(I("A && NEG(B + 3)", v), 1);
+  EXPECT_EQ(I("A && NEG(B + 3)", v), 1);  // NEG is arithmetic, not a logical not
 }
 
-TEST(FormulaSemantics, IntegerVersusFloat) {
-  EXPECT_EQ(I("15/6"), 2);
-  EXPECT_EQ(I("-15/6"), -2);  // truncates toward zero
-  EXPECT_DOUBLE_EQ(F("-15/6"), -2.5);
-  EXPECT_EQ(I("-7 % 3"), -1);  // C remainder
-  EXPECT_EQ(I("7 % -3"), 1);
-  EXPECT_DOUBLE_EQ(F("-7.5 % 2"), -1.5);
-  EXPECT_EQ(I("3**4"), 81);
-  EXPECT_DOUBLE_EQ(F("2**-1"), 0.5);
-  EXPECT_DOUBLE_EQ(F("-2**2"), 4.0);
-  EXPECT_EQ(I("(-1)**-3"), -1);
-  EXPECT_EQ(I("1**-3"), 1);
-  // Comparisons and logic give 1.0 / 0.0 in float formulas.
-  EXPECT_DOUBLE_EQ(F("2.5 > 2"), 1.0);
-  EXPECT_DOUBLE_EQ(F("0.5 || 0"), 1.0);
-  EXPECT_DOUBLE_EQ(F("0.5 && 0.25"), 1.0);
-  EXPECT_DOUBLE_EQ(F("2.5 = 2.5"), 1.0);
-  EXPECT_DOUBLE_EQ(F("2.5 <> 2.5"), 0.0);
-  EXPECT_FALSE(std::signbit(F("-0.0 && 1")));  // a plain 0, not the operand
-  // Bitwise operators and shifts work on the truncated int64 values.
-  EXPECT_DOUBLE_EQ(F("7.9 & 3.2"), 3.0);
-  EXPECT_DOUBLE_EQ(F("1.9 << 3.7"), 8.0);
-  EXPECT_DOUBLE_EQ(F("~2.5"), -3.0);
-  EXPECT_DOUBLE_EQ(F("5.5 ^ 1 | 8"), 12.0);
-}
-
-TEST(FormulaSemantics, OverflowWrapsInsteadOfTrapping) {
+TEST(FormulaSemantics, OverflowWrapsAndSaturates) {
   constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
   Vars v = {{"MIN", Int(kMin)}, {"MAX", Int(kMax)}};
   EXPECT_EQ(I("MAX + 1", v), kMin);
-  EXPECT_EQ(I("MIN - 1", v), kMax);
   EXPECT_EQ(I("-MIN", v), kMin);
   EXPECT_EQ(I("MIN / -1", v), kMin);
   EXPECT_EQ(I("MIN % -1", v), 0);
-  EXPECT_EQ(I("MAX * 2", v), -2);
   EXPECT_EQ(I("2 ** 64"), 0);
-  EXPECT_EQ(I("3 ** 0"), 1);
-  EXPECT_EQ(I("1 << 63", v), kMin);
   EXPECT_EQ(I("MIN >> 63", v), -1);
-  // Float results outside int64 saturate when read as integers.
-  CFormula big("1e300", Mode::Float, {});
-  EXPECT_EQ(big.EvaluateInt(nullptr), kMax);
-  CFormula nan("SQRT(-1)", Mode::Float, {});
+  EXPECT_EQ(I("0x7fffffffffffffff"), kMax);
+  EXPECT_EQ(I("-9223372036854775808"), kMin);
+  EXPECT_EQ(I("1e30"), kMax);
+  EXPECT_EQ(I("1e999"), kMax);
+  EXPECT_EQ(F("1e999"), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(F("1e-999"), 0.0);
+  // Float results outside int64 saturate when read as integers, NaN reads 0.
+  EXPECT_EQ(CFormula("1e300", kF, {}).EvaluateInt(nullptr), kMax);
+  CFormula nan("SQRT(-1)", kF, {});
   EXPECT_TRUE(std::isnan(nan.EvaluateFloat(nullptr)));
   EXPECT_EQ(nan.EvaluateInt(nullptr), 0);
 }
@@ -268,37 +219,16 @@ TEST(FormulaErrors, RejectedAtCompileWithWhatAndWhere) {
     const char* text;
     const char* what;  // part of the message
   } cases[] = {
-      {"", "empty"},
-      {"   \t ", "empty"},
-      {"\"abc\"", "strings"},
-      {"'abc'", "strings"},
-      {"1 $ 2", "'$'"},
-      {"#1", "'#'"},
-      {"!A", "'!'"},
-      {"1 != 2", "'!'"},
-      {"1 2 3", "number 2"},
-      {"(1+2", "expected ')'"},
-      {"1+2)", "unexpected ')'"},
-      {"()", "empty parentheses"},
-      {"SGN()", "SGN takes 1 argument, not 0"},
-      {"SGN(A,B)", "SGN takes 1 argument, not 2"},
-      {"ROUND(A,B,C)", "ROUND takes 1 or 2 arguments, not 3"},
-      {"FOO(1)", "unknown function 'FOO'"},
-      {"0x", "'0x' without"},
-      {"0xG1", "'0x' without"},
-      {"1.2.3", "malformed number"},
-      {"2abc", "malformed number"},
-      {"0x1FFFFFFFFFFFFFFFF", "wider than 64 bits"},
-      {"A +", "end of text"},
-      {"? 1 : 2", "'?'"},
-      {"A ? 1", "expected ':'"},
-      {"A ? 1 , 2", "expected ':'"},
-      {"Blade", "did you mean 'BLADE'"},
-      {"Q", "unknown name 'Q'"},
-      {"SIN + 1", "needs its arguments"},
-      {"A(1)", "is a variable, not a function"},
-      {"1 + * 2", "found '*'"},
-      {"SGN(1,)", "found ')'"},
+      {"", "empty"}, {"   \t ", "empty"}, {"\"abc\"", "strings"}, {"'abc'", "strings"},
+      {"1 $ 2", "'$'"}, {"#1", "'#'"}, {"!A", "'!'"}, {"1 != 2", "'!'"}, {"1 2 3", "number 2"},
+      {"(1+2", "expected ')'"}, {"1+2)", "unexpected ')'"}, {"()", "empty parentheses"},
+      {"SGN()", "SGN takes 1 argument, not 0"}, {"SGN(A,B)", "SGN takes 1 argument, not 2"},
+      {"ROUND(A,B,C)", "ROUND takes 1 or 2 arguments, not 3"}, {"FOO(1)", "unknown function 'FOO'"},
+      {"0x", "'0x' without"}, {"0xG1", "'0x' without"}, {"1.2.3", "malformed number"},
+      {"2abc", "malformed number"}, {"0x1FFFFFFFFFFFFFFFF", "wider than 64 bits"}, {"A +", "end of text"},
+      {"? 1 : 2", "'?'"}, {"A ? 1", "expected ':'"}, {"A ? 1 , 2", "expected ':'"},
+      {"Blade", "did you mean 'BLADE'"}, {"Q", "unknown name 'Q'"}, {"SIN + 1", "needs its arguments"},
+      {"A(1)", "is a variable, not a function"}, {"1 + * 2", "found '*'"}, {"SGN(1,)", "found ')'"},
       {"1\x01", "byte 0x01"},
   };
   Vars v = {{"A", Int(1)}, {"B", Int(1)}, {"C", Int(1)}, {"BLADE", Int(1)}};
@@ -386,29 +316,35 @@ TEST(FormulaRobustness, DeepNestingIsBoundedNotACrash) {
   chain += "-1";
   EXPECT_EQ(I(chain, {{"X", Int(4321)}}), 8642);
 
+  // The deepest accepted nesting, each level passing through every parser
+  // stage, stays within the thread's stack (checked under AddressSanitizer).
+  std::string worst;
+  for (int i = 0; i < 199; ++i) worst += "0||1&&-ABS(~";
+  worst += "0" + std::string(199, ')');
+  EXPECT_DOUBLE_EQ(F(worst), 1.0);
+
   // Moderate nesting, as written by hand, works in every form.
   std::string nested = std::string(150, '(') + "2" + std::string(150, ')');
   EXPECT_EQ(F("ABS(" + nested + ") + " + nested), 4.0);
 }
 
+// Evaluation keeps no state in the formula: two threads sharing one must
+// get the results a single thread gets.
 TEST(FormulaThreads, ConcurrentEvaluationsAgree) {
-  CFormula f("X > 100 ? (X * 3 + Y) / 2 : ROUND(X / 7, 2) + FRAC(Y / 3)", Mode::Float, {"X", "Y"});
-  auto expected = [](int x, int y) {
-    FormulaValue v[] = {FormulaValue::Int(x), FormulaValue::Int(y)};
-    CFormula g("X > 100 ? (X * 3 + Y) / 2 : ROUND(X / 7, 2) + FRAC(Y / 3)", Mode::Float, {"X", "Y"});
-    return g.EvaluateFloat(v);
-  };
-  std::vector<double> want(400);
-  for (int i = 0; i < 400; ++i) want[i] = expected(i, 400 - i);
+  const char* text = "X > 100 ? (X * 3 + Y) / 2 : ROUND(X / 7, 2) + FRAC(Y / 3)";
+  CFormula f(text, kF, {"X", "Y"});
+  std::vector<std::array<FormulaValue, 2>> at;
+  std::vector<double> want;
+  for (int i = 0; i < 400; ++i) {
+    at.push_back({Int(i), Int(400 - i)});
+    want.push_back(F(text, {{"X", Int(i)}, {"Y", Int(400 - i)}}));
+  }
   int mismatches[2] = {0, 0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&, t] {
       for (int round = 0; round < 200; ++round)
-        for (int i = 0; i < 400; ++i) {
-          FormulaValue v[] = {FormulaValue::Int(i), FormulaValue::Int(400 - i)};
-          if (f.EvaluateFloat(v) != want[i]) ++mismatches[t];
-        }
+        for (int i = 0; i < 400; ++i) mismatches[t] += f.EvaluateFloat(at[i].data()) != want[i];
     });
   }
   for (auto& th : threads) th.join();
@@ -424,97 +360,66 @@ namespace {
 
 struct RefError {};
 
+// A leaf (op empty), a prefix operator, a binary operator or "?:".
 struct Node {
-  enum Kind { Lit, Var, Unary, Binary, Cond } kind = Lit;
-  std::string op;
-  double lit = 0;
-  int var = 0;
+  std::string op, leaf;
+  double value = 0;
   std::vector<Node> kids;
 };
 
+const char* const kOps[] = {"||", "&&", "|", "^", "&", "=",  "<>", "<",  ">", "<=",
+                            ">=", "<<", ">>", "+", "-", "*", "/",  "%", "**"};
+const int kLevels[] = {2, 3, 4, 5, 6, 7, 7, 8, 8, 8, 8, 9, 9, 10, 10, 11, 11, 11, 12};
 const char* const kVarNames[] = {"A", "B", "C", "D"};
 const int64_t kVarValues[] = {7, -3, 0, int64_t{1} << 40};
 
-struct BinInfo {
-  const char* op;
-  int level;
-};
-const BinInfo kBinary[] = {{"||", 2}, {"&&", 3}, {"|", 4},  {"^", 5},  {"&", 6},  {"=", 7},   {"<>", 7},
-                           {"<", 8},  {">", 8},  {"<=", 8}, {">=", 8}, {"<<", 9}, {">>", 9},  {"+", 10},
-                           {"-", 10}, {"*", 11}, {"/", 11}, {"%", 11}, {"**", 12}};
-
 int Level(const Node& n) {
-  switch (n.kind) {
-    case Node::Cond: return 1;
-    case Node::Unary: return 13;
-    case Node::Binary:
-      for (const auto& b : kBinary)
-        if (n.op == b.op) return b.level;
-      return 0;
-    default: return 14;
-  }
+  if (n.op.empty()) return 14;
+  if (n.op == "?:") return 1;
+  if (n.kids.size() == 1) return 13;
+  for (size_t k = 0; k < std::size(kOps); ++k)
+    if (n.op == kOps[k]) return kLevels[k];
+  return 0;
 }
 
-std::string Print(const Node& n, bool full, bool is_float) {
-  auto wrap = [&](const Node& kid, bool need) {
-    std::string s = Print(kid, full, is_float);
-    return (need || (full && kid.kind != Node::Lit && kid.kind != Node::Var)) ? "(" + s + ")" : s;
+std::string Print(const Node& n, bool full) {
+  auto sub = [&](const Node& kid, bool need) {
+    const std::string s = Print(kid, full);
+    return need || (full && !kid.op.empty()) ? "(" + s + ")" : s;
   };
-  switch (n.kind) {
-    case Node::Lit: {
-      char buf[32];
-      if (n.lit != std::floor(n.lit)) {
-        std::snprintf(buf, sizeof buf, "%.1f", n.lit);
-      } else if (static_cast<int>(n.lit) % 3 == 0) {
-        std::snprintf(buf, sizeof buf, "0x%X", static_cast<unsigned>(n.lit));
-      } else {
-        std::snprintf(buf, sizeof buf, "%d", static_cast<int>(n.lit));
-      }
-      return buf;
-    }
-    case Node::Var: return kVarNames[n.var];
-    case Node::Unary: return n.op + wrap(n.kids[0], Level(n.kids[0]) < 13);
-    case Node::Binary: {
-      const int l = Level(n);
-      const bool right = n.op == "**";
-      const int ll = Level(n.kids[0]), rl = Level(n.kids[1]);
-      return wrap(n.kids[0], ll < l || (right && ll == l)) + " " + n.op + " " +
-             wrap(n.kids[1], rl < l || (!right && rl == l));
-    }
-    case Node::Cond:
-      return wrap(n.kids[0], Level(n.kids[0]) <= 1) + " ? " + wrap(n.kids[1], false) + " : " +
-             wrap(n.kids[2], false);
-  }
-  return "";
+  if (n.op.empty()) return n.leaf;
+  if (n.op == "?:")
+    return sub(n.kids[0], Level(n.kids[0]) <= 1) + " ? " + sub(n.kids[1], false) + " : " + sub(n.kids[2], false);
+  if (n.kids.size() == 1) return n.op + sub(n.kids[0], Level(n.kids[0]) < 13);
+  const int l = Level(n), ll = Level(n.kids[0]), rl = Level(n.kids[1]);
+  const bool right = n.op == "**";
+  return sub(n.kids[0], ll < l || (right && ll == l)) + " " + n.op + " " +
+         sub(n.kids[1], rl < l || (!right && rl == l));
 }
 
 Node Generate(std::mt19937& rng, int depth, bool is_float) {
-  std::uniform_int_distribution<int> pick(0, 99);
-  const int r = pick(rng);
+  auto pick = [&](size_t n) { return static_cast<int>(rng() % n); };
   Node n;
+  const int r = pick(100);
   if (depth == 0 || r < 25) {
+    const int k = pick(20);
     if (r % 2) {
-      n.kind = Node::Var;
-      n.var = pick(rng) % 4;
+      n.leaf = kVarNames[k % 4];
+      n.value = static_cast<double>(kVarValues[k % 4]);
+    } else if (is_float && k % 4 == 1) {
+      n.leaf = std::to_string(k) + ".5";
+      n.value = k + 0.5;
     } else {
-      n.lit = pick(rng) % 20;
-      if (is_float && pick(rng) < 30) n.lit += 0.5;
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "0x%X", k);
+      n.leaf = k % 3 ? std::to_string(k) : hex;
+      n.value = k;
     }
     return n;
   }
-  if (r < 40) {
-    n.kind = Node::Unary;
-    const char* ops[] = {"-", "+", "~"};
-    n.op = ops[pick(rng) % 3];
-    n.kids.push_back(Generate(rng, depth - 1, is_float));
-  } else if (r < 50) {
-    n.kind = Node::Cond;
-    for (int k = 0; k < 3; ++k) n.kids.push_back(Generate(rng, depth - 1, is_float));
-  } else {
-    n.kind = Node::Binary;
-    n.op = kBinary[pick(rng) % (sizeof kBinary / sizeof kBinary[0])].op;
-    for (int k = 0; k < 2; ++k) n.kids.push_back(Generate(rng, depth - 1, is_float));
-  }
+  const size_t arity = r < 40 ? 1 : r < 50 ? 3 : 2;
+  n.op = arity == 1 ? std::string(1, "-+~"[pick(3)]) : arity == 3 ? "?:" : kOps[pick(std::size(kOps))];
+  for (size_t k = 0; k < arity; ++k) n.kids.push_back(Generate(rng, depth - 1, is_float));
   return n;
 }
 
@@ -538,8 +443,22 @@ int64_t RefIntPow(int64_t base, int64_t exp) {
   return static_cast<int64_t>(result);
 }
 
-int64_t RefIntOp(const std::string& op, int64_t a, int64_t b) {
+template <typename T>
+bool RefCompare(const std::string& op, T a, T b, T* out) {
+  if (op == "=") *out = a == b;
+  else if (op == "<>") *out = a != b;
+  else if (op == "<") *out = a < b;
+  else if (op == ">") *out = a > b;
+  else if (op == "<=") *out = a <= b;
+  else if (op == ">=") *out = a >= b;
+  else return false;
+  return true;
+}
+
+int64_t RefInt(const std::string& op, int64_t a, int64_t b) {
   const uint64_t ua = static_cast<uint64_t>(a), ub = static_cast<uint64_t>(b);
+  int64_t cmp;
+  if (RefCompare(op, a, b, &cmp)) return cmp;
   if (op == "+") return static_cast<int64_t>(ua + ub);
   if (op == "-") return static_cast<int64_t>(ua - ub);
   if (op == "*") return static_cast<int64_t>(ua * ub);
@@ -553,101 +472,71 @@ int64_t RefIntOp(const std::string& op, int64_t a, int64_t b) {
     if (b < 0 || b > 63) throw RefError();
     return op == "<<" ? static_cast<int64_t>(ua << b) : a >> b;
   }
-  if (op == "&") return a & b;
-  if (op == "|") return a | b;
-  if (op == "^") return a ^ b;
-  if (op == "=") return a == b;
-  if (op == "<>") return a != b;
-  if (op == "<") return a < b;
-  if (op == ">") return a > b;
-  if (op == "<=") return a <= b;
-  return a >= b;
+  return op == "&" ? a & b : op == "|" ? a | b : a ^ b;
 }
 
 template <typename T>
 T Reference(const Node& n) {
-  constexpr bool kFloat = std::is_same_v<T, double>;
-  switch (n.kind) {
-    case Node::Lit: return kFloat ? static_cast<T>(n.lit) : static_cast<T>(static_cast<int64_t>(n.lit));
-    case Node::Var: return static_cast<T>(kVarValues[n.var]);
-    case Node::Cond: return Reference<T>(n.kids[0]) != 0 ? Reference<T>(n.kids[1]) : Reference<T>(n.kids[2]);
-    case Node::Unary: {
-      T v = Reference<T>(n.kids[0]);
-      if (n.op == "+") return v;
-      if (n.op == "~") return static_cast<T>(~RefToInt(static_cast<double>(v)));
-      if constexpr (kFloat) {
-        return -v;
-      } else {
-        return static_cast<int64_t>(0 - static_cast<uint64_t>(v));
-      }
-    }
-    case Node::Binary: {
-      const T a = Reference<T>(n.kids[0]);
-      if (n.op == "&&") return a != 0 && Reference<T>(n.kids[1]) != 0;
-      if (n.op == "||") return a != 0 || Reference<T>(n.kids[1]) != 0;
-      const T b = Reference<T>(n.kids[1]);
-      if constexpr (kFloat) {
-        const std::string& op = n.op;
-        if ((op == "/" || op == "%") && b == 0) throw RefError();
-        if (op == "+") return a + b;
-        if (op == "-") return a - b;
-        if (op == "*") return a * b;
-        if (op == "/") return a / b;
-        if (op == "%") return std::fmod(a, b);
-        if (op == "**") return std::pow(a, b);
-        if (op == "=") return a == b;
-        if (op == "<>") return a != b;
-        if (op == "<") return a < b;
-        if (op == ">") return a > b;
-        if (op == "<=") return a <= b;
-        if (op == ">=") return a >= b;
-        return static_cast<double>(RefIntOp(op, RefToInt(a), RefToInt(b)));
-      } else {
-        return RefIntOp(n.op, a, b);
-      }
-    }
+  if (n.op.empty()) return static_cast<T>(n.value);
+  const T a = Reference<T>(n.kids[0]);
+  if (n.op == "?:") return a != 0 ? Reference<T>(n.kids[1]) : Reference<T>(n.kids[2]);
+  if (n.op == "&&") return a != 0 && Reference<T>(n.kids[1]) != 0;
+  if (n.op == "||") return a != 0 || Reference<T>(n.kids[1]) != 0;
+  if constexpr (std::is_same_v<T, double>) {
+    if (n.kids.size() == 1) return n.op == "+" ? a : n.op == "-" ? -a : static_cast<double>(~RefToInt(a));
+    const double b = Reference<T>(n.kids[1]);
+    double cmp;
+    if (RefCompare(n.op, a, b, &cmp)) return cmp;
+    if ((n.op == "/" || n.op == "%") && b == 0) throw RefError();
+    if (n.op == "+") return a + b;
+    if (n.op == "-") return a - b;
+    if (n.op == "*") return a * b;
+    if (n.op == "/") return a / b;
+    if (n.op == "%") return std::fmod(a, b);
+    if (n.op == "**") return std::pow(a, b);
+    return static_cast<double>(RefInt(n.op, RefToInt(a), RefToInt(b)));
+  } else {
+    if (n.kids.size() == 1) return n.op == "+" ? a : n.op == "-" ? RefInt("-", 0, a) : ~a;
+    return RefInt(n.op, a, Reference<T>(n.kids[1]));
   }
-  return 0;
+}
+
+std::string Show(int64_t v) { return std::to_string(v); }
+std::string Show(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  return std::isnan(v) ? "nan" : buf;
 }
 
 template <typename T>
 void CompareRandom(Mode mode, unsigned seed) {
   std::mt19937 rng(seed);
-  const bool is_float = mode == Mode::Float;
-  std::vector<std::string> names(std::begin(kVarNames), std::end(kVarNames));
+  const std::vector<std::string> names(std::begin(kVarNames), std::end(kVarNames));
   std::vector<FormulaValue> values;
   for (int64_t v : kVarValues) values.push_back(FormulaValue::Int(v));
-  int failures = 0;
-  for (int trial = 0; trial < 3000 && failures < 5; ++trial) {
-    const Node tree = Generate(rng, 1 + trial % 6, is_float);
-    bool ref_throws = false;
-    T want{};
+  int failures = 0, valued = 0;
+  const int kTrials = 3000;
+  for (int trial = 0; trial < kTrials && failures < 5; ++trial) {
+    const Node tree = Generate(rng, 1 + trial % 6, mode == Mode::Float);
+    std::string want = "an error";
     try {
-      want = Reference<T>(tree);
+      want = Show(Reference<T>(tree));
+      ++valued;
     } catch (const RefError&) {
-      ref_throws = true;
     }
     for (bool full : {false, true}) {
-      const std::string text = Print(tree, full, is_float);
-      CFormula f(text, mode, names);
+      const std::string text = Print(tree, full);
+      std::string got;
       try {
-        const FormulaValue got = f.Evaluate(values.data());
-        const bool same = is_float ? (got.f == static_cast<double>(want) ||
-                                      (std::isnan(got.f) && std::isnan(static_cast<double>(want))))
-                                   : got.i == static_cast<int64_t>(want);
-        if (ref_throws || !same) {
-          ++failures;
-          ADD_FAILURE() << text << " gave " << (is_float ? got.f : got.i) << ", expected "
-                        << (ref_throws ? "an error" : std::to_string(want));
-        }
-      } catch (const FormulaError& e) {
-        if (!ref_throws) {
-          ++failures;
-          ADD_FAILURE() << text << " threw " << e.what() << ", expected " << want;
-        }
+        const FormulaValue v = CFormula(text, mode, names).Evaluate(values.data());
+        got = mode == Mode::Float ? Show(v.f) : Show(v.i);
+      } catch (const FormulaError&) {
+        got = "an error";
       }
+      if (got != want && ++failures) ADD_FAILURE() << text << " gave " << got << ", expected " << want;
     }
   }
+  EXPECT_GT(valued, kTrials * 3 / 4);  // the trees mostly evaluate, not mostly fail
 }
 
 }  // namespace

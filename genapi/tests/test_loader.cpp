@@ -3,6 +3,8 @@
 
 #include <fstream>
 #include <sstream>
+#include <zip.h>
+#include <unistd.h>
 
 #include "fake_port.h"
 
@@ -11,13 +13,6 @@ using kivtest::Describe;
 using kivtest::FakePort;
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 // Reads every node through its interface; errors are fine, crashes and
 // foreign exception types are not.
@@ -83,6 +78,12 @@ TEST(Loader, RejectsMalformedDocuments) {
     EXPECT_THROW(map._LoadXMLFromString(xml), RuntimeException) << xml;
     EXPECT_EQ(map._Ptr, nullptr);
   }
+  // Nested address knives a thousand levels deep.
+  std::string deep;
+  for (int i = 0; i < 1000; ++i) deep += "<IntSwissKnife Name=\"K" + std::to_string(i) + "\">";
+  for (int i = 0; i < 1000; ++i) deep += "</IntSwissKnife>";
+  CNodeMapRef map;
+  EXPECT_THROW(map._LoadXMLFromString(Describe(deep)), RuntimeException);
 }
 
 TEST(Loader, SecondLoadAndUnloadedReferenceAreErrors) {
@@ -146,6 +147,76 @@ TEST(Loader, ReferenceCyclesEndInAnException) {
     }
     ADD_FAILURE() << n << " evaluated through a cycle";
   }
+}
+
+// Writes `xml` as the only entry of a ZIP file and returns the file's bytes.
+std::string Zip(const std::string& xml, const std::string& path) {
+  zipFile z = zipOpen(path.c_str(), APPEND_STATUS_CREATE);
+  EXPECT_NE(z, nullptr);
+  EXPECT_EQ(zipOpenNewFileInZip(z, "camera.xml", nullptr, nullptr, 0, nullptr, 0, nullptr, Z_DEFLATED,
+                                Z_DEFAULT_COMPRESSION), ZIP_OK);
+  zipWriteInFileInZip(z, xml.data(), static_cast<unsigned>(xml.size()));
+  zipCloseFileInZip(z);
+  zipClose(z, nullptr);
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+TEST(Loader, VeryLongReferenceChainsFailCleanly) {
+  // 20000 integers, each reading the next and invalidated by the previous.
+  const int n = 20000;
+  std::string nodes;
+  for (int i = 0; i < n; ++i) {
+    std::string me = "N" + std::to_string(i), next = "N" + std::to_string(i + 1);
+    nodes += "<Integer Name=\"" + me + "\">" +
+             (i + 1 < n ? "<pValue>" + next + "</pValue>" : std::string("<Value>7</Value>")) +
+             (i > 0 ? "<pInvalidator>N" + std::to_string(i - 1) + "</pInvalidator>" : std::string()) + "</Integer>";
+  }
+  kivtest::Fixture f(nodes);
+  EXPECT_EQ(CIntegerPtr(f.Node("N19990"))->GetValue(), 7);
+  EXPECT_THROW(CIntegerPtr(f.Node("N0"))->GetValue(), GenericException);  // too deep: not available
+  f.Node("N0")->InvalidateNode();  // walks all 20000 dependents without recursion
+  CIntegerPtr(f.Node("N19999"))->SetValue(8);
+  EXPECT_EQ(CIntegerPtr(f.Node("N19990"))->GetValue(), 8);
+}
+
+TEST(Loader, ZipDescriptionsInMemoryAndOnDisk) {
+  std::string path = ::testing::TempDir() + "kivgenapi_" + std::to_string(getpid()) + ".zip";
+  std::string zip = Zip(Describe("<Integer Name=\"Z\"><Value>42</Value></Integer>"), path);
+  {
+    CNodeMapRef map;
+    map._LoadXMLFromZIPData(zip.data(), zip.size());
+    EXPECT_EQ(CIntegerPtr(map._GetNode("Z"))->GetValue(), 42);
+  }
+  {
+    CNodeMapRef map;
+    map._LoadXMLFromZIPFile(path);
+    EXPECT_EQ(CIntegerPtr(map._GetNode("Z"))->GetValue(), 42);
+  }
+  // A truncated archive is an error, not a crash.
+  CNodeMapRef map;
+  EXPECT_THROW(map._LoadXMLFromZIPData(zip.data(), zip.size() / 2), RuntimeException);
+  std::remove(path.c_str());
+}
+
+TEST(Loader, OldStyleEntryReferencesAndSwappedPorts) {
+  CNodeMapRef map;
+  map._LoadXMLFromString(Describe(R"(
+    <Port Name="Swapped"><SwapEndianess>Yes</SwapEndianess></Port>
+    <EnumEntry Name="Slow"><Value>1</Value></EnumEntry>
+    <EnumEntry Name="Fast"><Value>2</Value></EnumEntry>
+    <Enumeration Name="Speed"><pEnumEntry>Slow</pEnumEntry><pEnumEntry>Fast</pEnumEntry><pValue>R</pValue></Enumeration>
+    <IntReg Name="R"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Swapped</pPort>
+      <Endianess>BigEndian</Endianess></IntReg>)", false));
+  FakePort port;
+  ASSERT_TRUE(map._Connect(&port, "Swapped"));
+  CEnumerationPtr speed(map._GetNode("Speed"));
+  *speed = "Fast";
+  // A big-endian 2 seen through a quadlet-swapping port lands little-endian.
+  EXPECT_EQ(port.Peek(0, 4), (std::vector<uint8_t>{2, 0, 0, 0}));
+  EXPECT_EQ(std::string(speed->ToString(false, true)), "Fast");
 }
 
 TEST(Loader, ZipDataAndFiles) {

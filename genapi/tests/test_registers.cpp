@@ -68,6 +68,36 @@ TEST(ByteOrder, IntRegAssemblesBothOrdersAndSignExtends) {
   EXPECT_THROW(CIntegerPtr(f.Node("S16"))->SetValue(40000), OutOfRangeException);
 }
 
+TEST(ByteOrder, LengthFromANodeIsSettledAtEachAccess) {
+  Fixture f(R"(<Integer Name="Len"><Value>2</Value></Integer>
+    <IntReg Name="R"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <Endianess>BigEndian</Endianess><Cachable>NoCache</Cachable></IntReg>
+    <FloatReg Name="F"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <Endianess>BigEndian</Endianess></FloatReg>)");
+  f.port.Poke(0, {0x01, 0x02, 0x03, 0x04});
+  CIntegerPtr r(f.Node("R"));
+  EXPECT_EQ(r->GetValue(), 0x0102);
+  EXPECT_EQ(r->GetMax(), 0xFFFF);
+  EXPECT_THROW(CFloatPtr(f.Node("F"))->GetValue(), LogicalErrorException);
+  CIntegerPtr(f.Node("Len"))->SetValue(4);
+  EXPECT_EQ(r->GetValue(), 0x01020304);
+  CIntegerPtr(f.Node("Len"))->SetValue(9);
+  EXPECT_THROW(r->GetValue(), LogicalErrorException);
+}
+
+TEST(OtherRegisters, AbsurdLengthsFromNodesAreRefused) {
+  Fixture f(R"(<Integer Name="Len"><Value>-1</Value></Integer>
+    <StringReg Name="S"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort></StringReg>
+    <Register Name="R"><Address>0</Address><pLength>Len</pLength><AccessMode>RW</AccessMode><pPort>Device</pPort></Register>)");
+  CIntegerPtr len(f.Node("Len"));
+  for (int64_t bad : {int64_t(-1), int64_t(0), int64_t(1) << 40}) {
+    len->SetValue(bad);
+    EXPECT_THROW(CStringPtr(f.Node("S"))->GetValue(), OutOfRangeException);
+    EXPECT_THROW(CRegisterPtr(f.Node("R"))->GetLength(), OutOfRangeException);
+  }
+  EXPECT_EQ(f.port.Reads(), 0u);
+}
+
 TEST(BitFields, LittleAndBigEndianNumberingAgree) {
   // The same physical field (bits 4..7 of the value) in both numberings.
   Fixture f(Reg("MaskedIntReg", "LE", "<Address>0</Address><LSB>4</LSB><MSB>7</MSB>", "2") +
@@ -221,8 +251,38 @@ TEST(Caching, PollingInvalidatesAfterItsTimeAndCallbacksFire) {
   f.map._Poll(500);
   EXPECT_EQ(p->GetValue(), 2);
   EXPECT_EQ(fired, 1);
+  // Invalidating a feature reaches the register it reads from.
+  f.port.PokeU32LE(0, 3);
+  f.Node("Dep")->InvalidateNode();
+  EXPECT_EQ(CIntegerPtr(f.Node("Dep"))->GetValue(), 3);
   EXPECT_EQ(f.Node("P")->GetPollingTime(), 1000);
   EXPECT_EQ(f.Node("Dep")->GetPollingTime(), -1);
+}
+
+TEST(Caching, CommandsAndEnumerationsPollOnlyWhileSomethingIsPending) {
+  Fixture f(Reg("IntReg", "R", "<Address>0</Address>") + Reg("IntReg", "E", "<Address>4</Address>") + R"(
+    <Command Name="C"><pValue>R</pValue><CommandValue>1</CommandValue><PollingTime>100</PollingTime></Command>
+    <Enumeration Name="Auto"><pValue>E</pValue><PollingTime>100</PollingTime>
+      <EnumEntry Name="Off"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="Once"><Value>1</Value><IsSelfClearing>Yes</IsSelfClearing></EnumEntry></Enumeration>)");
+  int command_events = 0, enum_events = 0;
+  f.Node("C")->RegisterCallback([&](INode*) { ++command_events; });
+  f.Node("Auto")->RegisterCallback([&](INode*) { ++enum_events; });
+  f.map._Poll(100);
+  EXPECT_EQ(command_events, 0);  // idle command, enumeration on a steady entry
+  EXPECT_EQ(enum_events, 0);
+  CCommandPtr(f.Node("C"))->Execute();
+  CEnumerationPtr(f.Node("Auto"))->FromString("Once");
+  command_events = enum_events = 0;
+  f.map._Poll(100);
+  EXPECT_EQ(command_events, 1);
+  EXPECT_EQ(enum_events, 1);
+  f.port.PokeU32LE(4, 0);  // the device finished the one-shot
+  f.map._Poll(100);
+  EXPECT_EQ(std::string(CEnumerationPtr(f.Node("Auto"))->ToString()), "Off");
+  enum_events = 0;
+  f.map._Poll(100);
+  EXPECT_EQ(enum_events, 0);
 }
 
 TEST(PortErrors, PassThroughUnchangedAndLeaveNoStaleCache) {
@@ -234,6 +294,16 @@ TEST(PortErrors, PassThroughUnchangedAndLeaveNoStaleCache) {
   f.port.fail = false;
   f.port.PokeU32LE(0, 4);
   EXPECT_EQ(r->GetValue(), 4);
+}
+
+TEST(PortErrors, FailedAvailabilityReadIsNotRemembered) {
+  Fixture f(Reg("IntReg", "Avail", "<Address>0</Address>") +
+            R"(<Integer Name="X"><Value>5</Value><pIsAvailable>Avail</pIsAvailable></Integer>)");
+  f.port.PokeU32LE(0, 1);
+  f.port.fail = true;
+  EXPECT_EQ(f.Node("X")->GetAccessMode(), NA);
+  f.port.fail = false;
+  EXPECT_EQ(f.Node("X")->GetAccessMode(), RW);
 }
 
 TEST(PortErrors, UnconnectedPortMakesRegistersUnavailable) {

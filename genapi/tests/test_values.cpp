@@ -52,6 +52,22 @@ TEST(Integer, RangeAndIncrementChecksOnVerifiedWrites) {
   EXPECT_EQ(i->GetMax(), 150);
 }
 
+TEST(Integer, AddressRepresentationsRoundTripAsText) {
+  Fixture f(R"(<Integer Name="Ip"><Value>0</Value><Representation>IPV4Address</Representation></Integer>
+    <Integer Name="Mac"><Value>0</Value><Representation>MACAddress</Representation></Integer>
+    <Integer Name="Hex"><Value>255</Value><Representation>HexNumber</Representation></Integer>)");
+  CIntegerPtr ip(f.Node("Ip")), mac(f.Node("Mac"));
+  ip->FromString("192.168.1.20");
+  EXPECT_EQ(ip->GetValue(), 0xC0A80114);
+  EXPECT_EQ(std::string(ip->ToString()), "192.168.1.20");
+  mac->FromString("00:1b:2C:3d:4E:5f");
+  EXPECT_EQ(mac->GetValue(), 0x001B2C3D4E5Fll);
+  EXPECT_EQ(std::string(mac->ToString()), "00:1B:2C:3D:4E:5F");
+  EXPECT_EQ(std::string(CIntegerPtr(f.Node("Hex"))->ToString()), "0xff");
+  for (const char* bad : {"1.2.3", "1.2.3.256", "1.2.3.4.5", "00:11:22:33:44", "a.b.c.d"})
+    EXPECT_THROW(ip->FromString(bad), InvalidArgumentException) << bad;
+}
+
 TEST(Integer, IndexedTableAndValueCopies) {
   Fixture f(RegAt("0", "0") + RegAt("1", "4") + R"(
     <Integer Name="Idx"><Value>0</Value></Integer>
@@ -193,6 +209,24 @@ TEST(String, FloatingAndRegisterBacked) {
   p->SetValue("ab");
   EXPECT_EQ(std::string(CStringPtr(f.Node("SR"))->GetValue()), "ab");
   EXPECT_EQ(p->GetMaxLength(), 4);
+}
+
+TEST(Integer, DeviceErrorAfterAWriteIsReported) {
+  Fixture f(RegAt("0", "0") + RegAt("1", "4") + R"(
+    <Enumeration Name="Err"><pValue>R1</pValue>
+      <EnumEntry Name="Ok"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="TooBig"><Value>3</Value><Description>value exceeds the sensor size</Description></EnumEntry>
+    </Enumeration>
+    <Integer Name="I"><pValue>R0</pValue><pError>Err</pError></Integer>)");
+  CIntegerPtr i(f.Node("I"));
+  i->SetValue(5);
+  f.port.PokeU32BE(4, 3);  // the device flags the next write
+  try {
+    i->SetValue(6);
+    FAIL() << "no exception";
+  } catch (const InvalidArgumentException& e) {
+    EXPECT_NE(std::string(e.GetDescription()).find("sensor size"), std::string::npos);
+  }
 }
 
 TEST(SmartPointers, WrongInterfaceGivesEmptyPointer) {

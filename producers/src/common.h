@@ -15,6 +15,11 @@ namespace kivsim {
     return ::kivsim::SetError(GC_ERR_NOT_INITIALIZED, "Library not initialised"); \
   if (GC_ERROR injected_ = ::kivsim::Injected(name)) return injected_
 
+// Declares `var`, the module of type T behind `handle`, or fails the entry point.
+#define KIVSIM_HANDLE(T, var, handle, what)                  \
+  T* var = ::kivsim::Lookup<T>(handle, ::kivsim::ObjType::T); \
+  if (!var) return ::kivsim::SetError(GC_ERR_INVALID_HANDLE, "Invalid " what " handle")
+
 GC_ERROR Injected(const char* name);
 
 inline bool BadPtr(const void* p) { return !p || p == reinterpret_cast<const void*>(~uintptr_t(0)); }

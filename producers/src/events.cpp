@@ -120,8 +120,7 @@ GC_API GCUnregisterEvent(EVENTSRC_HANDLE hEventSrc, EVENT_TYPE iEventID) {
 
 GC_API EventGetData(EVENT_HANDLE hEvent, void* pBuffer, size_t* piSize, uint64_t iTimeout) {
   KIVSIM_ENTRY("EventGetData");
-  Event* e = Lookup<Event>(hEvent, ObjType::Event);
-  if (!e) return SetError(GC_ERR_INVALID_HANDLE, "Invalid event handle");
+  KIVSIM_HANDLE(Event, e, hEvent, "event");
   if (BadPtr(piSize)) return SetError(GC_ERR_INVALID_PARAMETER, "Size pointer is NULL");
   const size_t need = PayloadMax(e);
   if (pBuffer && *piSize < need && e->kind != EVENT_ERROR) return SetError(GC_ERR_BUFFER_TOO_SMALL, "Buffer too small");
@@ -174,8 +173,7 @@ GC_API EventGetData(EVENT_HANDLE hEvent, void* pBuffer, size_t* piSize, uint64_t
 GC_API EventGetDataInfo(EVENT_HANDLE hEvent, const void* pInBuffer, size_t iInSize, EVENT_DATA_INFO_CMD iInfoCmd,
                         INFO_DATATYPE* piType, void* pOutBuffer, size_t* piOutSize) {
   KIVSIM_ENTRY("EventGetDataInfo");
-  Event* e = Lookup<Event>(hEvent, ObjType::Event);
-  if (!e) return SetError(GC_ERR_INVALID_HANDLE, "Invalid event handle");
+  KIVSIM_HANDLE(Event, e, hEvent, "event");
   if (BadPtr(pInBuffer)) return SetError(GC_ERR_INVALID_PARAMETER, "Event data is NULL");
   if (e->kind == EVENT_NEW_BUFFER) {
     if (iInSize < sizeof(EVENT_NEW_BUFFER_DATA)) return SetError(GC_ERR_INVALID_PARAMETER, "Event data too short");
@@ -199,8 +197,7 @@ GC_API EventGetDataInfo(EVENT_HANDLE hEvent, const void* pInBuffer, size_t iInSi
 
 GC_API EventGetInfo(EVENT_HANDLE hEvent, EVENT_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("EventGetInfo");
-  Event* e = Lookup<Event>(hEvent, ObjType::Event);
-  if (!e) return SetError(GC_ERR_INVALID_HANDLE, "Invalid event handle");
+  KIVSIM_HANDLE(Event, e, hEvent, "event");
   switch (iInfoCmd) {
     case EVENT_EVENT_TYPE: return PutValue<int32_t>(INFO_DATATYPE_INT32, e->kind, piType, pBuffer, piSize);
     case EVENT_NUM_IN_QUEUE: return PutValue<size_t>(INFO_DATATYPE_SIZET, QueueLength(e), piType, pBuffer, piSize);
@@ -215,8 +212,7 @@ GC_API EventGetInfo(EVENT_HANDLE hEvent, EVENT_INFO_CMD iInfoCmd, INFO_DATATYPE*
 
 GC_API EventFlush(EVENT_HANDLE hEvent) {
   KIVSIM_ENTRY("EventFlush");
-  Event* e = Lookup<Event>(hEvent, ObjType::Event);
-  if (!e) return SetError(GC_ERR_INVALID_HANDLE, "Invalid event handle");
+  KIVSIM_HANDLE(Event, e, hEvent, "event");
   if (Stream* s = BufferSource(e)) {
     while (!s->output.empty()) {
       s->output.front()->state = Buffer::Idle;
@@ -229,8 +225,7 @@ GC_API EventFlush(EVENT_HANDLE hEvent) {
 
 GC_API EventKill(EVENT_HANDLE hEvent) {
   KIVSIM_ENTRY("EventKill");
-  Event* e = Lookup<Event>(hEvent, ObjType::Event);
-  if (!e) return SetError(GC_ERR_INVALID_HANDLE, "Invalid event handle");
+  KIVSIM_HANDLE(Event, e, hEvent, "event");
   e->kills++;
   e->cv.notify_all();
   return GC_ERR_SUCCESS;

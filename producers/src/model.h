@@ -93,7 +93,8 @@ struct Device : EventSource {
   std::vector<Stream*> streams;  // by index; null when not open
   std::thread engine;
   std::atomic<bool> stop{false};
-  std::atomic<uint32_t> ready_buffers{0};  // input buffers of started streams, for unlimited free-run
+  std::atomic<uint32_t> ready_buffers{0};
+  uint64_t first_seen = 0;  // frames the camera had produced when this process opened it  // input buffers of started streams, for unlimited free-run
   bool writable() const { return access != DEVICE_ACCESS_READONLY; }
 };
 
@@ -113,6 +114,7 @@ struct System : EventSource {
   std::map<uint32_t, Interface*> open;
   std::thread watcher;
   std::atomic<bool> stop{false};
+  uint64_t seen[kMaxInterfaces] = {};  // interface events already handed out
 };
 
 struct DeliveryOverride {

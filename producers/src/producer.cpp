@@ -1,5 +1,6 @@
 // Library, system, interface and device entry points.
 #include <dlfcn.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -17,9 +18,30 @@ std::mutex g_mu;
 Producer* g_prod = nullptr;
 
 namespace {
-thread_local GC_ERROR t_error = GC_ERR_SUCCESS;
-thread_local std::string t_text = "No Error";
-thread_local bool t_has_error = false;
+// The last error of each thread. A pthread key rather than thread_local: a
+// module loaded with dlopen would get dynamic TLS, which leak checkers trip over.
+struct LastError {
+  GC_ERROR code = GC_ERR_SUCCESS;
+  std::string text;
+};
+pthread_key_t g_error_key;
+
+void FreeLastError(void* p) { delete static_cast<LastError*>(p); }
+
+__attribute__((constructor)) void CreateErrorKey() { pthread_key_create(&g_error_key, FreeLastError); }
+__attribute__((destructor)) void DeleteErrorKey() {
+  FreeLastError(pthread_getspecific(g_error_key));
+  pthread_key_delete(g_error_key);
+}
+
+LastError* ThreadError(bool create) {
+  auto* e = static_cast<LastError*>(pthread_getspecific(g_error_key));
+  if (!e && create) {
+    e = new LastError();
+    pthread_setspecific(g_error_key, e);
+  }
+  return e;
+}
 
 std::string StateName() {
   const char* ns = std::getenv("KIVCAM_IPC_NAMESPACE");
@@ -35,11 +57,7 @@ void InitState(SharedState& s, void* ctx) {
 // Watches machine-wide interface events for this process's open interfaces.
 void WatcherMain(System* sys) {
   SharedState* st = g_prod->st();
-  uint64_t seen[kMaxInterfaces];
-  {
-    SharedLock l(st);
-    std::copy(st->iface_event_seq, st->iface_event_seq + kMaxInterfaces, seen);
-  }
+  uint64_t* seen = sys->seen;
   for (;;) {
     std::vector<std::pair<uint32_t, uint32_t>> todo;
     {
@@ -61,6 +79,7 @@ void WatcherMain(System* sys) {
 }
 
 void StopWatcher(System* sys, std::unique_lock<std::mutex>& lock) {
+  g_prod->live.erase(sys);
   sys->stop = true;
   {
     SharedLock l(g_prod->st());
@@ -77,6 +96,20 @@ std::vector<uint32_t> PluggedCameras(uint32_t iface) {
   for (uint32_t i = 0; i < g_prod->devices.size(); ++i)
     if (g_prod->devices[i]->config().interface_index == iface && g_prod->cam(i).plugged) v.push_back(i);
   return v;
+}
+
+// The cached list of an update: only the next update changes what the getters report.
+void UpdateList(std::vector<uint32_t>& listed, bool& updated, std::vector<uint32_t> now, bool8_t* pbChanged) {
+  bool changed = !updated || now != listed;
+  listed = std::move(now);
+  updated = true;
+  if (pbChanged) *pbChanged = changed;
+}
+
+GC_ERROR PutCount(const std::vector<uint32_t>& listed, uint32_t* count) {
+  if (BadPtr(count)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
+  *count = static_cast<uint32_t>(listed.size());
+  return GC_ERR_SUCCESS;
 }
 
 int FindCamera(const char* id) {
@@ -129,6 +162,12 @@ GC_ERROR SystemInfo(TL_INFO_CMD cmd, INFO_DATATYPE* t, void* b, size_t* n) {
   }
 }
 
+// Hosts may exit without GCCloseLib (the library leaves its producers to the
+// system at process end); the shared state must not outlive its last user then.
+__attribute__((destructor)) void DetachAtExit() {
+  if (g_prod) g_prod->shm.Detach();
+}
+
 }  // namespace
 
 Transport ThisTransport() {
@@ -142,9 +181,9 @@ Transport ThisTransport() {
 const char* TLTypeName() { return ThisTransport() == Transport::GigE ? TLTypeGEVName : TLTypeU3VName; }
 
 GC_ERROR SetError(GC_ERROR code, const std::string& text) {
-  t_error = code;
-  t_text = text;
-  t_has_error = true;
+  LastError* e = ThreadError(true);
+  e->code = code;
+  e->text = text;
   return code;
 }
 
@@ -235,6 +274,10 @@ GC_ERROR DeviceInfo(uint32_t cam, DEVICE_INFO_CMD cmd, INFO_DATATYPE* t, void* b
 void CloseDevice(Device* d, std::unique_lock<std::mutex>& lock) {
   for (Stream* s : d->streams)
     if (s) CloseStream(s);
+  // Unreachable for other callers before the lock is let go for the join.
+  g_prod->live.erase(&d->port);
+  g_prod->live.erase(d);
+  d->iface->open.erase(d->cam);
   d->stop = true;
   {
     SharedLock l(g_prod->st());
@@ -259,9 +302,6 @@ void CloseDevice(Device* d, std::unique_lock<std::mutex>& lock) {
       }
     l.Notify();
   }
-  d->iface->open.erase(d->cam);
-  g_prod->live.erase(&d->port);
-  g_prod->live.erase(d);
   delete d;
 }
 
@@ -319,7 +359,8 @@ GC_API GCCloseLib(void) {
 
 GC_API GCGetLastError(GC_ERROR* piErrorCode, char* sErrText, size_t* piSize) {
   if (BadPtr(piErrorCode) || BadPtr(piSize)) return GC_ERR_INVALID_PARAMETER;
-  const std::string& text = t_has_error ? t_text : std::string("No Error");
+  const LastError* last = ThreadError(false);
+  const std::string text = last ? last->text : std::string("No Error");
   if (sErrText) {
     if (*piSize < text.size() + 1) {
       *piSize = text.size() + 1;
@@ -328,7 +369,7 @@ GC_API GCGetLastError(GC_ERROR* piErrorCode, char* sErrText, size_t* piSize) {
     std::memcpy(sErrText, text.c_str(), text.size() + 1);
   }
   *piSize = text.size() + 1;
-  *piErrorCode = t_has_error ? t_error : GC_ERR_SUCCESS;
+  *piErrorCode = last ? last->code : GC_ERR_SUCCESS;
   return GC_ERR_SUCCESS;
 }
 
@@ -344,6 +385,11 @@ GC_API TLOpen(TL_HANDLE* phTL) {
   auto* s = new System();
   g_prod->system = s;
   g_prod->live.insert(s);
+  {
+    // Events raised from now on reach this system's interfaces.
+    SharedLock l(g_prod->st());
+    std::copy(g_prod->st()->iface_event_seq, g_prod->st()->iface_event_seq + kMaxInterfaces, s->seen);
+  }
   s->watcher = std::thread(WatcherMain, s);
   *phTL = s;
   return GC_ERR_SUCCESS;
@@ -351,8 +397,7 @@ GC_API TLOpen(TL_HANDLE* phTL) {
 
 GC_API TLClose(TL_HANDLE hTL) {
   KIVSIM_ENTRY("TLClose");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   while (!s->open.empty()) CloseInterface(s->open.begin()->second, lock);
   StopWatcher(s, lock);
   DropEvents(s);
@@ -370,30 +415,22 @@ GC_API TLGetInfo(TL_HANDLE hTL, TL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, voi
 
 GC_API TLUpdateInterfaceList(TL_HANDLE hTL, bool8_t* pbChanged, uint64_t /*iTimeout*/) {
   KIVSIM_ENTRY("TLUpdateInterfaceList");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   std::vector<uint32_t> now;
   for (uint32_t i = 0; i < g_prod->world.interfaces.size(); ++i) now.push_back(i);
-  bool changed = !s->updated || now != s->listed;
-  s->listed = now;
-  s->updated = true;
-  if (pbChanged) *pbChanged = changed;
+  UpdateList(s->listed, s->updated, std::move(now), pbChanged);
   return GC_ERR_SUCCESS;
 }
 
 GC_API TLGetNumInterfaces(TL_HANDLE hTL, uint32_t* piNumIfaces) {
   KIVSIM_ENTRY("TLGetNumInterfaces");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
-  if (BadPtr(piNumIfaces)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
-  *piNumIfaces = static_cast<uint32_t>(s->listed.size());
-  return GC_ERR_SUCCESS;
+  KIVSIM_HANDLE(System, s, hTL, "system");
+  return PutCount(s->listed, piNumIfaces);
 }
 
 GC_API TLGetInterfaceID(TL_HANDLE hTL, uint32_t iIndex, char* sID, size_t* piSize) {
   KIVSIM_ENTRY("TLGetInterfaceID");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   if (iIndex >= s->listed.size()) return SetError(GC_ERR_INVALID_INDEX, "Interface index out of range");
   return PutString(g_prod->world.interfaces[s->listed[iIndex]].id, nullptr, sID, piSize);
 }
@@ -409,8 +446,7 @@ GC_API TLGetInterfaceInfo(TL_HANDLE hTL, const char* sIfaceID, INTERFACE_INFO_CM
 
 GC_API TLOpenInterface(TL_HANDLE hTL, const char* sIfaceID, IF_HANDLE* phIface) {
   KIVSIM_ENTRY("TLOpenInterface");
-  System* s = Lookup<System>(hTL, ObjType::System);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid system handle");
+  KIVSIM_HANDLE(System, s, hTL, "system");
   if (BadPtr(phIface)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   int index = FindInterface(sIfaceID);
   if (index < 0) return SetError(GC_ERR_INVALID_ID, "Unknown interface ID");
@@ -425,44 +461,33 @@ GC_API TLOpenInterface(TL_HANDLE hTL, const char* sIfaceID, IF_HANDLE* phIface) 
 
 GC_API IFClose(IF_HANDLE hIface) {
   KIVSIM_ENTRY("IFClose");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   CloseInterface(i, lock);
   return GC_ERR_SUCCESS;
 }
 
 GC_API IFGetInfo(IF_HANDLE hIface, INTERFACE_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("IFGetInfo");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   return InterfaceInfo(i->index, iInfoCmd, piType, pBuffer, piSize);
 }
 
 GC_API IFUpdateDeviceList(IF_HANDLE hIface, bool8_t* pbChanged, uint64_t /*iTimeout*/) {
   KIVSIM_ENTRY("IFUpdateDeviceList");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
-  std::vector<uint32_t> now = PluggedCameras(i->index);
-  bool changed = !i->updated || now != i->listed;
-  i->listed = now;
-  i->updated = true;
-  if (pbChanged) *pbChanged = changed;
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
+  UpdateList(i->listed, i->updated, PluggedCameras(i->index), pbChanged);
   return GC_ERR_SUCCESS;
 }
 
 GC_API IFGetNumDevices(IF_HANDLE hIface, uint32_t* piNumDevices) {
   KIVSIM_ENTRY("IFGetNumDevices");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
-  if (BadPtr(piNumDevices)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
-  *piNumDevices = static_cast<uint32_t>(i->listed.size());
-  return GC_ERR_SUCCESS;
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
+  return PutCount(i->listed, piNumDevices);
 }
 
 GC_API IFGetDeviceID(IF_HANDLE hIface, uint32_t iIndex, char* sIDeviceID, size_t* piSize) {
   KIVSIM_ENTRY("IFGetDeviceID");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   if (iIndex >= i->listed.size()) return SetError(GC_ERR_INVALID_INDEX, "Device index out of range");
   return PutString(g_prod->devices[i->listed[iIndex]]->id(), nullptr, sIDeviceID, piSize);
 }
@@ -470,8 +495,7 @@ GC_API IFGetDeviceID(IF_HANDLE hIface, uint32_t iIndex, char* sIDeviceID, size_t
 GC_API IFGetDeviceInfo(IF_HANDLE hIface, const char* sDeviceID, DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE* piType,
                        void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("IFGetDeviceInfo");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   int cam = FindCamera(sDeviceID);
   if (cam < 0 || g_prod->devices[cam]->config().interface_index != i->index)
     return SetError(GC_ERR_INVALID_ID, "Unknown device ID");
@@ -480,8 +504,7 @@ GC_API IFGetDeviceInfo(IF_HANDLE hIface, const char* sDeviceID, DEVICE_INFO_CMD 
 
 GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS iOpenFlag, DEV_HANDLE* phDevice) {
   KIVSIM_ENTRY("IFOpenDevice");
-  Interface* i = Lookup<Interface>(hIface, ObjType::Interface);
-  if (!i) return SetError(GC_ERR_INVALID_HANDLE, "Invalid interface handle");
+  KIVSIM_HANDLE(Interface, i, hIface, "interface");
   if (BadPtr(phDevice)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   if (iOpenFlag != DEVICE_ACCESS_READONLY && iOpenFlag != DEVICE_ACCESS_CONTROL && iOpenFlag != DEVICE_ACCESS_EXCLUSIVE)
     return SetError(GC_ERR_INVALID_PARAMETER, "Unsupported access flag");
@@ -492,6 +515,7 @@ GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS
   for (auto& kv : g_prod->system->open)
     if (kv.second->open.count(cam)) return SetError(GC_ERR_RESOURCE_IN_USE, "Device already open");
   const int32_t me = getpid();
+  uint64_t first_seen = 0;
   {
     SharedLock l(g_prod->st());
     SharedCamera& sc = g_prod->cam(cam);
@@ -511,9 +535,12 @@ GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS
       sc.owner_pid = me;
       sc.acquiring = 0;
     }
+    first_seen = sc.frames;
     l.Notify();
   }
   auto* d = new Device();
+  // Frames after this point are this process's, however late its engine thread starts.
+  d->first_seen = first_seen;
   d->iface = i;
   d->cam = static_cast<uint32_t>(cam);
   d->access = iOpenFlag;
@@ -537,8 +564,7 @@ GC_API IFGetParentTL(IF_HANDLE hIface, TL_HANDLE* phSystem) {
 
 GC_API DevGetParentIF(DEV_HANDLE hDevice, IF_HANDLE* phIface) {
   KIVSIM_ENTRY("DevGetParentIF");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(phIface)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   *phIface = d->iface;
   return GC_ERR_SUCCESS;
@@ -546,23 +572,20 @@ GC_API DevGetParentIF(DEV_HANDLE hDevice, IF_HANDLE* phIface) {
 
 GC_API DevClose(DEV_HANDLE hDevice) {
   KIVSIM_ENTRY("DevClose");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   CloseDevice(d, lock);
   return GC_ERR_SUCCESS;
 }
 
 GC_API DevGetInfo(DEV_HANDLE hDevice, DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("DevGetInfo");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   return DeviceInfo(d->cam, iInfoCmd, piType, pBuffer, piSize);
 }
 
 GC_API DevGetPort(DEV_HANDLE hDevice, PORT_HANDLE* phRemoteDevice) {
   KIVSIM_ENTRY("DevGetPort");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(phRemoteDevice)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   *phRemoteDevice = &d->port;
   return GC_ERR_SUCCESS;
@@ -570,8 +593,7 @@ GC_API DevGetPort(DEV_HANDLE hDevice, PORT_HANDLE* phRemoteDevice) {
 
 GC_API DevGetNumDataStreams(DEV_HANDLE hDevice, uint32_t* piNumDataStreams) {
   KIVSIM_ENTRY("DevGetNumDataStreams");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(piNumDataStreams)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
   *piNumDataStreams = static_cast<uint32_t>(d->streams.size());
   return GC_ERR_SUCCESS;
@@ -579,8 +601,7 @@ GC_API DevGetNumDataStreams(DEV_HANDLE hDevice, uint32_t* piNumDataStreams) {
 
 GC_API DevGetDataStreamID(DEV_HANDLE hDevice, uint32_t iIndex, char* sDataStreamID, size_t* piSize) {
   KIVSIM_ENTRY("DevGetDataStreamID");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (iIndex >= d->streams.size()) return SetError(GC_ERR_INVALID_INDEX, "Stream index out of range");
   return PutString("Stream" + std::to_string(iIndex), nullptr, sDataStreamID, piSize);
 }

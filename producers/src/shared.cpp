@@ -4,11 +4,14 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 
 namespace kivsim {
@@ -23,12 +26,6 @@ void InitSync(SharedState& s) {
   pthread_mutexattr_setrobust(&ma, PTHREAD_MUTEX_ROBUST);
   pthread_mutex_init(&s.mutex, &ma);
   pthread_mutexattr_destroy(&ma);
-  pthread_condattr_t ca;
-  pthread_condattr_init(&ca);
-  pthread_condattr_setpshared(&ca, PTHREAD_PROCESS_SHARED);
-  pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
-  pthread_cond_init(&s.cond, &ca);
-  pthread_condattr_destroy(&ca);
 }
 }  // namespace
 
@@ -91,18 +88,38 @@ bool SharedMap::Open(const std::string& name, void (*init)(SharedState&, void*),
     while (!__atomic_load_n(&st_->ready, __ATOMIC_ACQUIRE)) sched_yield();
   }
   SharedLock lock(st_);
-  st_->users++;
+  attached_ = true;
+  const int32_t me = getpid();
+  for (auto& u : st_->user_pids)
+    if (u == 0 || !ProcessAlive(u)) {
+      u = me;
+      break;
+    }
   return true;
+}
+
+void SharedMap::Detach() {
+  if (!st_ || !attached_) return;
+  attached_ = false;
+  // Users that died without closing do not keep the state alive.
+  SharedLock lock(st_);
+  const int32_t me = getpid();
+  bool mine = false, last = true;
+  for (auto& u : st_->user_pids) {
+    if (u == me && !mine) {
+      u = 0;
+      mine = true;
+    } else if (u != 0 && !ProcessAlive(u)) {
+      u = 0;
+    }
+    if (u != 0) last = false;
+  }
+  if (last) shm_unlink(name_.c_str());
 }
 
 void SharedMap::Close() {
   if (!st_) return;
-  bool last;
-  {
-    SharedLock lock(st_);
-    last = --st_->users == 0;
-    if (last) shm_unlink(name_.c_str());
-  }
+  Detach();
   munmap(st_, sizeof(SharedState));
   st_ = nullptr;
 }
@@ -113,21 +130,22 @@ SharedLock::SharedLock(SharedState* s) : s_(s) {
 SharedLock::~SharedLock() { pthread_mutex_unlock(&s_->mutex); }
 
 void SharedLock::Wait(uint64_t deadline_ns) {
-  int rc;
-  if (deadline_ns == 0) {
-    rc = pthread_cond_wait(&s_->cond, &s_->mutex);
-  } else {
-    timespec ts;
-    ts.tv_sec = static_cast<time_t>(deadline_ns / 1000000000ULL);
-    ts.tv_nsec = static_cast<long>(deadline_ns % 1000000000ULL);
-    rc = pthread_cond_timedwait(&s_->cond, &s_->mutex, &ts);
-  }
-  if (rc == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
+  // The word is read under the mutex, so a Notify after this point changes it
+  // and the futex wait returns at once.
+  const uint32_t seen = __atomic_load_n(&s_->wake_word, __ATOMIC_ACQUIRE);
+  pthread_mutex_unlock(&s_->mutex);
+  timespec ts;
+  ts.tv_sec = static_cast<time_t>(deadline_ns / 1000000000ULL);
+  ts.tv_nsec = static_cast<long>(deadline_ns % 1000000000ULL);
+  syscall(SYS_futex, &s_->wake_word, FUTEX_WAIT_BITSET, seen, deadline_ns ? &ts : nullptr, nullptr,
+          FUTEX_BITSET_MATCH_ANY);
+  if (pthread_mutex_lock(&s_->mutex) == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
 }
 
 void SharedLock::Notify() {
   s_->generation++;
-  pthread_cond_broadcast(&s_->cond);
+  __atomic_add_fetch(&s_->wake_word, 1u, __ATOMIC_RELEASE);
+  syscall(SYS_futex, &s_->wake_word, FUTEX_WAKE, INT32_MAX, nullptr, nullptr, 0);
 }
 
 }  // namespace kivsim

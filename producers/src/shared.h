@@ -40,10 +40,12 @@ struct SharedCamera {
 struct SharedState {
   uint32_t magic;
   volatile uint32_t ready;
-  uint32_t users;
   uint32_t camera_count;
+  uint32_t padding_;
+  int32_t user_pids[64];  // processes that have the state open
   pthread_mutex_t mutex;
-  pthread_cond_t cond;
+  uint32_t wake_word;   // futex word: waiters sleep on it, Notify bumps it
+  uint32_t reserved_;
   uint64_t generation;  // bumped on every change a waiter may care about
   uint64_t iface_event_seq[kMaxInterfaces];
   uint32_t iface_event_code[kMaxInterfaces][16];  // ring of the last codes per interface
@@ -56,12 +58,16 @@ class SharedMap {
  public:
   // Maps (creating and initialising when needed) the state; `init` fills a fresh one.
   bool Open(const std::string& name, void (*init)(SharedState&, void*), void* ctx, std::string* err);
-  void Close();  // unmaps; the last user also removes the name
+  void Close();  // Detach, then unmap
+  // Gives up this process's use; the last user removes the name. The mapping
+  // stays, for threads that may still touch it while the process exits.
+  void Detach();
   SharedState* get() const { return st_; }
 
  private:
   SharedState* st_ = nullptr;
   std::string name_;
+  bool attached_ = false;
 };
 
 // Lock guard for the shared mutex; recovers the state of a crashed holder.
@@ -71,9 +77,11 @@ class SharedLock {
   ~SharedLock();
   SharedLock(const SharedLock&) = delete;
   SharedLock& operator=(const SharedLock&) = delete;
-  // Waits for a broadcast or until the absolute CLOCK_MONOTONIC deadline (ns); 0 = no limit.
+  // Waits for a Notify or until the absolute CLOCK_MONOTONIC deadline (ns); 0 = no limit.
+  // A futex rather than a process-shared condition variable: a waiter killed
+  // in its wait must not be able to block the others.
   void Wait(uint64_t deadline_ns);
-  void Notify();  // generation++ and broadcast
+  void Notify();  // generation++ and wake every waiter
 
  private:
   SharedState* s_;

@@ -114,8 +114,7 @@ void FillUsbInfo(Stream* s, Buffer* b, const FrameContext& fc, uint32_t status, 
     Put32(p, 0x54563355);
     p[6] = kUsbTrailerSize;
     Put64(p + 8, fc.frame + 1);
-    p[16] = static_cast<uint8_t>(Good(status) ? 0 : 0x01);
-    p[17] = static_cast<uint8_t>(Good(status) ? 0 : 0xA1);  // 0xA101: data discarded
+    p[17] = static_cast<uint8_t>(Good(status) ? 0 : 0xA1);  // status 0xA100: data discarded
     Put64(p + 20, received);
     Put32(p + 28, fc.g.height);
   }
@@ -205,11 +204,7 @@ void EngineMain(Device* d) {
   SharedCamera& sc = g_prod->cam(d->cam);
   const VirtualDevice& vd = *g_prod->devices[d->cam];
   const int32_t me = getpid();
-  uint64_t seen, next_tick = 0;
-  {
-    SharedLock l(st);
-    seen = sc.frames;
-  }
+  uint64_t seen = d->first_seen, next_tick = 0;
   for (;;) {
     FrameContext fc{};
     uint64_t first, last;
@@ -289,8 +284,7 @@ extern "C" {
 
 GC_API DevOpenDataStream(DEV_HANDLE hDevice, const char* sDataStreamID, DS_HANDLE* phDataStream) {
   KIVSIM_ENTRY("DevOpenDataStream");
-  Device* d = Lookup<Device>(hDevice, ObjType::Device);
-  if (!d) return SetError(GC_ERR_INVALID_HANDLE, "Invalid device handle");
+  KIVSIM_HANDLE(Device, d, hDevice, "device");
   if (BadPtr(phDataStream) || BadPtr(sDataStreamID)) return SetError(GC_ERR_INVALID_PARAMETER, "NULL parameter");
   uint32_t index = 0;
   for (; index < d->streams.size(); ++index)
@@ -312,8 +306,7 @@ GC_API DevOpenDataStream(DEV_HANDLE hDevice, const char* sDataStreamID, DS_HANDL
 
 GC_API DSGetParentDev(DS_HANDLE hDataStream, DEV_HANDLE* phDevice) {
   KIVSIM_ENTRY("DSGetParentDev");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   if (BadPtr(phDevice)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   *phDevice = s->device;
   return GC_ERR_SUCCESS;
@@ -321,8 +314,7 @@ GC_API DSGetParentDev(DS_HANDLE hDataStream, DEV_HANDLE* phDevice) {
 
 GC_API DSClose(DS_HANDLE hDataStream) {
   KIVSIM_ENTRY("DSClose");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   CloseStream(s);
   return GC_ERR_SUCCESS;
 }
@@ -330,8 +322,7 @@ GC_API DSClose(DS_HANDLE hDataStream) {
 GC_API DSGetInfo(DS_HANDLE hDataStream, STREAM_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer,
                  size_t* piSize) {
   KIVSIM_ENTRY("DSGetInfo");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   auto sz = [&](size_t v) { return PutValue<size_t>(INFO_DATATYPE_SIZET, v, piType, pBuffer, piSize); };
   auto u64 = [&](uint64_t v) { return PutValue<uint64_t>(INFO_DATATYPE_UINT64, v, piType, pBuffer, piSize); };
   switch (iInfoCmd) {
@@ -382,8 +373,7 @@ static GC_ERROR Announce(Stream* s, void* pBuffer, size_t iSize, void* pPrivate,
 
 GC_API DSAnnounceBuffer(DS_HANDLE hDataStream, void* pBuffer, size_t iSize, void* pPrivate, BUFFER_HANDLE* phBuffer) {
   KIVSIM_ENTRY("DSAnnounceBuffer");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   if (BadPtr(phBuffer)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   // Announcing the same memory twice is refused; empty tokens may share an address.
   if (pBuffer && iSize > 0)
@@ -394,16 +384,14 @@ GC_API DSAnnounceBuffer(DS_HANDLE hDataStream, void* pBuffer, size_t iSize, void
 
 GC_API DSAllocAndAnnounceBuffer(DS_HANDLE hDataStream, size_t iSize, void* pPrivate, BUFFER_HANDLE* phBuffer) {
   KIVSIM_ENTRY("DSAllocAndAnnounceBuffer");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   if (BadPtr(phBuffer) || iSize == 0) return SetError(GC_ERR_INVALID_PARAMETER, "Invalid parameter");
   return Announce(s, nullptr, iSize, pPrivate, phBuffer);
 }
 
 GC_API DSRevokeBuffer(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, void** pBuffer, void** pPrivate) {
   KIVSIM_ENTRY("DSRevokeBuffer");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   Buffer* b = Lookup<Buffer>(hBuffer, ObjType::Buffer);
   if (!b || b->stream != s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid buffer handle");
   if (b->state != Buffer::Idle) return SetError(GC_ERR_BUSY, "Buffer is still queued");
@@ -418,8 +406,7 @@ GC_API DSRevokeBuffer(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, void** pBuff
 
 GC_API DSQueueBuffer(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer) {
   KIVSIM_ENTRY("DSQueueBuffer");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   Buffer* b = Lookup<Buffer>(hBuffer, ObjType::Buffer);
   if (!b || b->stream != s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid buffer handle");
   if (b->state != Buffer::Idle) return SetError(GC_ERR_RESOURCE_IN_USE, "Buffer already queued");
@@ -434,8 +421,7 @@ GC_API DSQueueBuffer(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer) {
 
 GC_API DSGetBufferID(DS_HANDLE hDataStream, uint32_t iIndex, BUFFER_HANDLE* phBuffer) {
   KIVSIM_ENTRY("DSGetBufferID");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   if (BadPtr(phBuffer)) return SetError(GC_ERR_INVALID_PARAMETER, "Handle pointer is NULL");
   if (iIndex >= s->buffers.size()) return SetError(GC_ERR_INVALID_INDEX, "Buffer index out of range");
   *phBuffer = s->buffers[iIndex];
@@ -444,8 +430,7 @@ GC_API DSGetBufferID(DS_HANDLE hDataStream, uint32_t iIndex, BUFFER_HANDLE* phBu
 
 GC_API DSFlushQueue(DS_HANDLE hDataStream, ACQ_QUEUE_TYPE iOperation) {
   KIVSIM_ENTRY("DSFlushQueue");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   switch (iOperation) {
     case ACQ_QUEUE_INPUT_TO_OUTPUT:
       while (!s->input.empty()) {
@@ -482,8 +467,7 @@ GC_API DSFlushQueue(DS_HANDLE hDataStream, ACQ_QUEUE_TYPE iOperation) {
 
 GC_API DSStartAcquisition(DS_HANDLE hDataStream, ACQ_START_FLAGS /*iStartFlags*/, uint64_t iNumToAcquire) {
   KIVSIM_ENTRY("DSStartAcquisition");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   if (iNumToAcquire == 0) return SetError(GC_ERR_INVALID_PARAMETER, "Nothing to acquire");
   if (s->started) return SetError(GC_ERR_RESOURCE_IN_USE, "Acquisition already started");
   if (s->buffers.empty()) return SetError(GC_ERR_INVALID_BUFFER, "No buffer announced");
@@ -499,8 +483,7 @@ GC_API DSStartAcquisition(DS_HANDLE hDataStream, ACQ_START_FLAGS /*iStartFlags*/
 
 GC_API DSStopAcquisition(DS_HANDLE hDataStream, ACQ_STOP_FLAGS /*iStopFlags*/) {
   KIVSIM_ENTRY("DSStopAcquisition");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   if (!s->started) return SetError(GC_ERR_RESOURCE_IN_USE, "Acquisition not started");
   s->started = false;
   s->device->ready_buffers -= static_cast<uint32_t>(s->input.size());
@@ -510,8 +493,7 @@ GC_API DSStopAcquisition(DS_HANDLE hDataStream, ACQ_STOP_FLAGS /*iStopFlags*/) {
 GC_API DSGetBufferInfo(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, BUFFER_INFO_CMD iInfoCmd, INFO_DATATYPE* piType,
                        void* pBuffer, size_t* piSize) {
   KIVSIM_ENTRY("DSGetBufferInfo");
-  Stream* s = Lookup<Stream>(hDataStream, ObjType::Stream);
-  if (!s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid data stream handle");
+  KIVSIM_HANDLE(Stream, s, hDataStream, "data stream");
   Buffer* b = Lookup<Buffer>(hBuffer, ObjType::Buffer);
   if (!b || b->stream != s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid buffer handle");
   INFO_DATATYPE* t = piType;

@@ -1,0 +1,290 @@
+// Register spaces, description files and the producer's module registers.
+#include <pugixml.hpp>
+#include <zlib.h>
+
+#include <cstring>
+#include <set>
+
+#include "gentl_api.h"
+
+namespace {
+
+std::vector<uint8_t> ReadBytes(Producer& p, PORT_HANDLE port, uint64_t addr, size_t len) {
+  std::vector<uint8_t> b(len);
+  size_t n = len;
+  EXPECT_EQ(p.GCReadPort(port, addr, b.data(), &n), GC_ERR_SUCCESS) << p.LastError();
+  EXPECT_EQ(n, len);
+  return b;
+}
+
+struct Url {
+  std::string file;
+  uint64_t address = 0, length = 0;
+};
+
+Url ParseUrl(const std::string& url) {
+  Url u;
+  size_t colon = url.find(':'), s1 = url.find(';'), s2 = url.find(';', s1 + 1);
+  u.file = url.substr(colon + 1, s1 - colon - 1);
+  u.address = std::strtoull(url.substr(s1 + 1, s2 - s1 - 1).c_str(), nullptr, 16);
+  u.length = std::strtoull(url.substr(s2 + 1).c_str(), nullptr, 16);
+  return u;
+}
+
+// Extracts the first entry of a ZIP archive (deflate or store).
+std::string Unzip(const std::vector<uint8_t>& z) {
+  auto u16 = [&](size_t o) { return uint32_t(z[o]) | uint32_t(z[o + 1]) << 8; };
+  auto u32 = [&](size_t o) { return u16(o) | u16(o + 2) << 16; };
+  if (z.size() < 30 || u32(0) != 0x04034b50) return {};
+  uint32_t method = u16(8), csize = u32(18), usize = u32(22), crc = u32(14);
+  size_t data = 30 + u16(26) + u16(28);
+  std::string out(usize, '\0');
+  if (method == 0) {
+    std::memcpy(out.data(), &z[data], usize);
+  } else {
+    z_stream zs{};
+    inflateInit2(&zs, -15);
+    zs.next_in = const_cast<Bytef*>(&z[data]);
+    zs.avail_in = csize;
+    zs.next_out = reinterpret_cast<Bytef*>(out.data());
+    zs.avail_out = usize;
+    int rc = inflate(&zs, Z_FINISH);
+    inflateEnd(&zs);
+    if (rc != Z_STREAM_END) return {};
+  }
+  if (crc32(0, reinterpret_cast<const Bytef*>(out.data()), usize) != crc) return {};
+  // The archive must also end with a central directory record.
+  bool eocd = false;
+  for (size_t i = z.size() - 22;; --i) {
+    if (u32(i) == 0x06054b50) eocd = true;
+    if (eocd || i == 0) break;
+  }
+  return eocd ? out : std::string();
+}
+
+class Ports : public ProducerTest {
+ protected:
+  explicit Ports(bool usb = false) : ProducerTest(usb) {}
+  std::string UrlText(PORT_HANDLE port, uint32_t index) {
+    char url[512] = {};
+    size_t n = sizeof url;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.GCGetPortURLInfo(port, index, URL_INFO_URL, &t, url, &n), GC_ERR_SUCCESS);
+    return url;
+  }
+  // Both description files of a camera's port: (zip text, plain text).
+  std::pair<std::string, std::string> Descriptions(PORT_HANDLE port) {
+    uint32_t count = 0;
+    EXPECT_EQ(p.GCGetNumPortURLs(port, &count), GC_ERR_SUCCESS);
+    EXPECT_GE(count, 2u);
+    std::string zip, plain;
+    for (uint32_t i = 0; i < 2; ++i) {
+      std::string text = UrlText(port, i);
+      EXPECT_EQ(text.rfind("Local:", 0), 0u) << text;
+      Url u = ParseUrl(text);
+      // Readers round the length up to whole words.
+      auto bytes = ReadBytes(p, port, u.address, (u.length + 3) / 4 * 4);
+      bytes.resize(u.length);
+      if (u.file.size() > 4 && u.file.substr(u.file.size() - 4) == ".zip") zip = Unzip(bytes);
+      else plain.assign(bytes.begin(), bytes.end());
+    }
+    return {zip, plain};
+  }
+};
+
+TEST_F(Ports, DescriptionServedZippedAndPlainWithTheSameContent) {
+  for (uint32_t cam : {0u, 1u}) {
+    DEV_HANDLE d = Open(cam);
+    PORT_HANDLE port = Port(d);
+    auto [zip, plain] = Descriptions(port);
+    ASSERT_FALSE(zip.empty()) << "camera " << cam << ": ZIP variant missing or corrupt";
+    EXPECT_EQ(zip, plain);
+    // The first URL is repeated in the bootstrap register of the GigE camera.
+    auto reg = ReadBytes(p, port, 0x200, 512);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(reg.data())), UrlText(port, 0));
+    p.DevClose(d);
+  }
+}
+
+TEST_F(Ports, DescriptionIsAValidNodeMapWithEveryBoundFeature) {
+  DEV_HANDLE d = Open(1);  // the colour camera
+  auto [zip, plain] = Descriptions(Port(d));
+  pugi::xml_document doc;
+  ASSERT_TRUE(doc.load_string(plain.c_str())) << "description is not well-formed";
+  pugi::xml_node root = doc.child("RegisterDescription");
+  ASSERT_TRUE(root);
+  EXPECT_STREQ(root.attribute("StandardNameSpace").value(), "GEV");
+  std::set<std::string> names;
+  std::map<std::string, std::string> kinds;
+  for (pugi::xml_node n : root.children()) {
+    std::string name = n.attribute("Name").value();
+    if (name.empty()) continue;
+    EXPECT_TRUE(names.insert(name).second) << "duplicate node " << name;
+    kinds[name] = n.name();
+  }
+  const std::pair<const char*, const char*> required[] = {
+      {"Width", "Integer"}, {"Height", "Integer"}, {"PixelFormat", "Enumeration"}, {"PayloadSize", "Integer"},
+      {"TLParamsLocked", "Integer"}, {"AcquisitionStart", "Command"}, {"AcquisitionStop", "Command"},
+      {"DeviceLinkSelector", "Integer"}, {"DeviceStreamChannelSelector", "Integer"},
+      {"GevStreamChannelSelector", "Integer"}, {"GevHeartbeatTimeout", "Integer"},
+      {"GevGVCPHeartbeatDisable", "Boolean"}, {"GevSCPSPacketSize", "Integer"}, {"GevGVCPPendingAck", "Boolean"},
+      {"ExposureTime", "Float"}, {"Gain", "Float"}, {"GainSelector", "Enumeration"}, {"TriggerMode", "Enumeration"},
+      {"TriggerSoftware", "Command"}, {"TestPattern", "Enumeration"}, {"DeviceVendorName", "StringReg"},
+      {"DeviceSerialNumber", "StringReg"}, {"Root", "Category"}, {"Device", "Port"}};
+  for (auto [name, kind] : required) EXPECT_EQ(kinds[name], kind) << name;
+  // Every node a feature refers to exists.
+  for (pugi::xpath_node ref : doc.select_nodes("//*[starts-with(local-name(), 'p') and not(*)]")) {
+    std::string tag = ref.node().name(), target = ref.node().text().get();
+    if (tag == "pPort" || tag.rfind("p", 0) != 0 || target.empty()) continue;
+    EXPECT_TRUE(names.count(target)) << tag << " -> " << target;
+  }
+  // Packet size bounds as the negotiation reads them.
+  pugi::xml_node packet = root.find_child_by_attribute("Integer", "Name", "GevSCPSPacketSize");
+  EXPECT_EQ(packet.child("Min").text().as_int(), 576);
+  EXPECT_GT(packet.child("Max").text().as_int(), 1500);
+  EXPECT_EQ(packet.child("Inc").text().as_int(), 4);
+  // Entry values are the camera's formats, no transport block of the other kind leaked in.
+  size_t entries = 0;
+  for (pugi::xml_node e : root.find_child_by_attribute("Enumeration", "Name", "PixelFormat").children("EnumEntry")) {
+    EXPECT_EQ(std::string(e.child("Value").text().get()).rfind("0x", 0), 0u);
+    ++entries;
+  }
+  EXPECT_GT(entries, 50u);
+  EXPECT_EQ(plain.find("<!--USB"), std::string::npos);
+  EXPECT_EQ(plain.find('@'), std::string::npos) << "unfilled template field";
+}
+
+TEST_F(Ports, BootstrapRegistersAreBigEndian) {
+  DEV_HANDLE d = Open(0);
+  PORT_HANDLE port = Port(d);
+  EXPECT_EQ(Read32(port, 0x0000, true) >> 16, 2u);
+  EXPECT_EQ(Read32(port, 0x0D04, true) & 0xFFFF, 1500u);
+  EXPECT_EQ(Read32(port, 0x0960, true) & 0x40000000, 0u);
+  Read32(port, 0x0A00, true);
+  ASSERT_EQ(Write32(port, 0x0D04, 8000, true), GC_ERR_SUCCESS);
+  EXPECT_EQ(Read32(port, 0x0D04, true), 8000u);
+  uint8_t le[4];
+  size_t n = 4;
+  ASSERT_EQ(p.GCReadPort(port, 0xA000, le, &n), GC_ERR_SUCCESS);
+  EXPECT_EQ(le[2] << 8 | le[3], 640) << "Width in network order";
+  bool8_t big = 0;
+  n = 1;
+  INFO_DATATYPE t;
+  ASSERT_EQ(p.GCGetPortInfo(port, PORT_INFO_BIG_ENDIAN, &t, &big, &n), GC_ERR_SUCCESS);
+  EXPECT_TRUE(big);
+}
+
+TEST_F(Ports, FeatureRegistersValidateAndComputePayload) {
+  DEV_HANDLE d = Open(0);
+  PORT_HANDLE port = Port(d);
+  ASSERT_EQ(Write32(port, 0xA000, 64, true), GC_ERR_SUCCESS);
+  ASSERT_EQ(Write32(port, 0xA004, 48, true), GC_ERR_SUCCESS);
+  EXPECT_EQ(Read32(port, 0xA014, true), 64u * 48u);
+  ASSERT_EQ(Write32(port, 0xA010, 0x01100007, true), GC_ERR_SUCCESS);  // Mono16
+  EXPECT_EQ(Read32(port, 0xA014, true), 64u * 48u * 2u);
+  EXPECT_EQ(Write32(port, 0xA000, 0, true), GC_ERR_INVALID_VALUE);
+  EXPECT_EQ(Write32(port, 0xA000, 1921, true), GC_ERR_INVALID_VALUE);
+  EXPECT_EQ(Write32(port, 0xA010, 0x02180014, true), GC_ERR_INVALID_VALUE) << "RGB8 is not a mono format";
+  EXPECT_EQ(Read32(port, 0xA000, true), 64u) << "a refused write changes nothing";
+  ASSERT_EQ(Write32(port, 0xA018, 1, true), GC_ERR_SUCCESS);
+  EXPECT_EQ(Write32(port, 0xA000, 128, true), GC_ERR_ACCESS_DENIED) << "locked while streaming";
+  EXPECT_EQ(Write32(port, 0xA014, 1, true), GC_ERR_ACCESS_DENIED) << "PayloadSize is read-only";
+  EXPECT_EQ(Write32(port, 0x0200, 1, true), GC_ERR_ACCESS_DENIED);
+  EXPECT_EQ(Write32(port, 0x100000, 1, true), GC_ERR_ACCESS_DENIED);
+  uint32_t v;
+  size_t n = 4;
+  EXPECT_EQ(p.GCReadPort(port, 0x900000, &v, &n), GC_ERR_INVALID_ADDRESS);
+  EXPECT_EQ(p.GCReadPort(port, 0xA000, nullptr, &n), GC_ERR_INVALID_PARAMETER);
+}
+
+TEST_F(Ports, ShortReadsReportFewerBytes) {
+  DEV_HANDLE d = Open(0);
+  PORT_HANDLE port = Port(d);
+  ASSERT_EQ(p.kivsim_short_reads(1), 0);
+  uint8_t b[8];
+  size_t n = 8;
+  ASSERT_EQ(p.GCReadPort(port, 0x48, b, &n), GC_ERR_SUCCESS);
+  EXPECT_EQ(n, 4u);
+  n = 8;
+  ASSERT_EQ(p.GCReadPort(port, 0x48, b, &n), GC_ERR_SUCCESS);
+  EXPECT_EQ(n, 8u);
+}
+
+TEST_F(Ports, ModuleRegistersOfDeviceAndStream) {
+  DEV_HANDLE d = Open(0);
+  DS_HANDLE s0 = Stream(d, 0), s1 = Stream(d, 1);
+  ASSERT_EQ(WriteModule(d, KIVSIM_DEV_COMMAND_TIMEOUT, 600000), GC_ERR_SUCCESS);
+  EXPECT_EQ(ReadModule(d, KIVSIM_DEV_COMMAND_TIMEOUT), 600000u);
+  kivsim_counters before{}, after{};
+  p.kivsim_get_counters(0, &before);
+  ASSERT_EQ(WriteModule(d, KIVSIM_DEV_STREAM_RESET, 0), GC_ERR_SUCCESS);
+  ASSERT_EQ(WriteModule(d, KIVSIM_DEV_STREAM_RESET, 0), GC_ERR_SUCCESS);
+  p.kivsim_get_counters(0, &after);
+  EXPECT_EQ(after.reset_requests, before.reset_requests + 2);
+  EXPECT_EQ(WriteModule(d, 0x106, 1), GC_ERR_INVALID_ADDRESS);
+  // Each stream has its own registers; the VSync stream can follow the image stream.
+  EXPECT_NE(ReadModule(s0, KIVSIM_DS_LINK), ReadModule(s1, KIVSIM_DS_LINK));
+  ASSERT_EQ(WriteModule(s1, KIVSIM_DS_LINK, ReadModule(s0, KIVSIM_DS_LINK)), GC_ERR_SUCCESS);
+  EXPECT_EQ(ReadModule(s0, KIVSIM_DS_RUNNING), 0u);
+  // The destination written by the controller shows in the camera's stream channel registers.
+  PORT_HANDLE port = Port(d);
+  ASSERT_EQ(WriteModule(s0, KIVSIM_DS_GIGE_DESTINATION, 0xEF010203), GC_ERR_SUCCESS);
+  EXPECT_EQ(Read32(port, 0x0D18, true), 0xEF010203u);
+  EXPECT_NE(Read32(port, 0x0D00, true), 0u);
+  uint8_t log[24];
+  size_t n = sizeof log;
+  EXPECT_EQ(p.GCReadPort(s0, KIVSIM_DS_PACKET_LOG, log, &n), GC_ERR_SUCCESS);
+  uint32_t urls = 9;
+  EXPECT_EQ(p.GCGetNumPortURLs(d, &urls), GC_ERR_SUCCESS);
+  EXPECT_EQ(urls, 0u);
+}
+
+class UsbRegisters : public Ports {
+ protected:
+  UsbRegisters() : Ports(true) {}
+};
+
+TEST_F(UsbRegisters, DescriptionIsLittleEndianWithoutTheGigEBlock) {
+  DEV_HANDLE d = Open(0);
+  auto [zip, plain] = Descriptions(Port(d));
+  ASSERT_FALSE(zip.empty());
+  EXPECT_EQ(zip, plain);
+  pugi::xml_document doc;
+  ASSERT_TRUE(doc.load_string(plain.c_str()));
+  pugi::xml_node root = doc.child("RegisterDescription");
+  EXPECT_STREQ(root.attribute("StandardNameSpace").value(), "USB");
+  EXPECT_FALSE(root.find_child_by_attribute("Integer", "Name", "GevSCPSPacketSize"));
+  EXPECT_TRUE(root.find_child_by_attribute("Integer", "Name", "DeviceLinkSelector"));
+  for (pugi::xml_node reg : root.children("IntReg")) EXPECT_STREQ(reg.child_value("Endianess"), "LittleEndian");
+  // The vendor string register of the description is where the ABRM keeps it.
+  pugi::xml_node vendor = root.find_child_by_attribute("StringReg", "Name", "DeviceVendorName");
+  EXPECT_EQ(std::strtoul(vendor.child_value("Address"), nullptr, 0), 4u);
+}
+
+TEST_F(UsbRegisters, StreamingRegistersAreReachableFromTheBootstrap) {
+  DEV_HANDLE d = Open(0);
+  PORT_HANDLE port = Port(d);
+  uint64_t sbrm = 0, sirm = 0;
+  size_t n = 8;
+  ASSERT_EQ(p.GCReadPort(port, 0x01D8, &sbrm, &n), GC_ERR_SUCCESS);
+  ASSERT_NE(sbrm, 0u);
+  n = 8;
+  ASSERT_EQ(p.GCReadPort(port, sbrm + 0x20, &sirm, &n), GC_ERR_SUCCESS);
+  ASSERT_NE(sirm, 0u);
+  uint32_t info = Read32(port, sirm, false);
+  EXPECT_LT(info >> 24, 16u) << "alignment exponent";
+  EXPECT_EQ(Read32(port, sirm + 0x10, false), 52u);
+  EXPECT_GE(Read32(port, sirm + 0x14, false), 32u);
+  EXPECT_EQ(Read32(port, sirm + 0x08, false), Read32(port, 0xA014, false)) << "required payload";
+  char vendor[65] = {};
+  n = 64;
+  ASSERT_EQ(p.GCReadPort(port, 0x0004, vendor, &n), GC_ERR_SUCCESS);
+  EXPECT_STREQ(vendor, "KivCam");
+  bool8_t little = 0;
+  n = 1;
+  INFO_DATATYPE t;
+  ASSERT_EQ(p.GCGetPortInfo(port, PORT_INFO_LITTLE_ENDIAN, &t, &little, &n), GC_ERR_SUCCESS);
+  EXPECT_TRUE(little);
+}
+
+}  // namespace
