@@ -1,0 +1,72 @@
+// Interfaces that come and go while cameras on them are open: the producer in
+// front of the virtual GigE producer hides one interface on request.
+#include <dlfcn.h>
+
+#include "cam_env.h"
+
+namespace camtest {
+namespace {
+
+class Interfaces : public CameraTest {
+ protected:
+  void LoadWithShim() {
+    std::string dir = Temp() + "/lib";
+    CopyLibrary(dir, {"KivUSBGenTL.cti"});
+    CopyFile(LibDir() + "/KivShimGenTL.cti", dir + "/KivGigEGenTL.cti");
+    CopyFile(LibDir() + "/KivGigEGenTL.cti", dir + "/KivRealGigEGenTL.cti");
+    setenv("KIVSHIM_REAL", (dir + "/KivRealGigEGenTL.cti").c_str(), 1);
+    Load(dir);
+    shim_ = dlopen((dir + "/KivGigEGenTL.cti").c_str(), RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(shim_, nullptr);
+    hide_ = reinterpret_cast<void (*)(int64_t)>(dlsym(shim_, "kivshim_hide"));
+    ASSERT_NE(hide_, nullptr);
+  }
+  void TearDown() override {
+    if (shim_) dlclose(shim_);
+    CameraTest::TearDown();
+    unsetenv("KIVSHIM_REAL");
+  }
+  void* shim_ = nullptr;
+  void (*hide_)(int64_t) = nullptr;
+};
+
+TEST_F(Interfaces, VanishedInterfaceTakesItsCamerasAndPortsWithIt) {
+  LoadWithShim();
+  HCAMERA gige = nullptr, usb = nullptr;
+  HCAMERAPORT port = nullptr;
+  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &gige), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);  // the other camera on the same adapter
+  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &usb), KIVCAM_TRUE);
+
+  // The empty first adapter goes: the second keeps its object and its camera.
+  hide_(0);
+  lib_->KIVCAM_ReDetection();
+  uint32_t state = 0;
+  ASSERT_EQ(lib_->KIVCAM_Camera(gige, &state), KIVCAM_TRUE);
+  EXPECT_EQ(state, 1u);
+  CameraListEntry e{};
+  EXPECT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
+
+  // The second adapter goes (the first is back): its camera and port object die with it.
+  hide_(1);
+  lib_->KIVCAM_ReDetection();
+  EXPECT_EQ(lib_->KIVCAM_Camera(gige, &state), KIVCAM_FALSE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_FALSE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(lib_->KIVCAM_Close(gige), KIVCAM_FALSE);
+  ASSERT_EQ(lib_->KIVCAM_Camera(usb, &state), KIVCAM_TRUE);  // another producer's camera stays
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 1u);  // the first adapter has none
+  EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
+
+  // Back again: a new interface object, and the devices were closed properly.
+  hide_(-1);
+  lib_->KIVCAM_ReDetection();
+  ASSERT_EQ(lib_->List().size(), 3u);
+  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &gige), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_Open(kGigE2, &gige), KIVCAM_TRUE);
+}
+
+}  // namespace
+}  // namespace camtest
