@@ -68,5 +68,34 @@ TEST_F(Interfaces, VanishedInterfaceTakesItsCamerasAndPortsWithIt) {
   ASSERT_EQ(lib_->KIVCAM_Open(kGigE2, &gige), KIVCAM_TRUE);
 }
 
+TEST_F(Interfaces, InterfaceThatCannotBeBuiltIsLeftOut) {
+  LoadWithShim();
+  Sim real(Temp() + "/lib/KivRealGigEGenTL.cti");
+  ASSERT_TRUE(real.loaded());
+  hide_(1);
+  lib_->KIVCAM_ReDetection();
+  // Returning, the adapter can't register its event: logged, its handle closed.
+  ASSERT_EQ(real.fail_next("GCRegisterEvent", -1001, "Injected register", 1), 0);
+  hide_(-1);
+  lib_->KIVCAM_ReDetection();
+  EXPECT_TRUE(log_->Saw("CGenTL::UpdateInterface", "RegisterEvent Error"));
+  EXPECT_EQ(lib_->List().size(), 1u);
+  // Gone and back once more, now refused by the producer itself: its own text.
+  hide_(1);
+  lib_->KIVCAM_ReDetection();
+  ASSERT_EQ(real.fail_next("TLOpenInterface", -1001, "Injected interface open", 1), 0);
+  hide_(-1);
+  lib_->KIVCAM_ReDetection();
+  EXPECT_TRUE(log_->Saw("CGenTL::UpdateInterface", "Injected interface open"));
+  EXPECT_EQ(lib_->List().size(), 1u);
+  // A third return works; the interface handles closed on the way were
+  // really closed, or the producer would refuse to open it again.
+  hide_(1);
+  lib_->KIVCAM_ReDetection();
+  hide_(-1);
+  lib_->KIVCAM_ReDetection();
+  EXPECT_EQ(lib_->List().size(), 3u);
+}
+
 }  // namespace
 }  // namespace camtest
