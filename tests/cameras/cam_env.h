@@ -93,6 +93,11 @@ class LogDrain {
   bool ok() const { return ok_; }
   // Everything written so far (a final take first); the store is emptied.
   std::vector<std::string> Take();
+  // Forgets every line written so far.
+  void Clear() {
+    Take();
+    seen_.clear();
+  }
   // True when a line holding both texts was written (taking the lines).
   bool Saw(const std::string& a, const std::string& b = "");
   // The first line seen holding both texts, or empty.

@@ -19,7 +19,9 @@ class Interfaces : public CameraTest {
     shim_ = dlopen((dir + "/KivGigEGenTL.cti").c_str(), RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(shim_, nullptr);
     hide_ = reinterpret_cast<void (*)(int64_t)>(dlsym(shim_, "kivshim_hide"));
+    set_url_ = reinterpret_cast<void (*)(const char*)>(dlsym(shim_, "kivshim_set_url"));
     ASSERT_NE(hide_, nullptr);
+    ASSERT_NE(set_url_, nullptr);
   }
   void TearDown() override {
     if (shim_) dlclose(shim_);
@@ -28,6 +30,7 @@ class Interfaces : public CameraTest {
   }
   void* shim_ = nullptr;
   void (*hide_)(int64_t) = nullptr;
+  void (*set_url_)(const char*) = nullptr;
 };
 
 TEST_F(Interfaces, VanishedInterfaceTakesItsCamerasAndPortsWithIt) {
@@ -95,6 +98,46 @@ TEST_F(Interfaces, InterfaceThatCannotBeBuiltIsLeftOut) {
   hide_(-1);
   lib_->KIVCAM_ReDetection();
   EXPECT_EQ(lib_->List().size(), 3u);
+}
+
+// Description URLs the virtual cameras never give: the producer in front
+// rewrites them. Each open that fails leaves its text under the opener.
+TEST_F(Interfaces, DescriptionUrlsAndTheirFailureTexts) {
+  std::string xml = FetchDescription(LibDir() + "/KivGigEGenTL.cti");
+  ASSERT_FALSE(xml.empty());
+  LoadWithShim();
+  struct Case {
+    const char* url;
+    const char* text;
+  };
+  const Case failing[] = {
+      {"no scheme here", "URL Error"},
+      {"http://example.com/cam.xml", "URL Error"},
+      {"File:missing.xml", "Local File Error"},
+      {"LOCAL:cam.xml;FFFFFF00;100", "XML Data Read Error"},
+      {"local:cam.zip;0;40", "Memory Alloc Error"},  // registers that hold no archive
+  };
+  for (const Case& c : failing) {
+    SCOPED_TRACE(c.url);
+    log_->Clear();
+    set_url_(c.url);
+    HCAMERA cam = reinterpret_cast<HCAMERA>(8);
+    EXPECT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_FALSE);
+    EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+    EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", c.text));
+  }
+  // A FILE: URL names a file of the data folder, in any case of the scheme.
+  WriteDataFile("cam.xml", xml);
+  set_url_("fIlE:cam.xml");
+  HCAMERA cam = nullptr;
+  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
+  // Looking in the data folder first also takes a LOCAL: URL's file name there.
+  set_url_("LOCAL:cam.xml;FFFFFF00;100");
+  KIVCAM_OPENPARAM p{};
+  p.UID = kGigE1;
+  p.DescriptionIndex = KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST;
+  ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
 }
 
 }  // namespace

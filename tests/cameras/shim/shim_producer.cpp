@@ -5,7 +5,9 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
+#include <string>
 
 #include "kivgentl/gentl.h"
 
@@ -65,7 +67,6 @@ SHIM_FORWARD(DSGetBufferInfo, (DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, BUF
 SHIM_FORWARD(GCReadPort, (PORT_HANDLE hPort, uint64_t iAddress, void *pBuffer, size_t *piSize), (hPort, iAddress, pBuffer, piSize))
 SHIM_FORWARD(GCWritePort, (PORT_HANDLE hPort, uint64_t iAddress, const void *pBuffer, size_t *piSize), (hPort, iAddress, pBuffer, piSize))
 SHIM_FORWARD(GCGetNumPortURLs, (PORT_HANDLE hPort, uint32_t *piNumURLs), (hPort, piNumURLs))
-SHIM_FORWARD(GCGetPortURLInfo, (PORT_HANDLE hPort, uint32_t iURLIndex, URL_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer, size_t *piSize), (hPort, iURLIndex, iInfoCmd, piType, pBuffer, piSize))
 SHIM_FORWARD(GCRegisterEvent, (EVENTSRC_HANDLE hEventSrc, EVENT_TYPE iEventID, EVENT_HANDLE *phEvent), (hEventSrc, iEventID, phEvent))
 SHIM_FORWARD(GCUnregisterEvent, (EVENTSRC_HANDLE hEventSrc, EVENT_TYPE iEventID), (hEventSrc, iEventID))
 SHIM_FORWARD(EventGetData, (EVENT_HANDLE hEvent, void *pBuffer, size_t *piSize, uint64_t iTimeout), (hEvent, pBuffer, piSize, iTimeout))
@@ -100,6 +101,31 @@ extern "C" __attribute__((visibility("default"))) GC_ERROR TLGetInterfaceID(TL_H
     index = RealIndex(iIndex);
   }
   return real(hTL, index, sID, piSize);
+}
+
+std::string g_url;  // replaces every port URL when not empty
+
+extern "C" __attribute__((visibility("default"))) GC_ERROR GCGetPortURLInfo(PORT_HANDLE hPort, uint32_t iURLIndex,
+                                                                             URL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType,
+                                                                             void* pBuffer, size_t* piSize) {
+  static PGCGetPortURLInfo real = Lookup<PGCGetPortURLInfo>("GCGetPortURLInfo");
+  std::string url;
+  {
+    std::lock_guard<std::mutex> g(g_mu);
+    url = g_url;
+  }
+  if (url.empty() || iInfoCmd != URL_INFO_URL) return real(hPort, iURLIndex, iInfoCmd, piType, pBuffer, piSize);
+  if (*piSize < url.size() + 1) return GC_ERR_BUFFER_TOO_SMALL;
+  std::memcpy(pBuffer, url.c_str(), url.size() + 1);
+  *piSize = url.size() + 1;
+  if (piType) *piType = INFO_DATATYPE_STRING;
+  return GC_ERR_SUCCESS;
+}
+
+// Every port URL reads as `url` from now on (empty: the producer's own).
+extern "C" __attribute__((visibility("default"))) void kivshim_set_url(const char* url) {
+  std::lock_guard<std::mutex> g(g_mu);
+  g_url = url ? url : "";
 }
 
 // Hides the interface at `index` of the real producer (-1: none).
