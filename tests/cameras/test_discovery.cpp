@@ -100,6 +100,15 @@ TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {
   EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
 }
 
+TEST_F(Discovery, ModuleWithoutEntryPointsIsNoProducer) {
+  std::string dir = Temp() + "/lib";
+  CopyLibrary(dir, {"KivGigEGenTL.cti"});
+  CopyFile(LibDir() + "/KivNoEntries.cti", dir + "/KivUSBGenTL.cti");
+  Load(dir);
+  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "GenTL Load Entry Error"));
+  EXPECT_EQ(lib_->List().size(), 2u);
+}
+
 TEST_F(Discovery, NoProducerGivesAnEmptyList) {
   std::string dir = Temp() + "/lib";
   CopyLibrary(dir, {});
