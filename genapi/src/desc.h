@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace KivGenApi {
@@ -25,9 +26,9 @@ struct NodeDesc {
   std::map<std::string, std::string> attrs;
   std::vector<DescChild> children;
 
-  const DescChild* First(const char* tag) const {
+  const DescChild* First(std::string_view tag) const {
     for (const auto& c : children)
-      if (c.tag == tag) return &c;
+      if (c.tag.size() == tag.size() && c.tag == tag) return &c;
     return nullptr;
   }
   std::string Text(const char* tag, const std::string& def = std::string()) const {
@@ -35,10 +36,10 @@ struct NodeDesc {
     return c ? c->text : def;
   }
   bool Has(const char* tag) const { return First(tag) != nullptr; }
-  std::vector<const DescChild*> All(const char* tag) const {
+  std::vector<const DescChild*> All(std::string_view tag) const {
     std::vector<const DescChild*> out;
     for (const auto& c : children)
-      if (c.tag == tag) out.push_back(&c);
+      if (c.tag.size() == tag.size() && c.tag == tag) out.push_back(&c);
     return out;
   }
   std::string Attr(const char* a) const {

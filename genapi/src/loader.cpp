@@ -230,6 +230,7 @@ void CNodeMap::Add(std::unique_ptr<CNode> n) {
 
 void CNodeMap::LinkAll() {
   for (auto& n : nodes_) n->Link();
+  for (auto& n : nodes_) n->CompactLinks();
   for (auto& n : nodes_) n->Finish();
   // Settle the caching properties now, while nothing is being evaluated.
   for (auto& n : nodes_) {

@@ -151,7 +151,7 @@ CNode::CNode(CNodeMap* map, const NodeDesc& d) : map_(map), name_(d.name) {
   for (const DescChild* c : d.All("pInvalidator")) invalidators_.push_back(NodeRef{c->text, nullptr});
   for (const DescChild* c : d.All("pError")) errors_.push_back(NodeRef{c->text, nullptr});
   for (const auto& c : d.children)
-    if (!c.text.empty() && properties_.find(c.tag) == properties_.end()) properties_[c.tag] = c.text;
+    if (!c.text.empty()) properties_.emplace_back(c.tag, c.text);
 }
 
 CNode::~CNode() = default;
@@ -164,8 +164,19 @@ gcstring CNode::GetDeviceName() const { return map_->GetDeviceName(); }
 INodeMap* CNode::GetNodeMap() const { return map_; }
 
 void CNode::AddDependent(CNode* n) {
-  if (n == this) return;
-  if (std::find(dependents_.begin(), dependents_.end(), n) == dependents_.end()) dependents_.push_back(n);
+  if (n != this) dependents_.push_back(n);
+}
+
+template <class T>
+static void SortUnique(std::vector<T>& v) {
+  std::sort(v.begin(), v.end());
+  v.erase(std::unique(v.begin(), v.end()), v.end());
+}
+
+void CNode::CompactLinks() {
+  SortUnique(dependents_);
+  SortUnique(parents_);
+  SortUnique(selecting_);
 }
 
 void CNode::Resolve(NodeRef& r, bool value_input) {
@@ -175,8 +186,7 @@ void CNode::Resolve(NodeRef& r, bool value_input) {
   if (!r.node) return;
   r.node->AddDependent(this);
   children_.push_back(r);
-  if (std::find(r.node->parents_.begin(), r.node->parents_.end(), this) == r.node->parents_.end())
-    r.node->parents_.push_back(this);
+  r.node->parents_.push_back(this);
 }
 
 void CNode::Link() {
@@ -454,7 +464,8 @@ bool CNode::DeregisterCallback(CallbackHandleType h) {
 void CNode::GetPropertyNames(gcstring_vector& names) const {
   names.clear();
   names.push_back("Name");
-  for (const auto& p : properties_) names.push_back(p.first);
+  for (const auto& p : properties_)
+    if (std::find(names.begin(), names.end(), p.first) == names.end()) names.push_back(p.first);
 }
 
 bool CNode::GetProperty(const gcstring& name, gcstring& value, gcstring& attribute) const {
@@ -463,10 +474,12 @@ bool CNode::GetProperty(const gcstring& name, gcstring& value, gcstring& attribu
     value = name_;
     return true;
   }
-  auto it = properties_.find(name);
-  if (it == properties_.end()) return false;
-  value = it->second;
-  return true;
+  for (const auto& p : properties_)
+    if (p.first == name) {
+      value = p.second;
+      return true;
+    }
+  return false;
 }
 
 void CNode::ImposeAccessMode(EAccessMode m) {

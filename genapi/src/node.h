@@ -126,6 +126,9 @@ class CNode : virtual public INode {
   // nonzero error raises InvalidArgumentException with the entry's texts.
   void CheckErrors();
   void AddDependent(CNode* n);
+  // Drops duplicate links once everything is linked (cheaper than checking
+  // at every link when thousands of nodes share one lock or selector).
+  void CompactLinks();
   void ClearCaches();
   void AppendDependents(std::vector<CNode*>& out) const { out.insert(out.end(), dependents_.begin(), dependents_.end()); }
   void AddPollingTime(int64_t ms);
@@ -165,7 +168,7 @@ class CNode : virtual public INode {
   std::vector<CNode*> dependents_;       // to invalidate when this node changes
   std::vector<CNode*> parents_;
   std::vector<CNode*> selecting_;        // selectors that name this node in pSelected
-  std::map<std::string, std::string> properties_;
+  std::vector<std::pair<std::string, std::string>> properties_;  // element and text, in document order
   // Read without the map lock on the fast path, so kept atomic.
   mutable std::atomic<EAccessMode> am_cache_{_UndefinedAccesMode};
   mutable int am_cacheable_ = -1;        // -1 unknown, 0 no, 1 yes
