@@ -16,12 +16,15 @@ constexpr uint32_t kErrOther = 99;
 
 // How an export names itself in its lines.
 struct Frame {
-  enum Kind { kPlain, kCamera, kConvHandle, kBuffer };
+  enum Kind { kPlain, kCamera, kConvHandle, kBuffer, kOpenUid, kCameraState };
   const char* name;
   bool verbose = false;
   Kind kind = kPlain;
   const void* handle = nullptr;  // HCAMERA or HCTBL
   const void* buffer = nullptr;
+  uint64_t uid = 0;                  // kOpenUid: the UID asked for
+  const void* const* out = nullptr;  // kOpenUid: where the new handle lands
+  const uint32_t* state = nullptr;   // kCameraState: the state reported
 
   static Frame Plain(const char* n, bool verbose = false) { return {n, verbose, kPlain}; }
   static Frame Camera(const char* n, const void* h, bool verbose = false) {
@@ -32,6 +35,20 @@ struct Frame {
   }
   static Frame Buffer(const char* n, const void* b, const void* h, bool verbose = false) {
     return {n, verbose, kBuffer, h, b};
+  }
+
+  // Open by UID: Start carries the UID, End the new handle.
+  static Frame OpenUid(const char* n, uint64_t uid, const void* const* out) {
+    Frame f{n, false, kOpenUid};
+    f.uid = uid;
+    f.out = out;
+    return f;
+  }
+  // KIVCAM_Camera: the End line says whether the camera is connected.
+  static Frame CameraState(const char* n, const void* h, const uint32_t* state) {
+    Frame f{n, false, kCameraState, h};
+    f.state = state;
+    return f;
   }
 
   void Start() const { Line("Start"); }

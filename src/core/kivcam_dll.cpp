@@ -1,7 +1,11 @@
 #include "core/kivcam_dll.h"
 
+#include "camera/camera.h"
 #include "core/base.h"
+#include "core/failure.h"
 #include "diag/call_log.h"
+#include "transport/gentl.h"
+#include "transport/interface.h"
 
 namespace kivcam::core {
 
@@ -27,9 +31,12 @@ CKivCamDLL::CKivCamDLL() {
 
 CKivCamDLL::~CKivCamDLL() {
   // Producers come first: they own the interfaces, which own the cameras.
-  // (The producer loader is not part of this build yet, so the list is empty.)
+  interface_locks_.clear();
+  first_producer_ = nullptr;
   while (!producers_.empty()) {
+    transport::CGenTL* p = producers_.front();
     producers_.erase(producers_.begin());
+    delete p;
   }
   ReleaseAllConvHandles();
   {
@@ -41,7 +48,6 @@ CKivCamDLL::~CKivCamDLL() {
   // The thread still runs its last line after the event; a dynamic unload
   // must not unmap that code under it.
   callback_thread_->Join();
-  interface_locks_.clear();
 }
 
 void CKivCamDLL::SetErrorCode(uint32_t code) {
@@ -67,8 +73,45 @@ uint32_t CKivCamDLL::GetErrorCode() {
 }
 
 void CKivCamDLL::CreateDrvList() {
-  // No producer is known to this build yet; the loader fills producers_ and
-  // interface_locks_ here.
+  static const char kName[] = "CKivCamDLL::CreateDrvList";
+  for (const transport::ProducerRow* row = transport::kProducerTable; row->kind != -1; ++row) {
+    bool loaded = false;
+    for (transport::CGenTL* p : producers_) loaded |= p->kind() == row->kind;
+    if (loaded) continue;
+    try {
+      producers_.push_back(new transport::CGenTL(row->kind, row->file));
+    } catch (const Failure& f) {
+      diag::LogEvent(false, kName, f.text());
+    } catch (...) {
+      diag::LogEvent(false, kName, "Other Error");
+    }
+  }
+  if (!producers_.empty()) first_producer_ = producers_.front();
+  for (transport::CGenTL* p : producers_) p->UpdateInterface();
+  interface_locks_.clear();
+  for (transport::CGenTL* p : producers_) {
+    for (transport::CInterface* i : p->interfaces()) interface_locks_.push_back(&i->lock());
+  }
+}
+
+void CKivCamDLL::LockAll() {
+  platform::LockGuard g(library_lock_);
+  for (platform::RecursiveLock* l : interface_locks_) l->Lock();
+}
+
+void CKivCamDLL::UnlockAll() {
+  // Without the library lock: taking it here, behind the interface locks,
+  // would invert the order LockAll takes them in. The list only changes
+  // under the API lock, which every caller of the pair holds.
+  for (auto it = interface_locks_.rbegin(); it != interface_locks_.rend(); ++it) (*it)->Unlock();
+}
+
+void CKivCamDLL::CloseAllCameras() {
+  for (transport::CGenTL* p : producers_) {
+    for (transport::CInterface* i : p->interfaces()) {
+      while (!i->cameras().empty()) camera::DestroyCamera(i->cameras().front());
+    }
+  }
 }
 
 void CKivCamDLL::SetCallBack(BusEventCallback fn, void* context) {
@@ -84,7 +127,7 @@ void CKivCamDLL::UserBusEvent() {
 
 void CKivCamDLL::PowerUpEvent(const transport::CGenTL* producer) {
   // Only the first producer (GigE, when loaded) speaks for power wake-ups.
-  if (producers_.empty() || producers_.front() != producer) return;
+  if (producer == nullptr || first_producer_.load() != producer) return;
   FirstProducerPowerUp();
 }
 

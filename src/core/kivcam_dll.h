@@ -3,15 +3,23 @@
 // errors and the application's bus-event callback with its thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "platform/platform.h"
 
+#include "kivcam/kivcam.h"
+
 namespace kivcam::transport {
 class CGenTL;
+class CCameraPort;
+}  // namespace kivcam::transport
+namespace kivcam::camera {
+class CCamera;
 }
 
 namespace kivcam::core {
@@ -43,6 +51,23 @@ class CKivCamDLL {
   // Called under the library lock.
   void CreateDrvList();
 
+  // Every interface lock, in list order, under the library lock.
+  void LockAll();
+  void UnlockAll();
+
+  // The camera list; false with code 2 when the capacity is too small.
+  bool GetList(CameraList* list);
+
+  // The open searches: true when an object was opened; *out gets it or null
+  // and the last error is set on failure. kind 0 tries every producer.
+  bool OpenCamera(camera::CCamera** out, uint32_t param, int32_t kind, uint8_t read_only);
+  bool OpenCamera(camera::CCamera** out, uint64_t uid, uint32_t param, int32_t kind, uint8_t read_only);
+  bool OpenCamera(camera::CCamera** out, const std::string& key, uint32_t param, int32_t kind,
+                  uint8_t read_only);
+  bool OpenCameraPort(transport::CCameraPort** out);
+  // Destroys every camera of every interface; port objects stay.
+  void CloseAllCameras();
+
   // Application callback; the pair is replaced as one.
   void SetCallBack(BusEventCallback fn, void* context);
 
@@ -58,12 +83,17 @@ class CKivCamDLL {
   void ReleaseAllConvHandles();
 
  private:
+  template <typename Try>
+  bool Search(int32_t kind, bool any_kind, uint32_t start, bool stop_at_busy, Try&& attempt);
   static void UserCallBack_Thread(void* self);
   void CallbackLoop();
 
   platform::RecursiveLock library_lock_;
   platform::RecursiveLock api_lock_;
   std::vector<transport::CGenTL*> producers_;
+  // The list's first producer, for the interfaces' event threads, which must
+  // not read the list while it changes.
+  std::atomic<const transport::CGenTL*> first_producer_{nullptr};
   std::vector<CBase*> conv_handles_;
   std::map<uint32_t, uint32_t> error_map_;
   BusEventCallback callback_ = nullptr;

@@ -158,6 +158,12 @@ void WriteOpenEnd(const char* name, const void* hcamera) {
             KIVCAM_ID_ARGS);
 }
 
+void WriteCameraState(const char* name, const char* event, bool connected, const void* hcamera) {
+  WriteLine(false, "%-34s %s %s, HCAMERA=0x%08X, " KIVCAM_IDS, name, event,
+            connected ? "Connect" : "Disconnect", static_cast<unsigned>(Ptr(hcamera) & 0xFFFFFFFFu),
+            KIVCAM_ID_ARGS);
+}
+
 void WriteEvent(bool verbose, const char* op, const char* text) {
   WriteLine(verbose, "%-34s %s " KIVCAM_IDS, op, text, KIVCAM_ID_ARGS);
 }

@@ -96,6 +96,11 @@ void WriteOpenEnd(const char* name, const void* hcamera);
 inline void LogOpenEnd(const char* name, const void* hcamera) {
   if (LogWanted(false)) WriteOpenEnd(name, hcamera);
 }
+// End of KIVCAM_Camera: "Connect" or "Disconnect", the handle as 32 bits.
+void WriteCameraState(const char* name, const char* event, bool connected, const void* hcamera);
+inline void LogCameraState(const char* name, const char* event, bool connected, const void* hcamera) {
+  if (LogWanted(false)) WriteCameraState(name, event, connected, hcamera);
+}
 // Internal operations are named "Class::Operation".
 void WriteEvent(bool verbose, const char* op, const char* text);
 inline void LogEvent(bool verbose, const char* op, const char* text) {

@@ -1,0 +1,311 @@
+#include "cam_env.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "kivgentl/gentl.h"
+
+namespace camtest {
+
+namespace fs = std::filesystem;
+
+std::string BuildDir() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return ".";
+  exe[n] = '\0';
+  return fs::path(exe).parent_path().parent_path().string();
+}
+
+std::string LibDir() { return BuildDir() + "/lib"; }
+
+CamLib::CamLib(const std::string& path) {
+  handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle_) return;
+#define CAMTEST_BIND(name) name = reinterpret_cast<decltype(name)>(dlsym(handle_, #name))
+  CAMTEST_BIND(KIVCAM_SetStructVersion);
+  CAMTEST_BIND(KIVCAM_GetLastError);
+  CAMTEST_BIND(KIVCAM_SetCallBack);
+  CAMTEST_BIND(KIVCAM_GetList);
+  CAMTEST_BIND(KIVCAM_Open);
+  CAMTEST_BIND(KIVCAM_OpenGigE);
+  CAMTEST_BIND(KIVCAM_OpenUSB);
+  CAMTEST_BIND(KIVCAM_Close);
+  CAMTEST_BIND(KIVCAM_CloseAll);
+  CAMTEST_BIND(KIVCAM_Camera);
+  CAMTEST_BIND(KIVCAM_Reset);
+  CAMTEST_BIND(KIVCAM_ReDetection);
+  CAMTEST_BIND(KIVCAM_ReadPort);
+  CAMTEST_BIND(KIVCAM_WritePort);
+  CAMTEST_BIND(KIVCAM_OpenReg);
+  CAMTEST_BIND(KIVCAM_CloseReg);
+  CAMTEST_BIND(KIVCAM_ReadReg);
+  CAMTEST_BIND(KIVCAM_WriteReg);
+  CAMTEST_BIND(KIVCAM_CameraRegInfo);
+  CAMTEST_BIND(KIVCAM_CameraInfo);
+  CAMTEST_BIND(KIVCAM_CameraInfoGigE);
+  CAMTEST_BIND(KIVCAM_CameraInfoUSB);
+  CAMTEST_BIND(KIVCAM_GetNodeMap);
+  CAMTEST_BIND(KIVCAM_SetCmdTimeOut);
+#undef CAMTEST_BIND
+}
+
+CamLib::~CamLib() {
+  if (handle_) dlclose(handle_);
+}
+
+std::vector<CameraListEntry> CamLib::List() {
+  CameraList head{};
+  if (!KIVCAM_GetList(&head)) return {};
+  uint32_t n = head.Count;
+  std::vector<unsigned char> buf(KIVCAM_CAMERALIST_BYTES(n));
+  auto* list = reinterpret_cast<CameraList*>(buf.data());
+  list->Count = n;
+  if (n == 0 || !KIVCAM_GetList(list)) return {};
+  std::vector<CameraListEntry> out(list->Count);
+  std::memcpy(out.data(), buf.data() + 4, sizeof(CameraListEntry) * out.size());
+  return out;
+}
+
+uint32_t CamLib::ReadBE(HCAMERA camera, uint32_t address) {
+  unsigned char b[4] = {};
+  uint32_t size = 4;
+  if (!KIVCAM_ReadPort(camera, address, b, &size)) return 0xDEADBEEF;
+  return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+}
+
+Sim::Sim(const std::string& cti_path) {
+  // Only the instance the library already loaded; never a second start.
+  handle_ = dlopen(cti_path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+  if (!handle_) return;
+#define SIM_BIND(field) field = reinterpret_cast<decltype(field)>(dlsym(handle_, "kivsim_" #field))
+  SIM_BIND(camera_index);
+  SIM_BIND(plug);
+  SIM_BIND(raise_interface_event);
+  SIM_BIND(fail_next);
+  SIM_BIND(short_reads);
+  SIM_BIND(get_counters);
+  SIM_BIND(reset_faults);
+#undef SIM_BIND
+}
+
+Sim::~Sim() {
+  if (handle_) dlclose(handle_);
+}
+
+LogDrain::LogDrain() {
+  ok_ = reader_.Open();
+  if (!ok_) return;
+  reader_.Take();
+  reader_.SetLevel(1);
+  thread_ = std::thread([this] {
+    while (!stop_) {
+      reader_.Wait(100);
+      Pull();
+    }
+  });
+}
+
+LogDrain::~LogDrain() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+  if (ok_) reader_.SetLevel(0);
+}
+
+namespace {
+std::condition_variable g_log_cv;
+}
+
+void LogDrain::Pull() {
+  std::vector<std::string> got = reader_.Take();
+  if (got.empty()) return;
+  {
+    std::lock_guard<std::mutex> g(mutex_);
+    lines_.insert(lines_.end(), got.begin(), got.end());
+  }
+  g_log_cv.notify_all();
+}
+
+std::vector<std::string> LogDrain::Take() {
+  Pull();
+  std::lock_guard<std::mutex> g(mutex_);
+  std::vector<std::string> out;
+  out.swap(lines_);
+  return out;
+}
+
+bool LogDrain::Saw(const std::string& a, const std::string& b) {
+  for (auto& l : Take()) seen_.push_back(std::move(l));
+  for (const auto& l : seen_) {
+    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
+  Saw(a, b);
+  for (const auto& l : seen_) {
+    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return l;
+  }
+  return "";
+}
+
+bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    raise();
+    if (WaitFor(a, b, 2000)) return true;
+  }
+  return false;
+}
+
+bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
+  for (;;) {
+    if (Saw(a, b)) return true;
+    std::unique_lock<std::mutex> g(mutex_);
+    if (lines_.empty() && g_log_cv.wait_until(g, deadline) == std::cv_status::timeout) {
+      g.unlock();
+      if (Saw(a, b)) return true;
+      // What did come, for the failure report.
+      for (const auto& l : seen_) std::fprintf(stderr, "  log: %s", l.c_str());
+      return false;
+    }
+  }
+}
+
+void MakeDirs(const std::string& path) { fs::create_directories(path); }
+
+void CopyFile(const std::string& from, const std::string& to) {
+  fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+}
+
+void CopyLibrary(const std::string& dir, const std::vector<std::string>& producers) {
+  MakeDirs(dir);
+  CopyFile(LibDir() + "/libkivcam.so", dir + "/libkivcam.so");
+  for (const auto& p : producers) CopyFile(LibDir() + "/" + p, dir + "/" + p);
+}
+
+void CameraTest::SetUp() {
+  static std::string base = std::getenv("KIVCAM_IPC_NAMESPACE") ? std::getenv("KIVCAM_IPC_NAMESPACE") : "_cam";
+  static int counter = 0;
+  std::string ns = base + "c" + std::to_string(++counter);
+  setenv("KIVCAM_IPC_NAMESPACE", ns.c_str(), 1);
+  temp_ = (fs::temp_directory_path() / ("kivcam" + ns)).string();
+  fs::remove_all(temp_);
+  MakeDirs(temp_ + "/appdata/Valdrix/KivCam");
+  setenv("KIVCAM_COMMON_APPDATA", (temp_ + "/appdata").c_str(), 1);
+  unsetenv("GENICAM_ROOT_V2_4");
+  unsetenv("KIVSIM_CONFIG");
+  log_ = std::make_unique<LogDrain>();
+  ASSERT_TRUE(log_->ok());
+}
+
+void CameraTest::TearDown() {
+  Unload();
+  log_.reset();
+  unsetenv("KIVSIM_CONFIG");
+  unsetenv("GENICAM_ROOT_V2_4");
+  std::error_code ec;
+  fs::remove_all(temp_, ec);
+}
+
+void CameraTest::World(const std::string& text) {
+  std::string path = temp_ + "/world.ini";
+  std::ofstream(path) << text;
+  setenv("KIVSIM_CONFIG", path.c_str(), 1);
+}
+
+void CameraTest::Load(const std::string& dir) {
+  lib_dir_ = dir.empty() ? LibDir() : dir;
+  lib_ = std::make_unique<CamLib>(lib_dir_ + "/libkivcam.so");
+  ASSERT_TRUE(lib_->loaded());
+  ASSERT_EQ(lib_->KIVCAM_SetStructVersion(KIVCAM_LIBRARY_REVISION), KIVCAM_TRUE);
+}
+
+void CameraTest::Unload() {
+  gige_.reset();
+  usb_.reset();
+  lib_.reset();
+}
+
+Sim& CameraTest::GigE() {
+  if (!gige_) gige_ = std::make_unique<Sim>(lib_dir_ + "/KivGigEGenTL.cti");
+  return *gige_;
+}
+
+Sim& CameraTest::USB() {
+  if (!usb_) usb_ = std::make_unique<Sim>(lib_dir_ + "/KivUSBGenTL.cti");
+  return *usb_;
+}
+
+void CameraTest::WriteDataFile(const std::string& name, const std::string& text) {
+  std::ofstream(DataFolder() + "/" + name, std::ios::binary) << text;
+}
+
+std::string FetchDescription(const std::string& cti_path) {
+  void* h = dlopen(cti_path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!h) return "";
+#define RAW(name) auto name = reinterpret_cast<P##name>(dlsym(h, #name))
+  RAW(GCInitLib); RAW(GCCloseLib); RAW(TLOpen); RAW(TLClose); RAW(TLUpdateInterfaceList);
+  RAW(TLGetNumInterfaces); RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose);
+  RAW(IFUpdateDeviceList); RAW(IFGetNumDevices); RAW(IFGetDeviceID); RAW(IFOpenDevice);
+  RAW(DevGetPort); RAW(DevClose); RAW(GCGetNumPortURLs); RAW(GCGetPortURLInfo); RAW(GCReadPort);
+#undef RAW
+  std::string text;
+  TL_HANDLE tl = nullptr;
+  GCInitLib();
+  TLOpen(&tl);
+  TLUpdateInterfaceList(tl, nullptr, 1000);
+  uint32_t nif = 0;
+  TLGetNumInterfaces(tl, &nif);
+  for (uint32_t i = 0; i < nif && text.empty(); ++i) {
+    char id[512];
+    size_t size = sizeof id;
+    IF_HANDLE ifh = nullptr;
+    if (TLGetInterfaceID(tl, i, id, &size) != 0 || TLOpenInterface(tl, id, &ifh) != 0) continue;
+    IFUpdateDeviceList(ifh, nullptr, 1000);
+    uint32_t ndev = 0;
+    IFGetNumDevices(ifh, &ndev);
+    char dev_id[512];
+    size = sizeof dev_id;
+    DEV_HANDLE dev = nullptr;
+    if (ndev > 0 && IFGetDeviceID(ifh, 0, dev_id, &size) == 0 &&
+        IFOpenDevice(ifh, dev_id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
+      PORT_HANDLE port = nullptr;
+      uint32_t urls = 0;
+      DevGetPort(dev, &port);
+      GCGetNumPortURLs(port, &urls);
+      for (uint32_t u = 0; u < urls && text.empty(); ++u) {
+        char url[512] = {};
+        INFO_DATATYPE type;
+        size = sizeof url;
+        GCGetPortURLInfo(port, u, URL_INFO_URL, &type, url, &size);
+        std::string s(url);
+        size_t a = s.find(';'), b = s.find(';', a + 1);
+        if (s.find(".xml") == std::string::npos || a == std::string::npos) continue;
+        uint64_t address = std::strtoull(s.substr(a + 1, b - a - 1).c_str(), nullptr, 16);
+        size_t length = std::strtoull(s.substr(b + 1).c_str(), nullptr, 16);
+        text.resize(length);
+        GCReadPort(port, address, text.data(), &length);
+      }
+      DevClose(dev);
+    }
+    IFClose(ifh);
+  }
+  TLClose(tl);
+  GCCloseLib();
+  dlclose(h);
+  return text;
+}
+
+}  // namespace camtest

@@ -1,0 +1,168 @@
+// Test support for the camera layer: the library loaded with dlopen and its
+// camera exports bound, the virtual cameras' control interface, a drain of
+// the shared call log, and a fixture that gives every test its own
+// machine-wide names, data folder and virtual world.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kivcam/kivcam.h"
+#include "kivsim/kivsim.h"
+#include "log_reader.h"
+
+namespace camtest {
+
+std::string BuildDir();
+std::string LibDir();  // where libkivcam.so and the producers are
+
+// libkivcam.so from `path`, with the exports these tests use.
+class CamLib {
+ public:
+  explicit CamLib(const std::string& path = LibDir() + "/libkivcam.so");
+  ~CamLib();
+  bool loaded() const { return handle_ != nullptr; }
+
+#define CAMTEST_FN(name) decltype(&::name) name = nullptr
+  CAMTEST_FN(KIVCAM_SetStructVersion);
+  CAMTEST_FN(KIVCAM_GetLastError);
+  CAMTEST_FN(KIVCAM_SetCallBack);
+  CAMTEST_FN(KIVCAM_GetList);
+  CAMTEST_FN(KIVCAM_Open);
+  CAMTEST_FN(KIVCAM_OpenGigE);
+  CAMTEST_FN(KIVCAM_OpenUSB);
+  CAMTEST_FN(KIVCAM_Close);
+  CAMTEST_FN(KIVCAM_CloseAll);
+  CAMTEST_FN(KIVCAM_Camera);
+  CAMTEST_FN(KIVCAM_Reset);
+  CAMTEST_FN(KIVCAM_ReDetection);
+  CAMTEST_FN(KIVCAM_ReadPort);
+  CAMTEST_FN(KIVCAM_WritePort);
+  CAMTEST_FN(KIVCAM_OpenReg);
+  CAMTEST_FN(KIVCAM_CloseReg);
+  CAMTEST_FN(KIVCAM_ReadReg);
+  CAMTEST_FN(KIVCAM_WriteReg);
+  CAMTEST_FN(KIVCAM_CameraRegInfo);
+  CAMTEST_FN(KIVCAM_CameraInfo);
+  CAMTEST_FN(KIVCAM_CameraInfoGigE);
+  CAMTEST_FN(KIVCAM_CameraInfoUSB);
+  CAMTEST_FN(KIVCAM_GetNodeMap);
+  CAMTEST_FN(KIVCAM_SetCmdTimeOut);
+#undef CAMTEST_FN
+
+  // The whole list (count query, then fill).
+  std::vector<CameraListEntry> List();
+  // Big-endian 32-bit register of a GigE camera.
+  uint32_t ReadBE(HCAMERA camera, uint32_t address);
+
+ private:
+  void* handle_ = nullptr;
+};
+
+// The control interface of one loaded producer (the module the library
+// loaded: the same file gives the same instance).
+class Sim {
+ public:
+  explicit Sim(const std::string& cti_path);
+  ~Sim();
+  bool loaded() const { return handle_ != nullptr; }
+  int32_t (*camera_index)(const char*) = nullptr;
+  int32_t (*plug)(uint32_t, int32_t) = nullptr;
+  int32_t (*raise_interface_event)(uint32_t, uint32_t) = nullptr;
+  int32_t (*fail_next)(const char*, int32_t, const char*, uint32_t) = nullptr;
+  int32_t (*short_reads)(uint32_t) = nullptr;
+  int32_t (*get_counters)(uint32_t, kivsim_counters*) = nullptr;
+  int32_t (*reset_faults)() = nullptr;
+
+ private:
+  void* handle_ = nullptr;
+};
+
+// Keeps taking the call log's lines so that its 32 slots never overflow.
+class LogDrain {
+ public:
+  LogDrain();
+  ~LogDrain();
+  bool ok() const { return ok_; }
+  // Everything written so far (a final take first); the store is emptied.
+  std::vector<std::string> Take();
+  // Forgets every line written so far.
+  void Clear() {
+    Take();
+    seen_.clear();
+  }
+  // True when a line holding both texts was written (taking the lines).
+  bool Saw(const std::string& a, const std::string& b = "");
+  // The first line seen holding both texts, or empty.
+  std::string LineWith(const std::string& a, const std::string& b = "");
+  // Waits until a line holding both texts arrives, at most the bound.
+  bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
+  // The virtual producers watch for raised events on a thread of their own
+  // that may not have taken its first look yet right after they opened; an
+  // event raised before that look is never delivered. So: raise, wait for
+  // the line, and raise again a bounded number of times.
+  bool RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b = "");
+
+ private:
+  void Pull();
+  kivcam::monitor::LogReader reader_;
+  bool ok_ = false;
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+  std::vector<std::string> seen_;  // kept for Saw/WaitFor across calls
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// The UID of a packed record, read by value (it sits at 4 modulo 8).
+inline uint64_t Uid(const CameraListEntry& e) { return e.UID; }
+
+// Virtual GigE camera UIDs of the default world (interface 1 holds both;
+// interface 0 is an adapter with no camera) and the USB one.
+constexpr uint64_t kGigE1 = 0x00A0B7000001ULL;
+constexpr uint64_t kGigE2 = 0x00A0B7000002ULL;
+constexpr uint64_t kUsb1 = 0x4B49560000000001ULL;
+
+class CameraTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A virtual world for both producers (text of KIVSIM_CONFIG); call before Load.
+  void World(const std::string& text);
+  // Loads the library (from `dir` when given) and declares the newest
+  // structure version, which loads the producers.
+  void Load(const std::string& dir = "");
+  void Unload();
+  Sim& GigE();
+  Sim& USB();
+  std::string DataFolder() const { return temp_ + "/appdata/Valdrix/KivCam"; }
+  void WriteDataFile(const std::string& name, const std::string& text);
+  std::string Temp() const { return temp_; }
+
+  std::unique_ptr<CamLib> lib_;
+  std::unique_ptr<LogDrain> log_;
+
+ private:
+  std::string temp_;
+  std::string lib_dir_;
+  std::unique_ptr<Sim> gige_, usb_;
+};
+
+// Copies libkivcam.so and the named producers (file names) into `dir`.
+void CopyLibrary(const std::string& dir, const std::vector<std::string>& producers);
+void CopyFile(const std::string& from, const std::string& to);
+void MakeDirs(const std::string& path);
+
+// The plain description of the first camera of a producer, read straight
+// from the producer (call before the library loads it).
+std::string FetchDescription(const std::string& cti_path);
+
+}  // namespace camtest

@@ -1,0 +1,148 @@
+// Producers and discovery: which producers load from where, and the camera list.
+#include <cstring>
+
+#include "cam_env.h"
+
+namespace camtest {
+namespace {
+
+using Discovery = CameraTest;
+
+std::string Name(const char (&field)[256]) { return std::string(field, strnlen(field, 256)); }
+
+TEST_F(Discovery, ListsEveryCameraInProducerAndInterfaceOrder) {
+  Load();
+  CameraList head{};
+  ASSERT_EQ(lib_->KIVCAM_GetList(&head), KIVCAM_TRUE);
+  EXPECT_EQ(head.Count, 3u);  // count query: nothing written
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 3u);
+  // The first GigE adapter has no camera; the second one's are listed.
+  EXPECT_EQ(Uid(list[0]), kGigE1);
+  EXPECT_EQ(Uid(list[1]), kGigE2);
+  EXPECT_EQ(Uid(list[2]), kUsb1);
+  EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_GIGE);
+  EXPECT_EQ(list[2].CameraKind, KIVCAM_CAMERAKIND_USB);
+  EXPECT_EQ(list[0].LinkCode, 6u);  // a 1000 link is not the 100 one
+  EXPECT_EQ(list[2].LinkCode, 8u);  // 0x300 is not 0x200
+  EXPECT_EQ(list[0].Info1002, 0xC0A80201u);  // the adapter's address 192.168.2.1
+  EXPECT_EQ(Name(list[0].Vendor), "KivCam");
+  EXPECT_EQ(Name(list[0].Model), "KivSim-GC1920M");
+  EXPECT_EQ(Name(list[2].Model), "KivSim-UC1920C");
+  EXPECT_TRUE(log_->Saw("CInterface::GetDevCount", "GigE Camera Count DUMP=0x0000000000000002"));
+  EXPECT_TRUE(log_->Saw("CInterface::GetDevCount", "USB Camera Count DUMP=0x0000000000000001"));
+}
+
+TEST_F(Discovery, CapacityBelowTheCountLeavesTheBufferUntouched) {
+  Load();
+  std::vector<unsigned char> buf(KIVCAM_CAMERALIST_BYTES(3), 0xA5);
+  auto* list = reinterpret_cast<CameraList*>(buf.data());
+  list->Count = 2;
+  EXPECT_EQ(lib_->KIVCAM_GetList(list), KIVCAM_FALSE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_BUFFER_SIZE);
+  EXPECT_EQ(list->Count, 2u);
+  for (size_t i = 4; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xA5) << i;
+  // Exactly enough, and more than enough: the count is the number of devices.
+  list->Count = 3;
+  EXPECT_EQ(lib_->KIVCAM_GetList(list), KIVCAM_TRUE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), 0u);
+  list->Count = 3;
+  EXPECT_EQ(lib_->KIVCAM_GetList(nullptr), KIVCAM_FALSE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+}
+
+TEST_F(Discovery, ConfiguredLinksLongNamesAndUids) {
+  World(
+      "[camera]\ntransport = gige\ninterface = 0\nuid = 1250999896372\nlink = 100\nvendor = " +
+      std::string(300, 'V') +
+      "\n[camera]\ntransport = usb\nlink = 0x200\nmodel = " + std::string(255, 'M') + "\n");
+  Load();
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(Uid(list[0]), 1250999896372ull);
+  EXPECT_EQ(list[0].LinkCode, 0u);
+  EXPECT_EQ(list[1].LinkCode, 7u);
+  // Cut to 255 characters and terminated; 255 fit exactly.
+  EXPECT_EQ(Name(list[0].Vendor), std::string(255, 'V'));
+  EXPECT_EQ(Name(list[1].Model), std::string(255, 'M'));
+}
+
+TEST_F(Discovery, MissingProducerIsLoggedAndTheOtherStillLoads) {
+  std::string dir = Temp() + "/lib";
+  CopyLibrary(dir, {"KivGigEGenTL.cti"});
+  Load(dir);
+  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "GenTL Module Not Found"));
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[1].CameraKind, KIVCAM_CAMERAKIND_GIGE);
+
+  // The second place: $GENICAM_ROOT_V2_4/bin/Linux64_x64/TLIs, tried again on re-detection.
+  std::string root = Temp() + "/genicam";
+  MakeDirs(root + "/bin/Linux64_x64/TLIs");
+  CopyFile(LibDir() + "/KivUSBGenTL.cti", root + "/bin/Linux64_x64/TLIs/KivUSBGenTL.cti");
+  setenv("GENICAM_ROOT_V2_4", root.c_str(), 1);
+  lib_->KIVCAM_ReDetection();
+  list = lib_->List();
+  ASSERT_EQ(list.size(), 3u);
+  EXPECT_EQ(Uid(list[2]), kUsb1);
+}
+
+TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {
+  World("[camera]\nbogus = 1\n");
+  Load();
+  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "KIVSIM_CONFIG: line 2: unknown key bogus"));
+  EXPECT_TRUE(lib_->List().empty());
+  // Re-detection tries every missing producer again.
+  World("[camera]\ntransport = usb\n");
+  lib_->KIVCAM_ReDetection();
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
+}
+
+TEST_F(Discovery, ModuleWithoutEntryPointsIsNoProducer) {
+  std::string dir = Temp() + "/lib";
+  CopyLibrary(dir, {"KivGigEGenTL.cti"});
+  CopyFile(LibDir() + "/KivNoEntries.cti", dir + "/KivUSBGenTL.cti");
+  Load(dir);
+  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "GenTL Load Entry Error"));
+  EXPECT_EQ(lib_->List().size(), 2u);
+}
+
+TEST_F(Discovery, NoProducerGivesAnEmptyList) {
+  std::string dir = Temp() + "/lib";
+  CopyLibrary(dir, {});
+  Load(dir);
+  std::vector<unsigned char> buf(KIVCAM_CAMERALIST_BYTES(4), 0);
+  auto* list = reinterpret_cast<CameraList*>(buf.data());
+  list->Count = 4;
+  EXPECT_EQ(lib_->KIVCAM_GetList(list), KIVCAM_TRUE);
+  EXPECT_EQ(list->Count, 0u);
+  HCAMERA cam = reinterpret_cast<HCAMERA>(1);
+  EXPECT_EQ(lib_->KIVCAM_Open(KIVCAM_UID_ANY, &cam), KIVCAM_FALSE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(cam, nullptr);
+  EXPECT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_FALSE);
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NOT_SUPPORTED);
+}
+
+TEST_F(Discovery, ReDetectionLoadsProducersAndKeepsOpenCameras) {
+  // Before any structure version no producer is loaded; re-detection loads them.
+  lib_ = std::make_unique<CamLib>();
+  ASSERT_TRUE(lib_->loaded());
+  EXPECT_TRUE(lib_->List().empty());
+  lib_->KIVCAM_ReDetection();
+  ASSERT_EQ(lib_->List().size(), 3u);
+  // A second re-detection keeps the loaded producers and their open cameras.
+  HCAMERA cam = nullptr;
+  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
+  lib_->KIVCAM_ReDetection();
+  uint32_t state = 7;
+  EXPECT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);
+  EXPECT_EQ(state, 1u);
+  EXPECT_EQ(lib_->KIVCAM_Reset(), KIVCAM_TRUE);
+  EXPECT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
+}
+
+}  // namespace
+}  // namespace camtest
