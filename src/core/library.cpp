@@ -44,6 +44,10 @@ __attribute__((constructor)) void LibraryAttach() {
                 static_cast<int>(platform::ProcessId()), 3);
   g_filter_mutex = platform::NamedMutex::CreateOrOpen(name).release();
 
+  // The OpenMP runtime keeps its thread pool after a parallel conversion and
+  // cannot be unloaded under it: it stays when the library goes.
+  platform::KeepModuleLoaded("libgomp.so.1");
+
   diag::OpenCallLog();
   diag::LogLoad("DLL ATTACH");
   RegisterProcess();

@@ -81,4 +81,10 @@ void* Module::Symbol(const char* name) const { return name ? dlsym(impl_->handle
 
 const std::string& Module::path() const { return impl_->path; }
 
+bool KeepModuleLoaded(const std::string& name) {
+  // The reference taken here is never given back; RTLD_NODELETE keeps the
+  // module mapped even past the last dlclose of everyone else.
+  return dlopen(name.c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}
+
 }  // namespace kivcam::platform

@@ -200,4 +200,8 @@ class Module {
   std::unique_ptr<Impl> impl_;
 };
 
+// Marks a module that is already loaded (a dependency) so that it is never
+// unloaded, whoever unloads what. False when it is not loaded.
+bool KeepModuleLoaded(const std::string& name);
+
 }  // namespace kivcam::platform

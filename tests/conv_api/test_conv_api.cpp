@@ -2,6 +2,7 @@
 // refusal of stale or foreign handles, the bitmap headers, and the log.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <regex>
 #include <vector>
@@ -165,6 +166,23 @@ TEST_F(ConvApiTest, BitmapHeadersOfHandlesAndOfMonoImages) {
   EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_FORMAT);
   EXPECT_EQ(lib_.KIVCAM_MonoBMPINFO(&unsupported, &grey), KIVCAM_FALSE);
   EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);  // unknown code: 1 here, not 21
+}
+
+// The OpenMP team outlives a parallel conversion; unloading the library must
+// leave it intact, and a library loaded again converts on it.
+TEST_F(ConvApiTest, ParallelConversionSurvivesUnloadAndReload) {
+  KIVCAM_CONVMODE parallel{0, 0, 0, 1, 1};
+  std::vector<uint8_t> src(256 * 256, 7), dst(256 * 256 * 4);
+  KIVCAM_IMAGEDESC img = Image(256, 256, src.data(), kBayerRG8);
+  HCTBL h = Create(&parallel);
+  ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst.data()), KIVCAM_TRUE);
+  ASSERT_TRUE(lib_.Unload());
+  KivCamLibrary again;
+  HCTBL h2 = nullptr;
+  ASSERT_EQ(again.KIVCAM_CreateConvHandle(&h2, &parallel, nullptr), KIVCAM_TRUE);
+  std::fill(dst.begin(), dst.end(), 0);
+  ASSERT_EQ(again.KIVCAM_ColorConvExec(h2, &img, dst.data()), KIVCAM_TRUE);
+  EXPECT_EQ(dst[4 * (128 * 256 + 128)], 7);  // a uniform mosaic gives uniform grey
 }
 
 class ConvApiLogTest : public ConvApiTest {
