@@ -173,8 +173,17 @@ class CNumberNode : public CNode {
   }
   FormulaValue Bound(const NumRef& r, bool is_min) {
     FormulaValue v;
+    std::vector<CNode*> mirrors;
     if (r.present()) {
       v = Conv(Eval(r));
+    } else if (!(mirrors = src_.Mirrors()).empty()) {
+      // A mirrored value must fit every copy: the intersection of ranges.
+      v = Conv(is_min ? mirrors[0]->NumMin() : mirrors[0]->NumMax());
+      for (size_t k = 1; k < mirrors.size(); ++k) {
+        FormulaValue b = Conv(is_min ? mirrors[k]->NumMin() : mirrors[k]->NumMax());
+        bool tighter = Float ? (is_min ? b.f > v.f : b.f < v.f) : (is_min ? b.i > v.i : b.i < v.i);
+        if (tighter) v = b;
+      }
     } else if (CNode* t = src_.Target(this)) {
       v = Conv(is_min ? t->NumMin() : t->NumMax());
     } else if (Float) {

@@ -124,7 +124,22 @@ EAccessMode CValueSource::Access(const CNode* owner) const {
   if (!value_.ref.node) return NA;
   EAccessMode m = value_.ref.node->GetAccessMode();
   for (const auto& c : copies_) m = Combine(m, c.node ? c.node->GetAccessMode() : NA);
+  // Mirrors stepping differently cannot all hold the same written value.
+  if (IsWritable(m) && !copies_.empty()) {
+    double inc = value_.ref.node->NumInc().AsFloat();
+    for (const auto& c : copies_)
+      if (c.node->NumInc().AsFloat() != inc) return m == WO ? NA : RO;
+  }
   return m;
+}
+
+std::vector<CNode*> CValueSource::Mirrors() const {
+  std::vector<CNode*> out;
+  if (copies_.empty() || index_.set() || !value_.ref.node) return out;
+  out.push_back(value_.ref.node);
+  for (const auto& c : copies_)
+    if (c.node) out.push_back(c.node);
+  return out;
 }
 
 CNode* CValueSource::Target(const CNode* owner) const {

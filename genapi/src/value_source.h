@@ -22,6 +22,8 @@ class CValueSource {
   EAccessMode Access(const CNode* owner) const;
   // The node that currently holds the value, if any.
   CNode* Target(const CNode* owner) const;
+  // pValue and every pValueCopy, when the value is mirrored; else empty.
+  std::vector<CNode*> Mirrors() const;
   void Inputs(std::vector<CNode*>& out) const;
 
  private:

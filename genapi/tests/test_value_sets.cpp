@@ -1,0 +1,68 @@
+// Mirrored values (pValueCopy) and lists of valid values.
+#include <gtest/gtest.h>
+
+#include "fake_port.h"
+
+using namespace KivGenApi;
+using kivtest::Fixture;
+
+namespace {
+
+TEST(ValueCopy, RangeIsTheIntersectionAndWritesGoInDocumentOrder) {
+  Fixture f(R"(
+    <IntReg Name="Wide"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+    <IntReg Name="Narrow"><Address>8</Address><Length>2</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+    <IntReg Name="Ro"><Address>12</Address><Length>2</Length><AccessMode>RO</AccessMode><pPort>Device</pPort></IntReg>
+    <Integer Name="Low"><Value>0</Value><Min>-5</Min><Max>1000</Max></Integer>
+    <Integer Name="Stepped"><Value>0</Value><Min>0</Min><Max>100</Max><Inc>2</Inc></Integer>
+    <Integer Name="M"><pValue>Narrow</pValue><pValueCopy>Low</pValueCopy><pValueCopy>Wide</pValueCopy></Integer>
+    <Integer Name="WithRo"><pValue>Wide</pValue><pValueCopy>Ro</pValueCopy></Integer>
+    <Integer Name="Mixed"><pValue>Wide</pValue><pValueCopy>Stepped</pValueCopy></Integer>)");
+  CIntegerPtr m(f.Node("M"));
+  EXPECT_EQ(m->GetMin(), 0);     // Narrow's minimum beats Low's -5
+  EXPECT_EQ(m->GetMax(), 1000);  // Low's maximum beats both registers
+  EXPECT_THROW(m->SetValue(1001), OutOfRangeException);
+  f.port.Clear();
+  m->SetValue(513);
+  ASSERT_EQ(f.port.Writes(), 2u);
+  EXPECT_EQ(f.port.log[0].address, 8);  // pValue first, then the copies in order
+  EXPECT_EQ(f.port.log[1].address, 0);
+  EXPECT_EQ(CIntegerPtr(f.Node("Low"))->GetValue(), 513);
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{0x01, 0x02, 0, 0}));
+  EXPECT_EQ(m->GetValue(false, true), 513);
+  // A read-only copy makes the whole node read-only.
+  EXPECT_EQ(CIntegerPtr(f.Node("WithRo"))->GetAccessMode(), RO);
+  // Copies with different increments cannot be written together.
+  CIntegerPtr mixed(f.Node("Mixed"));
+  EXPECT_EQ(mixed->GetAccessMode(), RO);
+  EXPECT_THROW(mixed->SetValue(4), AccessException);
+  EXPECT_EQ(mixed->GetMax(), 100);
+}
+
+TEST(ValueCopy, FloatEnumerationBooleanAndCommandMirror) {
+  Fixture f(R"(
+    <Float Name="A"><Value>0</Value><Min>-5</Min><Max>5</Max></Float>
+    <Float Name="B"><Value>0</Value><Min>0</Min><Max>10</Max></Float>
+    <Float Name="F"><pValue>A</pValue><pValueCopy>B</pValueCopy></Float>
+    <Integer Name="X"><Value>0</Value></Integer>
+    <Integer Name="Y"><Value>0</Value></Integer>
+    <Enumeration Name="E"><EnumEntry Name="One"><Value>1</Value></EnumEntry>
+      <EnumEntry Name="Two"><Value>2</Value></EnumEntry><pValue>X</pValue><pValueCopy>Y</pValueCopy></Enumeration>
+    <Boolean Name="Bo"><pValue>X</pValue><pValueCopy>Y</pValueCopy><OnValue>7</OnValue><OffValue>3</OffValue></Boolean>
+    <Command Name="C"><pValue>X</pValue><pValueCopy>Y</pValueCopy><CommandValue>9</CommandValue></Command>)");
+  CFloatPtr fl(f.Node("F"));
+  EXPECT_DOUBLE_EQ(fl->GetMin(), 0);
+  EXPECT_DOUBLE_EQ(fl->GetMax(), 5);
+  fl->SetValue(2.5);
+  EXPECT_DOUBLE_EQ(CFloatPtr(f.Node("B"))->GetValue(), 2.5);
+  EXPECT_THROW(fl->SetValue(7), OutOfRangeException);
+  CIntegerPtr y(f.Node("Y"));
+  CEnumerationPtr(f.Node("E"))->FromString("Two");
+  EXPECT_EQ(y->GetValue(), 2);
+  CBooleanPtr(f.Node("Bo"))->SetValue(true);
+  EXPECT_EQ(y->GetValue(), 7);
+  CCommandPtr(f.Node("C"))->Execute();
+  EXPECT_EQ(y->GetValue(), 9);
+}
+
+}  // namespace
