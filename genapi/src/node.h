@@ -114,6 +114,9 @@ class CNode : virtual public INode {
   virtual FormulaValue NumMin();
   virtual FormulaValue NumMax();
   virtual FormulaValue NumInc();
+  // The node's list of valid values (listIncrement), bounded by its range
+  // when asked; false when the node steps by a fixed increment instead.
+  virtual bool ValidList(std::vector<FormulaValue>& out, bool bounded) { (void)out; (void)bounded; return false; }
 
   // Write notification: drops the caches of every node that depends on this
   // one (not this node's own value cache) and fires callbacks.

@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <climits>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -61,6 +62,32 @@ static bool ParseAddress(const std::string& s, int64_t& out) {
   }
   out = static_cast<int64_t>(v);
   return true;
+}
+
+void CheckInList(const CNode* n, const FormulaValue& v, const std::vector<FormulaValue>& list) {
+  for (const auto& e : list) {
+    if (!v.is_float && !e.is_float ? v.i == e.i : std::fabs(v.AsFloat() - e.AsFloat()) <= 1e-9 * std::max(1.0, std::fabs(e.AsFloat())))
+      return;
+  }
+  const std::string& name = n->name();
+  KIV_THROW(OutOfRangeException, name, "Value " + (v.is_float ? FormatDouble(v.f) : std::to_string(v.i)) +
+                                           " of node '" + name + "' is not in its list of valid values");
+}
+
+int64_autovector_t IntList(CNode* n, bool bounded) {
+  std::vector<FormulaValue> list;
+  int64_autovector_t out;
+  if (n->ValidList(list, bounded))
+    for (const auto& v : list) out.push_back(ToInt(v));
+  return out;
+}
+
+double_autovector_t FloatList(CNode* n, bool bounded) {
+  std::vector<FormulaValue> list;
+  double_autovector_t out;
+  if (n->ValidList(list, bounded))
+    for (const auto& v : list) out.push_back(v.AsFloat());
+  return out;
 }
 
 int64_t IntArgument(const CNode* n, const std::string& s) {
@@ -123,17 +150,15 @@ class CNumberNode : public CNode {
     if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
     if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
     if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
-    for (const char* t : {"ValidValueSet"}) {
-      std::string s = d.Text(t);
-      size_t pos = 0;
-      while (!s.empty() && pos <= s.size()) {
-        size_t e = s.find(';', pos);
-        std::string item = s.substr(pos, e == std::string::npos ? std::string::npos : e - pos);
-        int64_t v;
-        if (ParseInt64(item, v)) valid_.push_back(v);
-        if (e == std::string::npos) break;
-        pos = e + 1;
-      }
+    // "1;2;4": the only values the node accepts.
+    std::string set = d.Text("ValidValueSet");
+    for (size_t pos = 0; !set.empty() && pos <= set.size();) {
+      size_t e = set.find(';', pos);
+      FormulaValue v;
+      if (ParseLiteral(set.substr(pos, e == std::string::npos ? std::string::npos : e - pos), Float, v))
+        valid_.push_back(v);
+      if (e == std::string::npos) break;
+      pos = e + 1;
     }
   }
   void Link() override {
@@ -165,8 +190,21 @@ class CNumberNode : public CNode {
     src_.Set(this, v, verify);
   }
   void CheckRange(const FormulaValue& v) {
+    if (!valid_.empty()) {
+      // A list replaces the increment; the range still bounds it.
+      CheckFloatRange(this, v.AsFloat(), NumMin().AsFloat(), NumMax().AsFloat());
+      return CheckInList(this, v, valid_);
+    }
     if (Float) CheckFloatRange(this, v.AsFloat(), NumMin().AsFloat(), NumMax().AsFloat());
     else CheckIntRange(this, ToInt(v), ToInt(NumMin()), ToInt(NumMax()), ToInt(NumInc()));
+  }
+  bool ValidList(std::vector<FormulaValue>& out, bool bounded) override {
+    if (valid_.empty()) return false;
+    out.clear();
+    double lo = bounded ? NumMin().AsFloat() : -DBL_MAX, hi = bounded ? NumMax().AsFloat() : DBL_MAX;
+    for (const auto& v : valid_)
+      if (v.AsFloat() >= lo && v.AsFloat() <= hi) out.push_back(v);
+    return true;
   }
   FormulaValue Conv(const FormulaValue& v) const {
     return Float ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(ToInt(v));
@@ -215,7 +253,7 @@ class CNumberNode : public CNode {
   ERepresentation repr_;
   EDisplayNotation notation_ = fnAutomatic;
   int64_t precision_ = 6;
-  std::vector<int64_t> valid_;
+  std::vector<FormulaValue> valid_;
   bool has_imposed_min_ = false, has_imposed_max_ = false;
   FormulaValue imposed_min_, imposed_max_;
 };
@@ -230,9 +268,6 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelecto
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
   void SetValue(int64_t v, bool verify) override {
     KIV_LOCK();
-    if (verify && !valid_.empty() && std::find(valid_.begin(), valid_.end(), v) == valid_.end())
-      KIV_THROW(OutOfRangeException, name_, "Value " + std::to_string(v) + " of node '" + name_ +
-                                                "' is not in its set of valid values");
     Write(FormulaValue::Int(v), verify);
     CheckErrors();
   }
@@ -245,12 +280,8 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelecto
   int64_t GetInc() override { KIV_LOCK(); return ToInt(NumInc()); }
   EIncMode GetIncMode() override { return valid_.empty() ? fixedIncrement : listIncrement; }
   int64_autovector_t GetListOfValidValues(bool bounded) override {
-    if (!bounded) return valid_;
-    int64_autovector_t out;
-    int64_t lo = GetMin(), hi = GetMax();
-    for (int64_t v : valid_)
-      if (v >= lo && v <= hi) out.push_back(v);
-    return out;
+    KIV_LOCK();
+    return IntList(this, bounded);
   }
   ERepresentation GetRepresentation() override {
     if (repr_ != _UndefinedRepresentation) return repr_;
@@ -291,10 +322,13 @@ class CFloatNode : public CNumberNode<true>, public IFloat, public CSelectorFace
   double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache).AsFloat(); }
   double GetMin() override { KIV_LOCK(); return NumMin().AsFloat(); }
   double GetMax() override { KIV_LOCK(); return NumMax().AsFloat(); }
-  bool HasInc() override { return inc_.present(); }
-  EIncMode GetIncMode() override { return inc_.present() ? fixedIncrement : noIncrement; }
+  bool HasInc() override { return GetIncMode() != noIncrement; }
+  EIncMode GetIncMode() override { return !valid_.empty() ? listIncrement : inc_.present() ? fixedIncrement : noIncrement; }
   double GetInc() override { KIV_LOCK(); return inc_.present() ? Eval(inc_).AsFloat() : 0.0; }
-  double_autovector_t GetListOfValidValues(bool) override { return {}; }
+  double_autovector_t GetListOfValidValues(bool bounded) override {
+    KIV_LOCK();
+    return FloatList(this, bounded);
+  }
   ERepresentation GetRepresentation() override { return repr_; }
   gcstring GetUnit() const override {
     if (has_unit_) return unit_;

@@ -65,4 +65,59 @@ TEST(ValueCopy, FloatEnumerationBooleanAndCommandMirror) {
   EXPECT_EQ(y->GetValue(), 9);
 }
 
+TEST(ValidValueSet, ListsReplaceTheIncrementAndRefuseOtherValues) {
+  Fixture f(R"(
+    <Integer Name="I"><Value>2</Value><Min>1</Min><Max>8</Max><ValidValueSet>1;2;4;16</ValidValueSet></Integer>
+    <Float Name="F"><Value>1.5</Value><Min>0</Min><Max>10</Max><ValidValueSet>0.5;1.5;2.25;12</ValidValueSet></Float>
+    <Float Name="Plain"><Value>0</Value></Float>)");
+  CIntegerPtr i(f.Node("I"));
+  EXPECT_EQ(i->GetIncMode(), listIncrement);
+  EXPECT_EQ(i->GetListOfValidValues(), (int64_autovector_t{1, 2, 4}));
+  EXPECT_EQ(i->GetListOfValidValues(false), (int64_autovector_t{1, 2, 4, 16}));
+  i->SetValue(4);
+  EXPECT_THROW(i->SetValue(3), OutOfRangeException);
+  EXPECT_THROW(i->SetValue(16), OutOfRangeException);  // listed, but above Max
+  EXPECT_EQ(i->GetValue(), 4);
+  i->SetValue(3, false);  // unverified writes skip the list like the range
+  EXPECT_THROW(i->GetValue(true), OutOfRangeException);
+
+  CFloatPtr fl(f.Node("F"));
+  EXPECT_EQ(fl->GetIncMode(), listIncrement);
+  EXPECT_TRUE(fl->HasInc());
+  EXPECT_EQ(fl->GetListOfValidValues(), (double_autovector_t{0.5, 1.5, 2.25}));
+  EXPECT_EQ(fl->GetListOfValidValues(false).size(), 4u);
+  fl->SetValue(2.25);
+  EXPECT_DOUBLE_EQ(fl->GetValue(), 2.25);
+  EXPECT_THROW(fl->SetValue(2.0), OutOfRangeException);
+  EXPECT_THROW(fl->FromString("12"), OutOfRangeException);
+  EXPECT_DOUBLE_EQ(fl->GetValue(), 2.25);
+
+  CFloatPtr plain(f.Node("Plain"));
+  EXPECT_EQ(plain->GetIncMode(), noIncrement);
+  EXPECT_FALSE(plain->HasInc());
+  EXPECT_TRUE(plain->GetListOfValidValues().empty());
+}
+
+TEST(ValidValueSet, ConvertersMapTheListThroughFormulaFrom) {
+  Fixture f(R"(
+    <IntReg Name="Raw"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+    <Integer Name="Code"><pValue>Raw</pValue><Min>0</Min><Max>100</Max><ValidValueSet>1;2;4</ValidValueSet></Integer>
+    <Converter Name="Ms"><FormulaTo>FROM*2</FormulaTo><FormulaFrom>TO/2</FormulaFrom><pValue>Code</pValue></Converter>
+    <IntConverter Name="Neg"><FormulaTo>10-FROM</FormulaTo><FormulaFrom>10-TO</FormulaFrom><pValue>Code</pValue></IntConverter>
+    <Converter Name="Free"><FormulaTo>FROM</FormulaTo><FormulaFrom>TO</FormulaFrom><pValue>Raw</pValue></Converter>)");
+  CFloatPtr ms(f.Node("Ms"));
+  EXPECT_EQ(ms->GetIncMode(), listIncrement);
+  EXPECT_EQ(ms->GetListOfValidValues(), (double_autovector_t{0.5, 1, 2}));
+  ms->SetValue(1);
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{2, 0, 0, 0}));
+  EXPECT_THROW(ms->SetValue(1.5), OutOfRangeException);
+  CIntegerPtr neg(f.Node("Neg"));
+  EXPECT_EQ(neg->GetIncMode(), listIncrement);
+  EXPECT_EQ(neg->GetListOfValidValues(), (int64_autovector_t{6, 8, 9}));  // sorted after mapping
+  neg->SetValue(6);
+  EXPECT_EQ(CIntegerPtr(f.Node("Code"))->GetValue(), 4);
+  EXPECT_THROW(neg->SetValue(7), OutOfRangeException);
+  EXPECT_EQ(CFloatPtr(f.Node("Free"))->GetIncMode(), noIncrement);
+}
+
 }  // namespace
