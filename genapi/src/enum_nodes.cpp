@@ -1,6 +1,8 @@
 // Enumeration and EnumEntry.
 #include <algorithm>
+#include <cfloat>
 #include <climits>
+#include <cmath>
 
 #include "factories.h"
 #include "nodemap.h"
@@ -147,6 +149,35 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(GetIntValue(verify, ignore_cache)); }
   void SetNum(const FormulaValue& v, bool verify) override { SetIntValue(ToInt(v), verify); }
+  // Seen from a Float: the current entry's NumericValue; a write picks the
+  // available entry whose NumericValue is nearest.
+  FormulaValue GetFloat(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    int64_t v = GetIntValue(verify, ignore_cache);
+    CEnumEntryNode* e = Find(v);
+    if (!e)
+      KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
+    return FormulaValue::Float(e->GetNumericValue());
+  }
+  void SetFloat(const FormulaValue& v, bool verify) override {
+    KIV_LOCK();
+    CEnumEntryNode* best = nullptr;
+    double x = v.AsFloat();
+    for (auto* e : entries_)
+      if (IsAvailable(e->GetAccessMode()) &&
+          (!best || std::fabs(e->GetNumericValue() - x) < std::fabs(best->GetNumericValue() - x)))
+        best = e;
+    if (!best) KIV_THROW(AccessException, name_, "Enumeration '" + name_ + "' has no available entry");
+    SetIntValue(best->value(), verify);
+  }
+  FormulaValue FloatMin() override { return NumericBound(true); }
+  FormulaValue FloatMax() override { return NumericBound(false); }
+  FormulaValue NumericBound(bool is_min) {
+    double m = is_min ? DBL_MAX : -DBL_MAX;
+    for (auto* e : entries_)
+      if (IsAvailable(e->GetAccessMode())) m = is_min ? std::min(m, e->GetNumericValue()) : std::max(m, e->GetNumericValue());
+    return FormulaValue::Float(m);
+  }
   FormulaValue NumMin() override {
     int64_t m = INT64_MAX;
     for (auto* e : entries_) m = std::min(m, e->value());

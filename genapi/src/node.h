@@ -114,6 +114,12 @@ class CNode : virtual public INode {
   virtual FormulaValue NumMin();
   virtual FormulaValue NumMax();
   virtual FormulaValue NumInc();
+  // The value as a float-valued node sees it through pValue; an
+  // enumeration answers with its entries' NumericValue here.
+  virtual FormulaValue GetFloat(bool verify, bool ignore_cache) { return GetNum(verify, ignore_cache); }
+  virtual void SetFloat(const FormulaValue& v, bool verify) { SetNum(v, verify); }
+  virtual FormulaValue FloatMin() { return NumMin(); }
+  virtual FormulaValue FloatMax() { return NumMax(); }
   // The node's list of valid values (listIncrement), bounded by its range
   // when asked; false when the node steps by a fixed increment instead.
   virtual bool ValidList(std::vector<FormulaValue>& out, bool bounded) { (void)out; (void)bounded; return false; }

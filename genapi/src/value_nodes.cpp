@@ -209,6 +209,10 @@ class CNumberNode : public CNode {
   FormulaValue Conv(const FormulaValue& v) const {
     return Float ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(ToInt(v));
   }
+  FormulaValue TargetBound(CNode* t, bool is_min) {
+    if (Float) return Conv(is_min ? t->FloatMin() : t->FloatMax());
+    return Conv(is_min ? t->NumMin() : t->NumMax());
+  }
   FormulaValue Bound(const NumRef& r, bool is_min) {
     FormulaValue v;
     std::vector<CNode*> mirrors;
@@ -216,14 +220,14 @@ class CNumberNode : public CNode {
       v = Conv(Eval(r));
     } else if (!(mirrors = src_.Mirrors()).empty()) {
       // A mirrored value must fit every copy: the intersection of ranges.
-      v = Conv(is_min ? mirrors[0]->NumMin() : mirrors[0]->NumMax());
+      v = TargetBound(mirrors[0], is_min);
       for (size_t k = 1; k < mirrors.size(); ++k) {
-        FormulaValue b = Conv(is_min ? mirrors[k]->NumMin() : mirrors[k]->NumMax());
+        FormulaValue b = TargetBound(mirrors[k], is_min);
         bool tighter = Float ? (is_min ? b.f > v.f : b.f < v.f) : (is_min ? b.i > v.i : b.i < v.i);
         if (tighter) v = b;
       }
     } else if (CNode* t = src_.Target(this)) {
-      v = Conv(is_min ? t->NumMin() : t->NumMax());
+      v = TargetBound(t, is_min);
     } else if (Float) {
       v = FormulaValue::Float(is_min ? -DBL_MAX : DBL_MAX);
     } else {

@@ -41,6 +41,7 @@ void ReadNumRef(const NodeDesc& d, const char* literal_tag, const char* pointer_
 }
 
 void CValueSource::Read(const NodeDesc& d, bool float_mode) {
+  float_mode_ = float_mode;
   ReadNumRef(d, "Value", "pValue", float_mode, value_);
   for (const DescChild* c : d.All("pValueCopy")) copies_.push_back(NodeRef{c->text, nullptr});
   if (d.Has("pIndex")) {
@@ -95,15 +96,21 @@ const NumRef* CValueSource::Selected(const CNode* owner) const {
 
 FormulaValue CValueSource::Get(const CNode* owner, bool verify, bool ignore_cache) const {
   const NumRef* r = Selected(owner);
-  if (r->ref.set()) return NeedRef(owner, r->ref)->GetNum(verify, ignore_cache);
-  return r->literal;
+  if (!r->ref.set()) return r->literal;
+  CNode* t = NeedRef(owner, r->ref);
+  return float_mode_ ? t->GetFloat(verify, ignore_cache) : t->GetNum(verify, ignore_cache);
 }
 
 void CValueSource::Set(CNode* owner, const FormulaValue& v, bool verify) {
   const NumRef* r = Selected(owner);
   if (r->ref.set()) {
-    NeedRef(owner, r->ref)->SetNum(v, verify);
-    for (auto& c : copies_) NeedRef(owner, c)->SetNum(v, verify);
+    if (float_mode_) {
+      NeedRef(owner, r->ref)->SetFloat(v, verify);
+      for (auto& c : copies_) NeedRef(owner, c)->SetFloat(v, verify);
+    } else {
+      NeedRef(owner, r->ref)->SetNum(v, verify);
+      for (auto& c : copies_) NeedRef(owner, c)->SetNum(v, verify);
+    }
     return;
   }
   if (index_.set())

@@ -32,6 +32,7 @@ class CValueSource {
   NodeRef index_;
   std::vector<std::pair<int64_t, NumRef>> indexed_;
   NumRef default_;
+  bool float_mode_ = false;
   const NumRef* Selected(const CNode* owner) const;
 };
 

@@ -120,4 +120,38 @@ TEST(ValidValueSet, ConvertersMapTheListThroughFormulaFrom) {
   EXPECT_EQ(CFloatPtr(f.Node("Free"))->GetIncMode(), noIncrement);
 }
 
+TEST(EnumNumericValue, FloatsReadNumericValuesAndWriteTheNearestAvailableEntry) {
+  Fixture f(R"(
+    <IntReg Name="Sel"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+    <Integer Name="HasFast"><Value>0</Value></Integer>
+    <Enumeration Name="Rate"><pValue>Sel</pValue>
+      <EnumEntry Name="Slow"><Value>0</Value><NumericValue>12.5</NumericValue></EnumEntry>
+      <EnumEntry Name="Mid"><Value>1</Value><NumericValue>25</NumericValue></EnumEntry>
+      <EnumEntry Name="Fast"><pIsAvailable>HasFast</pIsAvailable><Value>2</Value><NumericValue>100</NumericValue></EnumEntry>
+      <EnumEntry Name="Plain"><Value>7</Value></EnumEntry>
+    </Enumeration>
+    <Float Name="Hz"><pValue>Rate</pValue></Float>)");
+  CEnumerationPtr rate(f.Node("Rate"));
+  CEnumEntryPtr mid(rate->GetEntryByName("Mid"));
+  EXPECT_DOUBLE_EQ(mid->GetNumericValue(), 25);
+  EXPECT_DOUBLE_EQ(rate->GetEntryByName("Plain")->GetNumericValue(), 7);  // defaults to Value
+  EXPECT_EQ(rate->GetEntryByName("Nope"), nullptr);
+  CFloatPtr hz(f.Node("Hz"));
+  EXPECT_DOUBLE_EQ(hz->GetValue(), 12.5);
+  EXPECT_DOUBLE_EQ(hz->GetMin(), 7);
+  EXPECT_DOUBLE_EQ(hz->GetMax(), 25);  // Fast is not available
+  hz->SetValue(20);
+  EXPECT_EQ(std::string(rate->ToString()), "Mid");
+  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{1, 0, 0, 0}));
+  hz->SetValue(90, false);  // nearest available, not Fast
+  EXPECT_EQ(std::string(rate->ToString()), "Mid");
+  CIntegerPtr(f.Node("HasFast"))->SetValue(1);
+  EXPECT_DOUBLE_EQ(hz->GetMax(), 100);
+  hz->SetValue(90);
+  EXPECT_EQ(rate->GetIntValue(), 2);
+  EXPECT_DOUBLE_EQ(hz->GetValue(), 100);
+  f.port.PokeU32BE(0, 0x09000000);  // a value with no entry
+  EXPECT_THROW(hz->GetValue(false, true), InvalidArgumentException);
+}
+
 }  // namespace
