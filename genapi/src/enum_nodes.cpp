@@ -114,6 +114,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
       if (!e)
         KIV_THROW(OutOfRangeException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
       CheckEntryAvailable(e);
+      CheckErrors();
     }
     return v;
   }

@@ -205,7 +205,9 @@ class CFormulaFace<Base, false> : public Base, public IInteger, public CSelector
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
-    return ToInt(this->Read(verify, ignore_cache));
+    int64_t v = ToInt(this->Read(verify, ignore_cache));
+    this->CheckErrorsIf(verify);
+    return v;
   }
   int64_t GetMin() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return ToInt(this->NumMin()); }
   int64_t GetMax() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return ToInt(this->NumMax()); }
@@ -247,7 +249,9 @@ class CFormulaFace<Base, true> : public Base, public IFloat, public CSelectorFac
   }
   double GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
-    return this->Read(verify, ignore_cache).AsFloat();
+    double v = this->Read(verify, ignore_cache).AsFloat();
+    this->CheckErrorsIf(verify);
+    return v;
   }
   double GetMin() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return this->NumMin().AsFloat(); }
   double GetMax() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return this->NumMax().AsFloat(); }

@@ -417,7 +417,7 @@ void CSelectorFace::GetSelectedFeatures(FeatureList_t& f) const {
     if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
 }
 
-void CNode::CheckErrors() {
+void CNode::CheckErrors() const {
   for (const auto& r : errors_) {
     auto* e = dynamic_cast<IEnumeration*>(r.node);
     if (!e) continue;

@@ -133,7 +133,11 @@ class CNode : virtual public INode {
 
   // Reads the pError enumerations after a write (or a verified read); a
   // nonzero error raises InvalidArgumentException with the entry's texts.
-  void CheckErrors();
+  void CheckErrors() const;
+  // A verified read is checked for device errors too.
+  void CheckErrorsIf(bool verify) const {
+    if (verify && !errors_.empty()) CheckErrors();
+  }
   void AddDependent(CNode* n);
   // Drops duplicate links once everything is linked (cheaper than checking
   // at every link when thousands of nodes share one lock or selector).

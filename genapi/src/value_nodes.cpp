@@ -277,7 +277,9 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelecto
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
-    return ToInt(Read(verify, ignore_cache));
+    int64_t v = ToInt(Read(verify, ignore_cache));
+    CheckErrorsIf(verify);
+    return v;
   }
   int64_t GetMin() override { KIV_LOCK(); return ToInt(NumMin()); }
   int64_t GetMax() override { KIV_LOCK(); return ToInt(NumMax()); }
@@ -323,7 +325,12 @@ class CFloatNode : public CNumberNode<true>, public IFloat, public CSelectorFace
     Write(FormulaValue::Float(v), verify);
     CheckErrors();
   }
-  double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache).AsFloat(); }
+  double GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    double v = Read(verify, ignore_cache).AsFloat();
+    CheckErrorsIf(verify);
+    return v;
+  }
   double GetMin() override { KIV_LOCK(); return NumMin().AsFloat(); }
   double GetMax() override { KIV_LOCK(); return NumMax().AsFloat(); }
   bool HasInc() override { return GetIncMode() != noIncrement; }
@@ -389,6 +396,7 @@ class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
     CheckReadable();
     EvalGuard g(this);
     int64_t v = ToInt(src_.Get(this, verify, ignore_cache));
+    CheckErrorsIf(verify);
     if (v == on_) return true;
     if (v == off_) return false;
     KIV_THROW(LogicalErrorException, name_, "Boolean node '" + name_ + "' has value " + std::to_string(v) +
@@ -438,6 +446,7 @@ class CCommandNode : public CNode, public ICommand {
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(ToInt(Eval(command_))), verify);
     was_done_ = false;
+    CheckErrors();
   }
   bool IsDone(bool) override {
     KIV_LOCK();
@@ -502,15 +511,20 @@ class CStringNode : public CNode, public IString {
   void SetValue(const gcstring& v, bool verify) override {
     KIV_LOCK();
     CheckWritable();
-    if (target_.set()) return Target()->SetValue(v, verify);
-    value_ = v;
-    NotifyWritten();
+    if (target_.set()) {
+      Target()->SetValue(v, verify);
+    } else {
+      value_ = v;
+      NotifyWritten();
+    }
+    CheckErrors();
   }
   gcstring GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
     CheckReadable();
-    if (target_.set()) return Target()->GetValue(verify, ignore_cache);
-    return value_;
+    gcstring v = target_.set() ? Target()->GetValue(verify, ignore_cache) : gcstring(value_);
+    CheckErrorsIf(verify);
+    return v;
   }
   int64_t GetMaxLength(bool verify) override {
     if (target_.set()) return Target()->GetMaxLength(verify);

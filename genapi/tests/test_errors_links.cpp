@@ -1,0 +1,83 @@
+// Device error reporting (pError), typed child links and events by id.
+#include <gtest/gtest.h>
+
+#include "fake_port.h"
+
+using namespace KivGenApi;
+using kivtest::Fixture;
+
+namespace {
+
+// One status register flags errors for every node below.
+const char* kErrorNodes = R"(
+  <IntReg Name="Status"><Address>0x100</Address><Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort>
+    <Cachable>NoCache</Cachable></IntReg>
+  <Enumeration Name="Err"><pValue>Status</pValue>
+    <EnumEntry Name="Ok"><Value>0</Value></EnumEntry>
+    <EnumEntry Name="Busy"><Value>2</Value><DisplayName>Device busy</DisplayName><Description>try later</Description></EnumEntry>
+  </Enumeration>
+  <IntReg Name="R"><Address>0</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort><pError>Err</pError></IntReg>
+  <FloatReg Name="FR"><Address>8</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort><pError>Err</pError></FloatReg>
+  <StringReg Name="SR"><Address>16</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort><pError>Err</pError></StringReg>
+  <Register Name="Raw"><Address>20</Address><Length>2</Length><AccessMode>RW</AccessMode><pPort>Device</pPort><pError>Err</pError></Register>
+  <Integer Name="I"><pValue>R</pValue><pError>Err</pError></Integer>
+  <Float Name="F"><pValue>FR</pValue><pError>Err</pError></Float>
+  <Boolean Name="B"><pValue>R</pValue><pError>Err</pError></Boolean>
+  <Enumeration Name="E"><pValue>R</pValue><pError>Err</pError><EnumEntry Name="Zero"><Value>0</Value></EnumEntry></Enumeration>
+  <String Name="S"><pValue>SR</pValue><pError>Err</pError></String>
+  <Command Name="C"><pValue>R</pValue><CommandValue>1</CommandValue><pError>Err</pError></Command>
+  <IntSwissKnife Name="K"><pVariable Name="X">R</pVariable><Formula>X+1</Formula><pError>Err</pError></IntSwissKnife>
+  <Converter Name="Cv"><pValue>R</pValue><FormulaTo>FROM</FormulaTo><FormulaFrom>TO</FormulaFrom><pError>Err</pError></Converter>
+)";
+
+TEST(DeviceErrors, VerifiedReadsOfEveryValueKindCheckTheErrorNode) {
+  Fixture f(kErrorNodes);
+  f.port.PokeU32LE(0x100, 2);
+  uint8_t raw[2];
+  // Plain reads do not look at the error register.
+  f.port.Clear();
+  EXPECT_EQ(CIntegerPtr(f.Node("I"))->GetValue(), 0);
+  EXPECT_NO_THROW(CBooleanPtr(f.Node("B"))->GetValue());
+  EXPECT_NO_THROW(CRegisterPtr(f.Node("Raw"))->Get(raw, 2));
+  for (const auto& a : f.port.log) EXPECT_NE(a.address, 0x100);
+
+  std::vector<std::pair<const char*, std::function<void()>>> verified = {
+      {"R", [&] { CIntegerPtr(f.Node("R"))->GetValue(true); }},
+      {"FR", [&] { CFloatPtr(f.Node("FR"))->GetValue(true); }},
+      {"SR", [&] { CStringPtr(f.Node("SR"))->GetValue(true); }},
+      {"Raw", [&] { CRegisterPtr(f.Node("Raw"))->Get(raw, 2, true); }},
+      {"I", [&] { CIntegerPtr(f.Node("I"))->GetValue(true); }},
+      {"F", [&] { CFloatPtr(f.Node("F"))->GetValue(true); }},
+      {"B", [&] { CBooleanPtr(f.Node("B"))->GetValue(true); }},
+      {"E", [&] { CEnumerationPtr(f.Node("E"))->GetIntValue(true); }},
+      {"S", [&] { CStringPtr(f.Node("S"))->GetValue(true); }},
+      {"K", [&] { CIntegerPtr(f.Node("K"))->GetValue(true); }},
+      {"Cv", [&] { CFloatPtr(f.Node("Cv"))->GetValue(true); }},
+  };
+  for (auto& v : verified) {
+    try {
+      v.second();
+      ADD_FAILURE() << v.first << ": no exception";
+    } catch (const InvalidArgumentException& e) {
+      EXPECT_NE(std::string(e.GetDescription()).find("Device busy: try later"), std::string::npos) << v.first;
+    }
+  }
+  f.port.PokeU32LE(0x100, 0);
+  for (auto& v : verified) EXPECT_NO_THROW(v.second()) << v.first;
+}
+
+TEST(DeviceErrors, WritesOfCommandsStringsAndRegistersCheckTheErrorNode) {
+  Fixture f(kErrorNodes);
+  f.port.PokeU32LE(0x100, 2);
+  const uint8_t raw[2] = {1, 2};
+  EXPECT_THROW(CCommandPtr(f.Node("C"))->Execute(), InvalidArgumentException);
+  EXPECT_THROW(CStringPtr(f.Node("S"))->SetValue("ab"), InvalidArgumentException);
+  EXPECT_THROW(CStringPtr(f.Node("SR"))->SetValue("ab"), InvalidArgumentException);
+  EXPECT_THROW(CRegisterPtr(f.Node("Raw"))->Set(raw, 2), InvalidArgumentException);
+  // The write itself reached the device before the error was read back.
+  EXPECT_EQ(f.port.Peek(20, 2), (std::vector<uint8_t>{1, 2}));
+  f.port.PokeU32LE(0x100, 5);  // a code without an entry still fails
+  EXPECT_THROW(CIntegerPtr(f.Node("I"))->SetValue(3), InvalidArgumentException);
+}
+
+}  // namespace
