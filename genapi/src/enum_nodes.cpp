@@ -57,7 +57,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     for (auto& r : entry_refs_) {
       Resolve(r);
       if (auto* e = dynamic_cast<CEnumEntryNode*>(r.node)) entries_.push_back(e);

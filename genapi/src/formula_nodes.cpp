@@ -109,7 +109,7 @@ class CFormulaBase : public CNode {
   }
   void Link() override {
     CNode::Link();
-    for (auto& v : vars_) Resolve(v.ref);
+    for (auto& v : vars_) Resolve(v.ref, kReadValue);
   }
   EAccessMode VariablesAccess() const {
     EAccessMode m = RO;
@@ -330,7 +330,7 @@ class CConverterBase : public CFormulaBase {
   }
   void Link() override {
     CFormulaBase::Link();
-    Resolve(value_);
+    Resolve(value_, kData);
   }
   void Finish() override {
     // FormulaTo maps the user's value (FROM) to pValue; FormulaFrom maps

@@ -84,13 +84,13 @@ class CRegisterBase : public CNode {
   }
   void Link() override {
     CNode::Link();
-    for (auto& r : p_address_) Resolve(r);
+    for (auto& r : p_address_) Resolve(r, kReadValue);
     for (auto& t : index_) {
-      Resolve(t.index);
-      Resolve(t.p_offset);
+      Resolve(t.index, kReadValue);
+      Resolve(t.p_offset, kReadValue);
     }
-    Resolve(length_);
-    Resolve(port_);
+    Resolve(length_, kReadValue);
+    Resolve(port_, kData);
     port_node_ = dynamic_cast<CPortNode*>(port_.node);
   }
   EAccessMode NaturalAccessMode() const override {

@@ -163,7 +163,7 @@ class CNumberNode : public CNode {
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     Resolve(min_);
     Resolve(max_);
     Resolve(inc_);
@@ -378,7 +378,7 @@ class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     LinkSelected(this);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
@@ -431,7 +431,7 @@ class CCommandNode : public CNode, public ICommand {
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     Resolve(command_);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
@@ -493,7 +493,7 @@ class CStringNode : public CNode, public IString {
   }
   void Link() override {
     CNode::Link();
-    Resolve(target_);
+    Resolve(target_, kData);
   }
   EAccessMode NaturalAccessMode() const override {
     if (!target_.set()) return RW;

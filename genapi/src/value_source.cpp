@@ -68,12 +68,12 @@ void CValueSource::Read(const NodeDesc& d, bool float_mode) {
   }
 }
 
-void CValueSource::Link(CNode*, const std::function<void(NodeRef&)>& resolve) {
-  resolve(value_.ref);
-  for (auto& c : copies_) resolve(c);
-  resolve(index_);
-  for (auto& e : indexed_) resolve(e.second.ref);
-  resolve(default_.ref);
+void CValueSource::Link(CNode*, const std::function<void(NodeRef&, unsigned)>& resolve) {
+  resolve(value_.ref, kData);
+  for (auto& c : copies_) resolve(c, kWrite);
+  resolve(index_, kReadValue);
+  for (auto& e : indexed_) resolve(e.second.ref, kData);
+  resolve(default_.ref, kData);
 }
 
 static CNode* NeedRef(const CNode* owner, const NodeRef& r) {

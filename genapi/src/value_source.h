@@ -15,7 +15,8 @@ namespace detail {
 class CValueSource {
  public:
   void Read(const NodeDesc& d, bool float_mode);
-  void Link(CNode* owner, const std::function<void(NodeRef&)>& resolve);
+  // resolve(ref, LinkKinds)
+  void Link(CNode* owner, const std::function<void(NodeRef&, unsigned)>& resolve);
   bool floating() const { return !value_.ref.set() && !index_.set(); }
   FormulaValue Get(const CNode* owner, bool verify, bool ignore_cache) const;
   void Set(CNode* owner, const FormulaValue& v, bool verify);

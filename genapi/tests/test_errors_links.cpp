@@ -1,6 +1,10 @@
 // Device error reporting (pError), typed child links and events by id.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <set>
+#include <string>
+
 #include "fake_port.h"
 
 using namespace KivGenApi;
@@ -78,6 +82,62 @@ TEST(DeviceErrors, WritesOfCommandsStringsAndRegistersCheckTheErrorNode) {
   EXPECT_EQ(f.port.Peek(20, 2), (std::vector<uint8_t>{1, 2}));
   f.port.PokeU32LE(0x100, 5);  // a code without an entry still fails
   EXPECT_THROW(CIntegerPtr(f.Node("I"))->SetValue(3), InvalidArgumentException);
+}
+
+std::set<std::string> Names(INode* n, ELinkType type) {
+  NodeList_t list;
+  n->GetChildren(list, type);
+  std::set<std::string> out;
+  for (INode* c : list) EXPECT_TRUE(out.insert(std::string(c->GetName())).second) << "duplicate " << c->GetName();
+  return out;
+}
+
+TEST(Links, ChildrenByLinkType) {
+  using S = std::set<std::string>;
+  Fixture f(R"(
+    <Integer Name="Base"><Value>0</Value></Integer>
+    <Integer Name="Avail"><Value>1</Value></Integer>
+    <Integer Name="Other"><Value>0</Value></Integer>
+    <Integer Name="MinN"><Value>0</Value></Integer>
+    <Integer Name="V"><Value>2</Value></Integer>
+    <IntReg Name="R"><pAddress>Base</pAddress><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <pInvalidator>Other</pInvalidator><pIsAvailable>Avail</pIsAvailable></IntReg>
+    <IntReg Name="R2"><Address>8</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+    <Integer Name="I"><pValue>R</pValue><pValueCopy>R2</pValueCopy><pMin>MinN</pMin></Integer>
+    <Converter Name="Cv"><pVariable Name="G">V</pVariable><FormulaTo>FROM*G</FormulaTo><FormulaFrom>TO/G</FormulaFrom>
+      <pValue>I</pValue></Converter>
+    <IntSwissKnife Name="K"><pVariable Name="X">I</pVariable><Formula>X+1</Formula></IntSwissKnife>)");
+  INode* i = f.Node("I");
+  EXPECT_EQ(Names(i, ctReadingChildren), (S{"R", "MinN"}));
+  EXPECT_EQ(Names(i, ctWritingChildren), (S{"R", "R2"}));
+  EXPECT_EQ(Names(i, ctValueChangingChildren), (S{"R"}));
+  EXPECT_EQ(Names(i, ctTerminalNodes), (S{"R", "R2"}));
+  EXPECT_EQ(Names(i, ctDependingNodes), (S{"Cv", "K"}));
+  EXPECT_EQ(Names(i, ctParentNodes), (S{"Cv", "K"}));
+  NodeList_t def;
+  i->GetChildren(def);  // reading children by default
+  EXPECT_EQ(def.size(), 2u);
+
+  INode* cv = f.Node("Cv");
+  EXPECT_EQ(Names(cv, ctReadingChildren), (S{"I", "V"}));
+  EXPECT_EQ(Names(cv, ctWritingChildren), (S{"I"}));
+  EXPECT_EQ(Names(cv, ctValueChangingChildren), (S{"I", "V"}));
+  EXPECT_EQ(Names(cv, ctTerminalNodes), (S{"R", "R2"}));
+
+  INode* r = f.Node("R");
+  EXPECT_EQ(Names(r, ctReadingChildren), (S{"Base", "Avail", "Device"}));
+  EXPECT_EQ(Names(r, ctWritingChildren), (S{"Device"}));
+  EXPECT_EQ(Names(r, ctValueChangingChildren), (S{"Base", "Device"}));
+  EXPECT_EQ(Names(r, ctInvalidatingChildren), (S{"Other"}));
+  EXPECT_EQ(Names(r, ctTerminalNodes), (S{"R"}));
+  EXPECT_EQ(Names(r, ctParentNodes), (S{"I"}));
+  EXPECT_EQ(Names(f.Node("Other"), ctDependingNodes), (S{"R"}));
+  EXPECT_EQ(Names(f.Node("Base"), ctDependingNodes), (S{"R"}));
+
+  EXPECT_EQ(Names(f.Node("K"), ctTerminalNodes), (S{"K"}));  // read-only: nothing written below
+  EXPECT_EQ(Names(f.Node("K"), ctWritingChildren), S{});
+  EXPECT_EQ(Names(f.Node("V"), ctTerminalNodes), (S{"V"}));
+  EXPECT_EQ(Names(f.Node("V"), ctReadingChildren), S{});
 }
 
 }  // namespace
