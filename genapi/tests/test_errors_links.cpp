@@ -140,4 +140,48 @@ TEST(Links, ChildrenByLinkType) {
   EXPECT_EQ(Names(f.Node("V"), ctReadingChildren), S{});
 }
 
+TEST(Events, AnEventIdInvalidatesItsNodesAndTheirDependentsAndFiresCallbacks) {
+  Fixture f(R"(
+    <IntReg Name="TsReg"><Address>0x200</Address><Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort></IntReg>
+    <Integer Name="EventTestTimestamp"><pValue>TsReg</pValue><EventID>9006</EventID></Integer>
+    <IntSwissKnife Name="Doubled"><pVariable Name="T">EventTestTimestamp</pVariable><Formula>T*2</Formula></IntSwissKnife>
+    <IntReg Name="Other"><Address>0x300</Address><Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort>
+      <EventID>0x9007</EventID></IntReg>)");
+  CIntegerPtr ts(f.Node("EventTestTimestamp")), doubled(f.Node("Doubled")), other(f.Node("Other"));
+  f.port.PokeU32LE(0x200, 5);
+  EXPECT_EQ(doubled->GetValue(), 10);
+  EXPECT_EQ(other->GetValue(), 0);
+  std::vector<std::string> fired;
+  auto record = [&](INode* n) { fired.push_back(std::string(n->GetName())); };
+  ts->GetNode()->RegisterCallback(record);
+  doubled->GetNode()->RegisterCallback(record);
+  other->GetNode()->RegisterCallback(record);
+
+  f.port.PokeU32LE(0x200, 7);
+  f.port.PokeU32LE(0x300, 1);
+  f.port.Clear();
+  EXPECT_EQ(ts->GetValue(), 5);  // cached until the event says otherwise
+  EXPECT_EQ(f.port.Reads(), 0u);
+
+  EXPECT_FALSE(f.map._InvalidateByEventID(0x1234));
+  EXPECT_TRUE(fired.empty());
+  EXPECT_TRUE(f.map._InvalidateByEventID(0x9006));
+  EXPECT_EQ(std::set<std::string>(fired.begin(), fired.end()),
+            (std::set<std::string>{"EventTestTimestamp", "Doubled"}));
+  EXPECT_EQ(doubled->GetValue(), 14);
+  EXPECT_EQ(ts->GetValue(), 7);
+  EXPECT_EQ(f.port.Reads(), 1u);  // one fresh register read serves both
+  EXPECT_EQ(other->GetValue(), 0);
+
+  fired.clear();
+  CEventAdapter adapter;
+  EXPECT_FALSE(adapter.DeliverEvent(0x9007));  // nothing attached
+  adapter.AttachNodeMap(f.map._Ptr);
+  EXPECT_TRUE(adapter.DeliverEvent(0x9007));
+  EXPECT_EQ(fired, (std::vector<std::string>{"Other"}));
+  EXPECT_EQ(other->GetValue(), 1);
+  adapter.DetachNodeMap();
+  EXPECT_FALSE(adapter.DeliverEvent(0x9007));
+}
+
 }  // namespace
