@@ -123,13 +123,17 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   IEnumEntry* GetCurrentEntry(bool verify, bool ignore_cache) override {
     return Find(GetIntValue(verify, ignore_cache));
   }
-  gcstring ToString(bool verify, bool ignore_cache) override {
-    KIV_LOCK();
+  // The entry matching the current value; none raises.
+  CEnumEntryNode* MatchingEntry(bool verify, bool ignore_cache) {
     int64_t v = GetIntValue(verify, ignore_cache);
     CEnumEntryNode* e = Find(v);
     if (!e)
       KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
-    return e->GetSymbolic();
+    return e;
+  }
+  gcstring ToString(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    return MatchingEntry(verify, ignore_cache)->GetSymbolic();
   }
   void FromString(const gcstring& s, bool verify) override {
     KIV_LOCK();
@@ -154,11 +158,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   // available entry whose NumericValue is nearest.
   FormulaValue GetFloat(bool verify, bool ignore_cache) override {
     KIV_LOCK();
-    int64_t v = GetIntValue(verify, ignore_cache);
-    CEnumEntryNode* e = Find(v);
-    if (!e)
-      KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
-    return FormulaValue::Float(e->GetNumericValue());
+    return FormulaValue::Float(MatchingEntry(verify, ignore_cache)->GetNumericValue());
   }
   void SetFloat(const FormulaValue& v, bool verify) override {
     KIV_LOCK();
