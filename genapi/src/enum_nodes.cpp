@@ -1,6 +1,8 @@
 // Enumeration and EnumEntry.
 #include <algorithm>
+#include <cfloat>
 #include <climits>
+#include <cmath>
 
 #include "factories.h"
 #include "nodemap.h"
@@ -55,7 +57,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     for (auto& r : entry_refs_) {
       Resolve(r);
       if (auto* e = dynamic_cast<CEnumEntryNode*>(r.node)) entries_.push_back(e);
@@ -112,6 +114,7 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
       if (!e)
         KIV_THROW(OutOfRangeException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
       CheckEntryAvailable(e);
+      CheckErrors();
     }
     return v;
   }
@@ -120,13 +123,17 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   IEnumEntry* GetCurrentEntry(bool verify, bool ignore_cache) override {
     return Find(GetIntValue(verify, ignore_cache));
   }
-  gcstring ToString(bool verify, bool ignore_cache) override {
-    KIV_LOCK();
+  // The entry matching the current value; none raises.
+  CEnumEntryNode* MatchingEntry(bool verify, bool ignore_cache) {
     int64_t v = GetIntValue(verify, ignore_cache);
     CEnumEntryNode* e = Find(v);
     if (!e)
       KIV_THROW(InvalidArgumentException, name_, "Enumeration '" + name_ + "' has value " + std::to_string(v) + ", which matches no entry");
-    return e->GetSymbolic();
+    return e;
+  }
+  gcstring ToString(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    return MatchingEntry(verify, ignore_cache)->GetSymbolic();
   }
   void FromString(const gcstring& s, bool verify) override {
     KIV_LOCK();
@@ -147,6 +154,31 @@ class CEnumerationNode : public CNode, public IEnumeration, public CSelectorFace
   }
   FormulaValue GetNum(bool verify, bool ignore_cache) override { return FormulaValue::Int(GetIntValue(verify, ignore_cache)); }
   void SetNum(const FormulaValue& v, bool verify) override { SetIntValue(ToInt(v), verify); }
+  // Seen from a Float: the current entry's NumericValue; a write picks the
+  // available entry whose NumericValue is nearest.
+  FormulaValue GetFloat(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    return FormulaValue::Float(MatchingEntry(verify, ignore_cache)->GetNumericValue());
+  }
+  void SetFloat(const FormulaValue& v, bool verify) override {
+    KIV_LOCK();
+    CEnumEntryNode* best = nullptr;
+    double x = v.AsFloat();
+    for (auto* e : entries_)
+      if (IsAvailable(e->GetAccessMode()) &&
+          (!best || std::fabs(e->GetNumericValue() - x) < std::fabs(best->GetNumericValue() - x)))
+        best = e;
+    if (!best) KIV_THROW(AccessException, name_, "Enumeration '" + name_ + "' has no available entry");
+    SetIntValue(best->value(), verify);
+  }
+  FormulaValue FloatMin() override { return NumericBound(true); }
+  FormulaValue FloatMax() override { return NumericBound(false); }
+  FormulaValue NumericBound(bool is_min) {
+    double m = is_min ? DBL_MAX : -DBL_MAX;
+    for (auto* e : entries_)
+      if (IsAvailable(e->GetAccessMode())) m = is_min ? std::min(m, e->GetNumericValue()) : std::max(m, e->GetNumericValue());
+    return FormulaValue::Float(m);
+  }
   FormulaValue NumMin() override {
     int64_t m = INT64_MAX;
     for (auto* e : entries_) m = std::min(m, e->value());

@@ -2,6 +2,7 @@
 // a formula over other nodes. Formulas are compiled once, after linking; a
 // formula that does not compile leaves the description loadable and raises
 // when the node is used.
+#include <algorithm>
 #include <cfloat>
 #include <climits>
 #include <cmath>
@@ -108,7 +109,7 @@ class CFormulaBase : public CNode {
   }
   void Link() override {
     CNode::Link();
-    for (auto& v : vars_) Resolve(v.ref);
+    for (auto& v : vars_) Resolve(v.ref, kReadValue);
   }
   EAccessMode VariablesAccess() const {
     EAccessMode m = RO;
@@ -204,13 +205,21 @@ class CFormulaFace<Base, false> : public Base, public IInteger, public CSelector
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
-    return ToInt(this->Read(verify, ignore_cache));
+    int64_t v = ToInt(this->Read(verify, ignore_cache));
+    this->CheckErrorsIf(verify);
+    return v;
   }
   int64_t GetMin() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return ToInt(this->NumMin()); }
   int64_t GetMax() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return ToInt(this->NumMax()); }
-  EIncMode GetIncMode() override { return fixedIncrement; }
+  EIncMode GetIncMode() override {
+    std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
+    return this->HasList() ? listIncrement : fixedIncrement;
+  }
   int64_t GetInc() override { return 1; }
-  int64_autovector_t GetListOfValidValues(bool) override { return {}; }
+  int64_autovector_t GetListOfValidValues(bool bounded) override {
+    std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
+    return IntList(this, bounded);
+  }
   ERepresentation GetRepresentation() override { return this->Repr(this->Target()); }
   gcstring GetUnit() override { return this->Unit(this->Target()); }
   void ImposeMin(int64_t) override {}
@@ -240,14 +249,22 @@ class CFormulaFace<Base, true> : public Base, public IFloat, public CSelectorFac
   }
   double GetValue(bool verify, bool ignore_cache) override {
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
-    return this->Read(verify, ignore_cache).AsFloat();
+    double v = this->Read(verify, ignore_cache).AsFloat();
+    this->CheckErrorsIf(verify);
+    return v;
   }
   double GetMin() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return this->NumMin().AsFloat(); }
   double GetMax() override { std::lock_guard<std::recursive_mutex> l(this->map_->GetLock()); return this->NumMax().AsFloat(); }
-  bool HasInc() override { return false; }
-  EIncMode GetIncMode() override { return noIncrement; }
+  bool HasInc() override { return GetIncMode() != noIncrement; }
+  EIncMode GetIncMode() override {
+    std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
+    return this->HasList() ? listIncrement : noIncrement;
+  }
   double GetInc() override { return 0; }
-  double_autovector_t GetListOfValidValues(bool) override { return {}; }
+  double_autovector_t GetListOfValidValues(bool bounded) override {
+    std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
+    return FloatList(this, bounded);
+  }
   ERepresentation GetRepresentation() override { return this->Repr(this->Target()); }
   gcstring GetUnit() const override { return this->Unit(this->Target()); }
   EDisplayNotation GetDisplayNotation() const override { return this->notation_; }
@@ -269,6 +286,7 @@ class CSwissKnifeBase : public CFormulaBase {
   void Finish() override { formula_.Compile(name_, text_, float_, vars_, expressions_); }
   EAccessMode NaturalAccessMode() const override { return VariablesAccess(); }
   CNode* Target() const { return nullptr; }
+  bool HasList() { return false; }
   // The result is cached like a register value: shared sub-formulas would
   // otherwise be evaluated once per path through the reference graph.
   FormulaValue Read(bool verify, bool ignore_cache) {
@@ -312,7 +330,7 @@ class CConverterBase : public CFormulaBase {
   }
   void Link() override {
     CFormulaBase::Link();
-    Resolve(value_);
+    Resolve(value_, kData);
   }
   void Finish() override {
     // FormulaTo maps the user's value (FROM) to pValue; FormulaFrom maps
@@ -351,6 +369,8 @@ class CConverterBase : public CFormulaBase {
     if (verify) {
       double lo = NumMin().AsFloat(), hi = NumMax().AsFloat();
       CheckFloatRange(this, v.AsFloat(), lo, hi);
+      std::vector<FormulaValue> list;
+      if (ValidList(list, false)) CheckInList(this, v, list);
     }
     EvalGuard g(this);
     Bind(to_, false);
@@ -373,6 +393,21 @@ class CConverterBase : public CFormulaBase {
     bool swap = slope_ == Decreasing || (slope_ == Automatic && a.AsFloat() > b.AsFloat());
     lo = swap ? b : a;
     hi = swap ? a : b;
+  }
+  // The target's list of valid values seen through FormulaFrom.
+  bool ValidList(std::vector<FormulaValue>& out, bool bounded) override {
+    CNode* t = value_.node;
+    std::vector<FormulaValue> raw;
+    if (!t || !t->ValidList(raw, bounded)) return false;
+    EvalGuard g(this);
+    out.clear();
+    for (const auto& r : raw) out.push_back(From(r, false));
+    std::sort(out.begin(), out.end(), [](const FormulaValue& a, const FormulaValue& b) { return a.AsFloat() < b.AsFloat(); });
+    return true;
+  }
+  bool HasList() {
+    std::vector<FormulaValue> list;
+    return value_.node && value_.node->ValidList(list, false);
   }
   FormulaValue NumMin() override {
     FormulaValue lo, hi;

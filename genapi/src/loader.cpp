@@ -232,6 +232,14 @@ void CNodeMap::LinkAll() {
   for (auto& n : nodes_) n->Link();
   for (auto& n : nodes_) n->CompactLinks();
   for (auto& n : nodes_) n->Finish();
+  // EventID is hex, written with or without its 0x.
+  for (auto& n : nodes_) {
+    std::string text = n->GetEventID();
+    int64_t id;
+    if (text.empty()) continue;
+    if (text.find_first_of("xX") == std::string::npos) text = "0x" + text;
+    if (ParseInt64(text, id)) by_event_.emplace(static_cast<uint64_t>(id), n.get());
+  }
   // Settle the caching properties now, while nothing is being evaluated.
   for (auto& n : nodes_) {
     n->GetCachingMode();
@@ -262,6 +270,14 @@ bool CNodeMap::Connect(IPort* port, const gcstring& name) const {
   p->SetPort(port);
   InvalidateNodes();
   return true;
+}
+
+size_t CNodeMap::InvalidateByEventID(uint64_t id) {
+  std::lock_guard<std::recursive_mutex> l(lock_);
+  auto range = by_event_.equal_range(id);
+  size_t count = 0;
+  for (auto it = range.first; it != range.second; ++it, ++count) it->second->InvalidateWithInputs();
+  return count;
 }
 
 void CNodeMap::Poll(int64_t elapsed) {

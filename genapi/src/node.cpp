@@ -179,13 +179,12 @@ void CNode::CompactLinks() {
   SortUnique(selecting_);
 }
 
-void CNode::Resolve(NodeRef& r, bool value_input) {
-  (void)value_input;
+void CNode::Resolve(NodeRef& r, unsigned kinds) {
   if (!r.set()) return;
   r.node = map_->Find(r.name);
   if (!r.node) return;
   r.node->AddDependent(this);
-  children_.push_back(r);
+  children_.emplace_back(r.node, kinds);
   r.node->parents_.push_back(this);
 }
 
@@ -417,7 +416,7 @@ void CSelectorFace::GetSelectedFeatures(FeatureList_t& f) const {
     if (IValue* v = dynamic_cast<IValue*>(s.node)) f.push_back(v);
 }
 
-void CNode::CheckErrors() {
+void CNode::CheckErrors() const {
   for (const auto& r : errors_) {
     auto* e = dynamic_cast<IEnumeration*>(r.node);
     if (!e) continue;
@@ -435,10 +434,53 @@ void CNode::CheckErrors() {
 
 void CNode::MarkFeature() { is_feature_ = true; }
 
-void CNode::GetChildren(NodeList_t& Children, ELinkType) const {
+static void AddOnce(NodeList_t& out, CNode* n) {
+  if (n && std::find(out.begin(), out.end(), n) == out.end()) out.push_back(n);
+}
+
+// Terminal nodes end a chain of written references: registers (they talk to
+// a port) and nodes that hold their own value.
+void CNode::Terminals(NodeList_t& out) const {
+  std::vector<const CNode*> pending{this}, seen;
+  while (!pending.empty()) {
+    const CNode* n = pending.back();
+    pending.pop_back();
+    if (std::find(seen.begin(), seen.end(), n) != seen.end()) continue;
+    seen.push_back(n);
+    bool talks_to_port = false;
+    std::vector<const CNode*> next;
+    for (const auto& c : n->children_) {
+      if (!(c.second & kWrite)) continue;
+      if (c.first->GetPrincipalInterfaceType() == intfIPort) talks_to_port = true;
+      else next.push_back(c.first);
+    }
+    if (talks_to_port || next.empty()) AddOnce(out, const_cast<CNode*>(n));
+    else pending.insert(pending.end(), next.rbegin(), next.rend());
+  }
+}
+
+void CNode::GetChildren(NodeList_t& Children, ELinkType LinkType) const {
   Children.clear();
-  for (const auto& r : children_)
-    if (r.node && std::find(Children.begin(), Children.end(), r.node) == Children.end()) Children.push_back(r.node);
+  unsigned want = 0;
+  switch (LinkType) {
+    case ctParentNodes:
+      for (CNode* p : parents_) AddOnce(Children, p);
+      return;
+    case ctInvalidatingChildren:
+      for (const auto& r : invalidators_) AddOnce(Children, r.node);
+      return;
+    case ctDependingNodes:
+      for (CNode* d : dependents_) AddOnce(Children, d);
+      return;
+    case ctTerminalNodes:
+      Terminals(Children);
+      return;
+    case ctWritingChildren: want = kWrite; break;
+    case ctValueChangingChildren: want = kValue; break;
+    default: want = kRead; break;
+  }
+  for (const auto& c : children_)
+    if (c.second & want) AddOnce(Children, c.first);
 }
 
 void CNode::GetParents(NodeList_t& Parents) const {

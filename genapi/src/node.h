@@ -40,6 +40,11 @@ struct NumRef {
 
 constexpr int kMaxDepth = 400;
 
+// How a node uses a reference, for GetChildren: read for its value or
+// access mode, written when it is written, or part of what its value is
+// computed from.
+enum LinkKind : unsigned { kRead = 1, kWrite = 2, kValue = 4, kReadValue = kRead | kValue, kData = kRead | kWrite | kValue };
+
 // Marks a node as being evaluated so that reference cycles end in an
 // exception instead of a stack overflow.
 class EvalGuard {
@@ -114,6 +119,15 @@ class CNode : virtual public INode {
   virtual FormulaValue NumMin();
   virtual FormulaValue NumMax();
   virtual FormulaValue NumInc();
+  // The value as a float-valued node sees it through pValue; an
+  // enumeration answers with its entries' NumericValue here.
+  virtual FormulaValue GetFloat(bool verify, bool ignore_cache) { return GetNum(verify, ignore_cache); }
+  virtual void SetFloat(const FormulaValue& v, bool verify) { SetNum(v, verify); }
+  virtual FormulaValue FloatMin() { return NumMin(); }
+  virtual FormulaValue FloatMax() { return NumMax(); }
+  // The node's list of valid values (listIncrement), bounded by its range
+  // when asked; false when the node steps by a fixed increment instead.
+  virtual bool ValidList(std::vector<FormulaValue>& out, bool bounded) { (void)out; (void)bounded; return false; }
 
   // Write notification: drops the caches of every node that depends on this
   // one (not this node's own value cache) and fires callbacks.
@@ -124,7 +138,11 @@ class CNode : virtual public INode {
 
   // Reads the pError enumerations after a write (or a verified read); a
   // nonzero error raises InvalidArgumentException with the entry's texts.
-  void CheckErrors();
+  void CheckErrors() const;
+  // A verified read is checked for device errors too.
+  void CheckErrorsIf(bool verify) const {
+    if (verify && !errors_.empty()) CheckErrors();
+  }
   void AddDependent(CNode* n);
   // Drops duplicate links once everything is linked (cheaper than checking
   // at every link when thousands of nodes share one lock or selector).
@@ -138,8 +156,8 @@ class CNode : virtual public INode {
 
  protected:
   // Resolve a reference; dangling names stay null.
-  void Resolve(NodeRef& r, bool value_input = true);
-  void Resolve(NumRef& r, bool value_input = true) { Resolve(r.ref, value_input); }
+  void Resolve(NodeRef& r, unsigned kinds = kRead);
+  void Resolve(NumRef& r, unsigned kinds = kRead) { Resolve(r.ref, kinds); }
   CNode* Need(const NodeRef& r, const char* what) const;
   FormulaValue Eval(const NumRef& r, bool verify = false, bool ignore_cache = false) const;
   int64_t EvalInt(const NumRef& r) const { return Eval(r).i; }
@@ -149,6 +167,7 @@ class CNode : virtual public INode {
   [[noreturn]] void ThrowNotNumeric() const;
   std::string Quoted() const { return "'" + name_ + "'"; }
   void FireCallbacks();
+  void Terminals(NodeList_t& out) const;
 
   CNodeMap* map_;
   std::string name_;
@@ -164,7 +183,7 @@ class CNode : virtual public INode {
   NodeRef is_implemented_, is_available_, is_locked_, block_polling_, alias_, cast_alias_;
   std::vector<NodeRef> invalidators_;
   std::vector<NodeRef> errors_;
-  std::vector<NodeRef> children_;        // every resolved reference, for GetChildren
+  std::vector<std::pair<CNode*, unsigned>> children_;  // resolved references and their LinkKinds
   std::vector<CNode*> dependents_;       // to invalidate when this node changes
   std::vector<CNode*> parents_;
   std::vector<CNode*> selecting_;        // selectors that name this node in pSelected

@@ -38,6 +38,10 @@ class CNodeMap : public INodeMap {
     return it == index_.end() ? nullptr : it->second;
   }
   void LinkAll();
+  // An event with this id arrived: the nodes carrying it (and what depends
+  // on them) read the device again and fire their callbacks. Returns how
+  // many nodes carry the id.
+  size_t InvalidateByEventID(uint64_t id);
   uint64_t NextEpoch() { return ++epoch_; }
   uint64_t epoch() const { return epoch_; }
   int depth_ = 0;  // current evaluation nesting, see EvalGuard
@@ -48,6 +52,7 @@ class CNodeMap : public INodeMap {
   std::unordered_map<std::string, CNode*> index_;
   mutable std::recursive_mutex lock_;
   uint64_t epoch_ = 0;
+  std::unordered_multimap<uint64_t, CNode*> by_event_;
 };
 
 // Builds a node map from one description, or from a description with a

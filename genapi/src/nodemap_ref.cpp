@@ -1,5 +1,6 @@
 #include "kivgenapi/NodeMapRef.h"
 
+#include "kivgenapi/EventAdapter.h"
 #include "kivgenapi/Exception.h"
 #include "nodemap.h"
 #include "zip_reader.h"
@@ -73,5 +74,11 @@ INode* CNodeMapRef::_GetNode(const gcstring& key) const { return Checked()->GetN
 void CNodeMapRef::_InvalidateNodes() const { Checked()->InvalidateNodes(); }
 bool CNodeMapRef::_Connect(IPort* p, const gcstring& name) const { return Checked()->Connect(p, name); }
 bool CNodeMapRef::_Connect(IPort* p) const { return Checked()->Connect(p); }
+bool CNodeMapRef::_InvalidateByEventID(uint64_t id) const { return CEventAdapter(Checked()).DeliverEvent(id); }
+
+bool CEventAdapter::DeliverEvent(uint64_t EventID) {
+  auto* map = dynamic_cast<detail::CNodeMap*>(map_);
+  return map && map->InvalidateByEventID(EventID) > 0;
+}
 
 }  // namespace KivGenApi

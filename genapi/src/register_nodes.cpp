@@ -84,13 +84,13 @@ class CRegisterBase : public CNode {
   }
   void Link() override {
     CNode::Link();
-    for (auto& r : p_address_) Resolve(r);
+    for (auto& r : p_address_) Resolve(r, kReadValue);
     for (auto& t : index_) {
-      Resolve(t.index);
-      Resolve(t.p_offset);
+      Resolve(t.index, kReadValue);
+      Resolve(t.p_offset, kReadValue);
     }
-    Resolve(length_);
-    Resolve(port_);
+    Resolve(length_, kReadValue);
+    Resolve(port_, kData);
     port_node_ = dynamic_cast<CPortNode*>(port_.node);
   }
   EAccessMode NaturalAccessMode() const override {
@@ -297,7 +297,12 @@ class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace 
     Write(v, verify);
     CheckErrors();
   }
-  int64_t GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
+  int64_t GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    int64_t v = Read(verify, ignore_cache);
+    CheckErrorsIf(verify);
+    return v;
+  }
   int64_t GetMin() override { KIV_LOCK(); Prepare(); return min_; }
   int64_t GetMax() override { KIV_LOCK(); Prepare(); return max_; }
   EIncMode GetIncMode() override { return fixedIncrement; }
@@ -387,7 +392,12 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
     Write(v, verify);
     CheckErrors();
   }
-  double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache); }
+  double GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    double v = Read(verify, ignore_cache);
+    CheckErrorsIf(verify);
+    return v;
+  }
   double GetMin() override { return has_min_ ? min_ : -DBL_MAX; }
   double GetMax() override { return has_max_ ? max_ : DBL_MAX; }
   bool HasInc() override { return false; }
@@ -431,6 +441,7 @@ class CStringRegNode : public CRegisterBase, public IString {
     std::vector<uint8_t> b(static_cast<size_t>(len), 0);
     std::memcpy(b.data(), v.data(), v.size());
     WriteBytes(b.data(), len);
+    CheckErrors();
   }
   gcstring GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
@@ -440,6 +451,7 @@ class CStringRegNode : public CRegisterBase, public IString {
     ReadBytes(b.data(), len, ignore_cache || verify);
     size_t n = 0;
     while (n < b.size() && b[n]) ++n;
+    CheckErrorsIf(verify);
     return std::string(reinterpret_cast<const char*>(b.data()), n);
   }
   int64_t GetMaxLength(bool) override { return Length(); }
@@ -462,12 +474,14 @@ class CRawRegisterNode : public CRegisterBase, public IRegister {
     CheckWritable();
     CheckLength(len);
     WriteBytes(p, len);
+    CheckErrors();
   }
   void Get(uint8_t* p, int64_t len, bool verify, bool ignore_cache) override {
     KIV_LOCK();
     CheckReadable();
     CheckLength(len);
     ReadBytes(p, len, ignore_cache || verify);
+    CheckErrorsIf(verify);
   }
   int64_t GetLength(bool) override { KIV_LOCK(); return Length(); }
   int64_t GetAddress(bool) override { KIV_LOCK(); return Address(); }

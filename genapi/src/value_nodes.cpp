@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <climits>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -61,6 +62,32 @@ static bool ParseAddress(const std::string& s, int64_t& out) {
   }
   out = static_cast<int64_t>(v);
   return true;
+}
+
+void CheckInList(const CNode* n, const FormulaValue& v, const std::vector<FormulaValue>& list) {
+  for (const auto& e : list) {
+    if (!v.is_float && !e.is_float ? v.i == e.i : std::fabs(v.AsFloat() - e.AsFloat()) <= 1e-9 * std::max(1.0, std::fabs(e.AsFloat())))
+      return;
+  }
+  const std::string& name = n->name();
+  KIV_THROW(OutOfRangeException, name, "Value " + (v.is_float ? FormatDouble(v.f) : std::to_string(v.i)) +
+                                           " of node '" + name + "' is not in its list of valid values");
+}
+
+int64_autovector_t IntList(CNode* n, bool bounded) {
+  std::vector<FormulaValue> list;
+  int64_autovector_t out;
+  if (n->ValidList(list, bounded))
+    for (const auto& v : list) out.push_back(ToInt(v));
+  return out;
+}
+
+double_autovector_t FloatList(CNode* n, bool bounded) {
+  std::vector<FormulaValue> list;
+  double_autovector_t out;
+  if (n->ValidList(list, bounded))
+    for (const auto& v : list) out.push_back(v.AsFloat());
+  return out;
 }
 
 int64_t IntArgument(const CNode* n, const std::string& s) {
@@ -123,22 +150,20 @@ class CNumberNode : public CNode {
     if (d.Text("DisplayNotation") == "Fixed") notation_ = fnFixed;
     if (d.Text("DisplayNotation") == "Scientific") notation_ = fnScientific;
     if (d.Has("DisplayPrecision")) ParseInt64(d.Text("DisplayPrecision"), precision_);
-    for (const char* t : {"ValidValueSet"}) {
-      std::string s = d.Text(t);
-      size_t pos = 0;
-      while (!s.empty() && pos <= s.size()) {
-        size_t e = s.find(';', pos);
-        std::string item = s.substr(pos, e == std::string::npos ? std::string::npos : e - pos);
-        int64_t v;
-        if (ParseInt64(item, v)) valid_.push_back(v);
-        if (e == std::string::npos) break;
-        pos = e + 1;
-      }
+    // "1;2;4": the only values the node accepts.
+    std::string set = d.Text("ValidValueSet");
+    for (size_t pos = 0; !set.empty() && pos <= set.size();) {
+      size_t e = set.find(';', pos);
+      FormulaValue v;
+      if (ParseLiteral(set.substr(pos, e == std::string::npos ? std::string::npos : e - pos), Float, v))
+        valid_.push_back(v);
+      if (e == std::string::npos) break;
+      pos = e + 1;
     }
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     Resolve(min_);
     Resolve(max_);
     Resolve(inc_);
@@ -165,18 +190,44 @@ class CNumberNode : public CNode {
     src_.Set(this, v, verify);
   }
   void CheckRange(const FormulaValue& v) {
+    if (!valid_.empty()) {
+      // A list replaces the increment; the range still bounds it.
+      CheckFloatRange(this, v.AsFloat(), NumMin().AsFloat(), NumMax().AsFloat());
+      return CheckInList(this, v, valid_);
+    }
     if (Float) CheckFloatRange(this, v.AsFloat(), NumMin().AsFloat(), NumMax().AsFloat());
     else CheckIntRange(this, ToInt(v), ToInt(NumMin()), ToInt(NumMax()), ToInt(NumInc()));
+  }
+  bool ValidList(std::vector<FormulaValue>& out, bool bounded) override {
+    if (valid_.empty()) return false;
+    out.clear();
+    double lo = bounded ? NumMin().AsFloat() : -DBL_MAX, hi = bounded ? NumMax().AsFloat() : DBL_MAX;
+    for (const auto& v : valid_)
+      if (v.AsFloat() >= lo && v.AsFloat() <= hi) out.push_back(v);
+    return true;
   }
   FormulaValue Conv(const FormulaValue& v) const {
     return Float ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(ToInt(v));
   }
+  FormulaValue TargetBound(CNode* t, bool is_min) {
+    if (Float) return Conv(is_min ? t->FloatMin() : t->FloatMax());
+    return Conv(is_min ? t->NumMin() : t->NumMax());
+  }
   FormulaValue Bound(const NumRef& r, bool is_min) {
     FormulaValue v;
+    std::vector<CNode*> mirrors;
     if (r.present()) {
       v = Conv(Eval(r));
+    } else if (!(mirrors = src_.Mirrors()).empty()) {
+      // A mirrored value must fit every copy: the intersection of ranges.
+      v = TargetBound(mirrors[0], is_min);
+      for (size_t k = 1; k < mirrors.size(); ++k) {
+        FormulaValue b = TargetBound(mirrors[k], is_min);
+        bool tighter = Float ? (is_min ? b.f > v.f : b.f < v.f) : (is_min ? b.i > v.i : b.i < v.i);
+        if (tighter) v = b;
+      }
     } else if (CNode* t = src_.Target(this)) {
-      v = Conv(is_min ? t->NumMin() : t->NumMax());
+      v = TargetBound(t, is_min);
     } else if (Float) {
       v = FormulaValue::Float(is_min ? -DBL_MAX : DBL_MAX);
     } else {
@@ -206,7 +257,7 @@ class CNumberNode : public CNode {
   ERepresentation repr_;
   EDisplayNotation notation_ = fnAutomatic;
   int64_t precision_ = 6;
-  std::vector<int64_t> valid_;
+  std::vector<FormulaValue> valid_;
   bool has_imposed_min_ = false, has_imposed_max_ = false;
   FormulaValue imposed_min_, imposed_max_;
 };
@@ -221,27 +272,22 @@ class CIntegerNode : public CNumberNode<false>, public IInteger, public CSelecto
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIInteger; }
   void SetValue(int64_t v, bool verify) override {
     KIV_LOCK();
-    if (verify && !valid_.empty() && std::find(valid_.begin(), valid_.end(), v) == valid_.end())
-      KIV_THROW(OutOfRangeException, name_, "Value " + std::to_string(v) + " of node '" + name_ +
-                                                "' is not in its set of valid values");
     Write(FormulaValue::Int(v), verify);
     CheckErrors();
   }
   int64_t GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
-    return ToInt(Read(verify, ignore_cache));
+    int64_t v = ToInt(Read(verify, ignore_cache));
+    CheckErrorsIf(verify);
+    return v;
   }
   int64_t GetMin() override { KIV_LOCK(); return ToInt(NumMin()); }
   int64_t GetMax() override { KIV_LOCK(); return ToInt(NumMax()); }
   int64_t GetInc() override { KIV_LOCK(); return ToInt(NumInc()); }
   EIncMode GetIncMode() override { return valid_.empty() ? fixedIncrement : listIncrement; }
   int64_autovector_t GetListOfValidValues(bool bounded) override {
-    if (!bounded) return valid_;
-    int64_autovector_t out;
-    int64_t lo = GetMin(), hi = GetMax();
-    for (int64_t v : valid_)
-      if (v >= lo && v <= hi) out.push_back(v);
-    return out;
+    KIV_LOCK();
+    return IntList(this, bounded);
   }
   ERepresentation GetRepresentation() override {
     if (repr_ != _UndefinedRepresentation) return repr_;
@@ -279,13 +325,21 @@ class CFloatNode : public CNumberNode<true>, public IFloat, public CSelectorFace
     Write(FormulaValue::Float(v), verify);
     CheckErrors();
   }
-  double GetValue(bool verify, bool ignore_cache) override { KIV_LOCK(); return Read(verify, ignore_cache).AsFloat(); }
+  double GetValue(bool verify, bool ignore_cache) override {
+    KIV_LOCK();
+    double v = Read(verify, ignore_cache).AsFloat();
+    CheckErrorsIf(verify);
+    return v;
+  }
   double GetMin() override { KIV_LOCK(); return NumMin().AsFloat(); }
   double GetMax() override { KIV_LOCK(); return NumMax().AsFloat(); }
-  bool HasInc() override { return inc_.present(); }
-  EIncMode GetIncMode() override { return inc_.present() ? fixedIncrement : noIncrement; }
+  bool HasInc() override { return GetIncMode() != noIncrement; }
+  EIncMode GetIncMode() override { return !valid_.empty() ? listIncrement : inc_.present() ? fixedIncrement : noIncrement; }
   double GetInc() override { KIV_LOCK(); return inc_.present() ? Eval(inc_).AsFloat() : 0.0; }
-  double_autovector_t GetListOfValidValues(bool) override { return {}; }
+  double_autovector_t GetListOfValidValues(bool bounded) override {
+    KIV_LOCK();
+    return FloatList(this, bounded);
+  }
   ERepresentation GetRepresentation() override { return repr_; }
   gcstring GetUnit() const override {
     if (has_unit_) return unit_;
@@ -324,7 +378,7 @@ class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     LinkSelected(this);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
@@ -342,6 +396,7 @@ class CBooleanNode : public CNode, public IBoolean, public CSelectorFace {
     CheckReadable();
     EvalGuard g(this);
     int64_t v = ToInt(src_.Get(this, verify, ignore_cache));
+    CheckErrorsIf(verify);
     if (v == on_) return true;
     if (v == off_) return false;
     KIV_THROW(LogicalErrorException, name_, "Boolean node '" + name_ + "' has value " + std::to_string(v) +
@@ -376,7 +431,7 @@ class CCommandNode : public CNode, public ICommand {
   }
   void Link() override {
     CNode::Link();
-    src_.Link(this, [this](NodeRef& r) { Resolve(r); });
+    src_.Link(this, [this](NodeRef& r, unsigned k) { Resolve(r, k); });
     Resolve(command_);
   }
   EAccessMode NaturalAccessMode() const override { return src_.Access(this); }
@@ -391,6 +446,7 @@ class CCommandNode : public CNode, public ICommand {
     EvalGuard g(this);
     src_.Set(this, FormulaValue::Int(ToInt(Eval(command_))), verify);
     was_done_ = false;
+    CheckErrors();
   }
   bool IsDone(bool) override {
     KIV_LOCK();
@@ -437,7 +493,7 @@ class CStringNode : public CNode, public IString {
   }
   void Link() override {
     CNode::Link();
-    Resolve(target_);
+    Resolve(target_, kData);
   }
   EAccessMode NaturalAccessMode() const override {
     if (!target_.set()) return RW;
@@ -455,15 +511,20 @@ class CStringNode : public CNode, public IString {
   void SetValue(const gcstring& v, bool verify) override {
     KIV_LOCK();
     CheckWritable();
-    if (target_.set()) return Target()->SetValue(v, verify);
-    value_ = v;
-    NotifyWritten();
+    if (target_.set()) {
+      Target()->SetValue(v, verify);
+    } else {
+      value_ = v;
+      NotifyWritten();
+    }
+    CheckErrors();
   }
   gcstring GetValue(bool verify, bool ignore_cache) override {
     KIV_LOCK();
     CheckReadable();
-    if (target_.set()) return Target()->GetValue(verify, ignore_cache);
-    return value_;
+    gcstring v = target_.set() ? Target()->GetValue(verify, ignore_cache) : gcstring(value_);
+    CheckErrorsIf(verify);
+    return v;
   }
   int64_t GetMaxLength(bool verify) override {
     if (target_.set()) return Target()->GetMaxLength(verify);

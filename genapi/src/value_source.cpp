@@ -41,6 +41,7 @@ void ReadNumRef(const NodeDesc& d, const char* literal_tag, const char* pointer_
 }
 
 void CValueSource::Read(const NodeDesc& d, bool float_mode) {
+  float_mode_ = float_mode;
   ReadNumRef(d, "Value", "pValue", float_mode, value_);
   for (const DescChild* c : d.All("pValueCopy")) copies_.push_back(NodeRef{c->text, nullptr});
   if (d.Has("pIndex")) {
@@ -67,12 +68,12 @@ void CValueSource::Read(const NodeDesc& d, bool float_mode) {
   }
 }
 
-void CValueSource::Link(CNode*, const std::function<void(NodeRef&)>& resolve) {
-  resolve(value_.ref);
-  for (auto& c : copies_) resolve(c);
-  resolve(index_);
-  for (auto& e : indexed_) resolve(e.second.ref);
-  resolve(default_.ref);
+void CValueSource::Link(CNode*, const std::function<void(NodeRef&, unsigned)>& resolve) {
+  resolve(value_.ref, kData);
+  for (auto& c : copies_) resolve(c, kWrite);
+  resolve(index_, kReadValue);
+  for (auto& e : indexed_) resolve(e.second.ref, kData);
+  resolve(default_.ref, kData);
 }
 
 static CNode* NeedRef(const CNode* owner, const NodeRef& r) {
@@ -95,15 +96,21 @@ const NumRef* CValueSource::Selected(const CNode* owner) const {
 
 FormulaValue CValueSource::Get(const CNode* owner, bool verify, bool ignore_cache) const {
   const NumRef* r = Selected(owner);
-  if (r->ref.set()) return NeedRef(owner, r->ref)->GetNum(verify, ignore_cache);
-  return r->literal;
+  if (!r->ref.set()) return r->literal;
+  CNode* t = NeedRef(owner, r->ref);
+  return float_mode_ ? t->GetFloat(verify, ignore_cache) : t->GetNum(verify, ignore_cache);
 }
 
 void CValueSource::Set(CNode* owner, const FormulaValue& v, bool verify) {
   const NumRef* r = Selected(owner);
   if (r->ref.set()) {
-    NeedRef(owner, r->ref)->SetNum(v, verify);
-    for (auto& c : copies_) NeedRef(owner, c)->SetNum(v, verify);
+    if (float_mode_) {
+      NeedRef(owner, r->ref)->SetFloat(v, verify);
+      for (auto& c : copies_) NeedRef(owner, c)->SetFloat(v, verify);
+    } else {
+      NeedRef(owner, r->ref)->SetNum(v, verify);
+      for (auto& c : copies_) NeedRef(owner, c)->SetNum(v, verify);
+    }
     return;
   }
   if (index_.set())
@@ -124,7 +131,22 @@ EAccessMode CValueSource::Access(const CNode* owner) const {
   if (!value_.ref.node) return NA;
   EAccessMode m = value_.ref.node->GetAccessMode();
   for (const auto& c : copies_) m = Combine(m, c.node ? c.node->GetAccessMode() : NA);
+  // Mirrors stepping differently cannot all hold the same written value.
+  if (IsWritable(m) && !copies_.empty()) {
+    double inc = value_.ref.node->NumInc().AsFloat();
+    for (const auto& c : copies_)
+      if (c.node->NumInc().AsFloat() != inc) return m == WO ? NA : RO;
+  }
   return m;
+}
+
+std::vector<CNode*> CValueSource::Mirrors() const {
+  std::vector<CNode*> out;
+  if (copies_.empty() || index_.set() || !value_.ref.node) return out;
+  out.push_back(value_.ref.node);
+  for (const auto& c : copies_)
+    if (c.node) out.push_back(c.node);
+  return out;
 }
 
 CNode* CValueSource::Target(const CNode* owner) const {

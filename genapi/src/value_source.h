@@ -15,13 +15,16 @@ namespace detail {
 class CValueSource {
  public:
   void Read(const NodeDesc& d, bool float_mode);
-  void Link(CNode* owner, const std::function<void(NodeRef&)>& resolve);
+  // resolve(ref, LinkKinds)
+  void Link(CNode* owner, const std::function<void(NodeRef&, unsigned)>& resolve);
   bool floating() const { return !value_.ref.set() && !index_.set(); }
   FormulaValue Get(const CNode* owner, bool verify, bool ignore_cache) const;
   void Set(CNode* owner, const FormulaValue& v, bool verify);
   EAccessMode Access(const CNode* owner) const;
   // The node that currently holds the value, if any.
   CNode* Target(const CNode* owner) const;
+  // pValue and every pValueCopy, when the value is mirrored; else empty.
+  std::vector<CNode*> Mirrors() const;
   void Inputs(std::vector<CNode*>& out) const;
 
  private:
@@ -30,6 +33,7 @@ class CValueSource {
   NodeRef index_;
   std::vector<std::pair<int64_t, NumRef>> indexed_;
   NumRef default_;
+  bool float_mode_ = false;
   const NumRef* Selected(const CNode* owner) const;
 };
 

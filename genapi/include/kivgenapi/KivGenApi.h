@@ -1,6 +1,7 @@
 // Everything an application needs from the node-map engine.
 #pragma once
 
+#include "kivgenapi/EventAdapter.h"
 #include "kivgenapi/Exception.h"
 #include "kivgenapi/Interfaces.h"
 #include "kivgenapi/NodeMapRef.h"

@@ -31,6 +31,10 @@ class CNodeMapRef {
   void _InvalidateNodes() const;
   bool _Connect(IPort* pPort, const gcstring& PortName) const;
   bool _Connect(IPort* pPort) const;
+  // Tells the map that the device sent the event EventID: every node whose
+  // EventID matches, and everything depending on it, is invalidated and its
+  // callbacks fire. False when no node carries that id.
+  bool _InvalidateByEventID(uint64_t EventID) const;
 
   INodeMap* _Ptr = nullptr;
 
