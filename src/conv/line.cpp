@@ -49,6 +49,17 @@ struct Out {
       d += 16 * P;
     }
   }
+  // 32 pixels from channel planes whose 128-bit halves hold pixels 0-15 and
+  // 16-31, in source order.
+  void Put32(__m256i b, __m256i g, __m256i r) {
+    if constexpr (Mirror) {
+      StorePixels32<P>(d - 31 * P, Reverse32(b), Reverse32(g), Reverse32(r));
+      d -= 32 * P;
+    } else {
+      StorePixels32<P>(d, b, g, r);
+      d += 32 * P;
+    }
+  }
   void Grey16(__m128i g) {
     if constexpr (Mirror) {
       StoreGrey<P>(d - 15 * P, Reverse16(g));
@@ -128,6 +139,60 @@ __attribute__((always_inline)) inline void YuvPlanes(O& o, __m128i y, __m128i u8
 
 inline __m128i Load(const uint8_t* s) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)); }
 
+// Two 16-byte blocks as the low and high half of one vector.
+inline __m256i Load2(const uint8_t* lo, const uint8_t* hi) {
+  return _mm256_inserti128_si256(_mm256_castsi128_si256(Load(lo)), Load(hi), 1);
+}
+
+// Computed-entry multipliers for 16-bit lanes that hold each pixel pair's
+// two chroma bytes side by side (the U byte first when ULow): one vector
+// gives the B entry on U lanes and the R entry on V lanes, the other the two
+// G entries. Only for tables with multipliers.
+template <bool ULow>
+struct YuvK32 {
+  __m256i hBR, lBR, hG, lG;
+  explicit YuvK32(const int32_t* mul) {
+    auto two = [](int32_t first, int32_t second) {
+      return _mm256_set1_epi32(static_cast<int32_t>((uint32_t(second) & 0xFFFF) << 16 | (uint32_t(first) & 0xFFFF)));
+    };
+    const int br0 = ULow ? 3 : 0, br1 = ULow ? 0 : 3, g0 = ULow ? 2 : 1, g1 = ULow ? 1 : 2;
+    hBR = two(mul[br0] >> 16, mul[br1] >> 16);
+    lBR = two(mul[br0] & 0xFFFF, mul[br1] & 0xFFFF);
+    hG = two(mul[g0] >> 16, mul[g1] >> 16);
+    lG = two(mul[g0] & 0xFFFF, mul[g1] & 0xFFFF);
+  }
+};
+
+// YUV rule on 16 pixels in 16-bit lanes: y their Y, c the chroma bytes of
+// their pairs. The same entries and saturating sums as YuvPlanes; each
+// pair's entries are copied to both of its lanes with shifts and masks,
+// which keeps the shuffle unit free for the stores.
+template <bool ULow>
+__attribute__((always_inline)) inline void YuvLanes(__m256i y, __m256i c, const YuvK32<ULow>& k, __m256i& b, __m256i& g,
+                                                    __m256i& r) {
+  const __m256i dc = _mm256_sub_epi16(c, _mm256_set1_epi16(128)), ac = _mm256_abs_epi16(dc);
+  const __m256i br = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hBR), _mm256_mulhi_epu16(ac, k.lBR)), dc);
+  const __m256i gg = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hG), _mm256_mulhi_epu16(ac, k.lG)), dc);
+  const __m256i tg = _mm256_add_epi16(gg, _mm256_or_si256(_mm256_slli_epi32(gg, 16), _mm256_srli_epi32(gg, 16)));
+  const __m256i lo = _mm256_set1_epi32(0xFFFF);
+  const __m256i first = _mm256_or_si256(_mm256_and_si256(br, lo), _mm256_slli_epi32(br, 16));
+  const __m256i second = _mm256_or_si256(_mm256_andnot_si256(lo, br), _mm256_srli_epi32(br, 16));
+  b = _mm256_adds_epi16(y, ULow ? first : second);
+  g = _mm256_subs_epi16(y, tg);
+  r = _mm256_adds_epi16(y, ULow ? second : first);
+}
+
+// 32 pixels from two halves in 16-bit lanes: a holds pixels 0-7 and 16-23,
+// b pixels 8-15 and 24-31, so the byte packs come out in pixel order.
+template <bool ULow, class O>
+__attribute__((always_inline)) inline void Yuv32(O& o, __m256i ya, __m256i ca, __m256i yb, __m256i cb,
+                                                 const YuvK32<ULow>& k) {
+  __m256i ba, ga, ra, bb, gb, rb;
+  YuvLanes(ya, ca, k, ba, ga, ra);
+  YuvLanes(yb, cb, k, bb, gb, rb);
+  o.Put32(_mm256_packus_epi16(ba, bb), _mm256_packus_epi16(ga, gb), _mm256_packus_epi16(ra, rb));
+}
+
 // Byte shuffle mask from a list; -1 clears the byte.
 inline __m128i Mask(std::initializer_list<int> l) {
   alignas(16) int8_t m[16];
@@ -161,6 +226,44 @@ __attribute__((always_inline)) inline void Yuv411x16(O& o, const uint8_t* s, con
   const __m128i u8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mul_), _mm_shuffle_epi8(hi, muh));
   const __m128i v8 = _mm_unpacklo_epi32(_mm_shuffle_epi8(lo, mvl), _mm_shuffle_epi8(hi, mvh));
   YuvPlanes(o, y, u8, v8, k);
+}
+
+// 32 pixels of a pair kind from 64 bytes; YLow: Y is the even byte.
+template <bool YLow, bool ULow, class O>
+__attribute__((always_inline)) inline void Yuv422x32(O& o, const uint8_t* s, const YuvK32<ULow>& k) {
+  const __m256i a = Load2(s, s + 32), b = Load2(s + 16, s + 48), ff = _mm256_set1_epi16(0xFF);
+  auto even = [&ff](__m256i v) { return _mm256_and_si256(v, ff); };
+  auto odd = [](__m256i v) { return _mm256_srli_epi16(v, 8); };
+  if constexpr (YLow) {
+    Yuv32(o, even(a), odd(a), even(b), odd(b), k);
+  } else {
+    Yuv32(o, odd(a), even(a), odd(b), even(b), k);
+  }
+}
+
+// Lane masks for 8 pixels of YUV411 starting at byte `base` of a 16-byte
+// block: their Y bytes, and U, V of each pixel pair.
+constexpr Bytes16 Yuv411Mask(int base, bool chroma) {
+  Bytes16 m{};
+  constexpr int yAt[4] = {1, 2, 4, 5};
+  for (int l = 0; l < 8; ++l) {
+    const int at = chroma ? 6 * (l / 4) + (l % 2 ? 3 : 0) : 6 * (l / 4) + yAt[l % 4];
+    m.b[2 * l] = static_cast<int8_t>(base + at);
+    m.b[2 * l + 1] = -128;
+  }
+  return m;
+}
+constexpr Bytes16 kYuv411[2][2] = {{Yuv411Mask(0, false), Yuv411Mask(0, true)},
+                                   {Yuv411Mask(4, false), Yuv411Mask(4, true)}};
+
+// 32 pixels of YUV411 from 48 bytes. Pixels 0-7 and 16-23 start blocks at
+// bytes 0 and 24; pixels 8-15 and 24-31 start 4 bytes into blocks at 8 and
+// 32, which keeps every load inside the 48 bytes.
+template <class O>
+__attribute__((always_inline)) inline void Yuv411x32(O& o, const uint8_t* s, const YuvK32<true>& k) {
+  const __m256i a = Load2(s, s + 24), b = Load2(s + 8, s + 32);
+  Yuv32(o, _mm256_shuffle_epi8(a, Broadcast(kYuv411[0][0])), _mm256_shuffle_epi8(a, Broadcast(kYuv411[0][1])),
+        _mm256_shuffle_epi8(b, Broadcast(kYuv411[1][0])), _mm256_shuffle_epi8(b, Broadcast(kYuv411[1][1])), k);
 }
 
 // 16 grey pixels from 16-bit words: swap, shift, low byte.
@@ -230,17 +333,52 @@ inline uint32_t TriplesForward(const uint8_t*& s, uint8_t*& d, uint32_t x, uint3
   return x;
 }
 
-// 16 pixels of RGB10p32 (64 bytes): three 10-bit fields, top 8 bits each.
-template <class O>
-inline void Rgb10p32x16(O& o, const uint8_t* s) {
-  auto field = [s](int sh) {
-    const __m128i ff = _mm_set1_epi32(0xFF);
-    __m128i q[4];
-    for (int k = 0; k < 4; ++k) q[k] = _mm_and_si128(_mm_srli_epi32(Load(s + 16 * k), sh), ff);
-    return _mm_packus_epi16(_mm_packus_epi32(q[0], q[1]), _mm_packus_epi32(q[2], q[3]));
-  };
-  o.Put16(field(2), field(12), field(22));
+// 8 pixels of RGB10p32 (32 bytes) as 32-bit B, G, R, 0 words: the top 8
+// bits of each 10-bit field moved into place with shifts and masks.
+inline __m256i Rgb10p32Words(const uint8_t* s) {
+  const __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+  return _mm256_or_si256(_mm256_or_si256(_mm256_and_si256(_mm256_srli_epi32(d, 2), _mm256_set1_epi32(0xFF)),
+                                         _mm256_and_si256(_mm256_srli_epi32(d, 4), _mm256_set1_epi32(0xFF00))),
+                         _mm256_and_si256(_mm256_srli_epi32(d, 6), _mm256_set1_epi32(0xFF0000)));
 }
+
+// Runs of 8 RGB10p32 pixels straight from words, no channel planes. 32-bit
+// rows: one read-modify-write per run. 24-bit rows: each half's 4 pixels
+// packed to 12 bytes and stored as 16, the extra 4 bytes landing where the
+// next store (or the row's remaining pixels) writes afterwards; needs 2
+// pixels beyond the run. Mirrored 24-bit stores put the extra bytes in front.
+template <int P, bool Mirror>
+inline uint32_t Rgb10p32Runs(const uint8_t*& s, uint8_t*& d, uint32_t x, uint32_t w) {
+  if constexpr (P == 4) {
+    const __m256i keep = _mm256_set1_epi32(int32_t(0xFF000000u)), rev = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+    for (; x + 8 <= w; x += 8, s += 32) {
+      __m256i v = Rgb10p32Words(s);
+      __m256i* q = reinterpret_cast<__m256i*>(Mirror ? d - 28 : d);
+      if constexpr (Mirror) v = _mm256_permutevar8x32_epi32(v, rev);
+      _mm256_storeu_si256(q, _mm256_or_si256(_mm256_and_si256(_mm256_loadu_si256(q), keep), v));
+      d += Mirror ? -32 : 32;
+    }
+  } else {
+    const __m256i m = Mirror ? _mm256_setr_epi8(-1, -1, -1, -1, 12, 13, 14, 8, 9, 10, 4, 5, 6, 0, 1, 2, -1, -1, -1, -1, 12,
+                                                13, 14, 8, 9, 10, 4, 5, 6, 0, 1, 2)
+                             : _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
+                                                8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    for (; x + 10 <= w; x += 8, s += 32) {
+      const __m256i v = _mm256_shuffle_epi8(Rgb10p32Words(s), m);
+      if constexpr (Mirror) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d - 13), _mm256_castsi256_si128(v));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d - 25), _mm256_extracti128_si256(v, 1));
+        d -= 24;
+      } else {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(v));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 12), _mm256_extracti128_si256(v, 1));
+        d += 24;
+      }
+    }
+  }
+  return x;
+}
+
 #endif
 
 struct Yuv {
@@ -262,6 +400,10 @@ struct PairRow {
   void operator()(const uint8_t* s, O& o, uint32_t w) const {
     uint32_t x = 0;
 #ifdef __AVX2__
+    if (yuv.mul) {
+      const YuvK32<(U < V)> k32(yuv.mul);
+      for (; x + 32 <= w; x += 32, s += 64) Yuv422x32<Y0 == 0, (U < V)>(o, s, k32);
+    }
     const YuvK k(yuv.t, yuv.mul);
     for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<Y0, Y1, U, V>(o, s, k);
 #endif
@@ -394,7 +536,7 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
-        for (; x + 16 <= w; x += 16, s += 64) Rgb10p32x16(o, s);
+        x = Rgb10p32Runs<P, Mirror>(s, o.d, x, w);
 #endif
         for (; x < w; ++x, s += 4) {
           const uint32_t d = s[0] | uint32_t{s[1]} << 8 | uint32_t{s[2]} << 16 | uint32_t{s[3]} << 24;
@@ -445,6 +587,10 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
+        if (yuv.mul) {
+          const YuvK32<true> k32(yuv.mul);
+          for (; x + 32 <= w; x += 32, s += 48) Yuv411x32(o, s, k32);
+        }
         const YuvK k(yuv.t, yuv.mul);
         for (; x + 16 <= w; x += 16, s += 24) Yuv411x16(o, s, k);
 #endif

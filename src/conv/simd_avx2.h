@@ -77,3 +77,46 @@ inline void StoreGrey(uint8_t* d, __m128i g) {
 inline __m128i Reverse16(__m128i v) {
   return _mm_shuffle_epi8(v, _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0));
 }
+
+inline __m256i Broadcast(const Bytes16& m) { return _mm256_broadcastsi128_si256(MaskOf(m)); }
+
+// Stores 32 pixels from channel planes whose halves hold pixels 0-15 and
+// 16-31 (96 or 128 bytes), as StorePixels does for 16.
+template <int P>
+inline void StorePixels32(uint8_t* d, __m256i b, __m256i g, __m256i r) {
+  auto put = [](uint8_t* lo, uint8_t* hi, __m256i v) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(lo), _mm256_castsi256_si128(v));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(hi), _mm256_extracti128_si256(v, 1));
+  };
+  if constexpr (P == 4) {
+    const __m256i zero = _mm256_setzero_si256(), keep = _mm256_set1_epi32(int32_t(0xFF000000u));
+    const __m256i bgLo = _mm256_unpacklo_epi8(b, g), bgHi = _mm256_unpackhi_epi8(b, g);
+    const __m256i rLo = _mm256_unpacklo_epi8(r, zero), rHi = _mm256_unpackhi_epi8(r, zero);
+    // Halves of px[k]: pixels 4k..4k+3 and 16+4k..16+4k+3.
+    const __m256i px[4] = {_mm256_unpacklo_epi16(bgLo, rLo), _mm256_unpackhi_epi16(bgLo, rLo),
+                           _mm256_unpacklo_epi16(bgHi, rHi), _mm256_unpackhi_epi16(bgHi, rHi)};
+    for (int k = 0; k < 4; ++k) {
+      uint8_t* lo = d + 16 * k;
+      uint8_t* hi = d + 64 + 16 * k;
+      const __m256i old = _mm256_inserti128_si256(
+          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(lo))),
+          _mm_loadu_si128(reinterpret_cast<const __m128i*>(hi)), 1);
+      put(lo, hi, _mm256_or_si256(_mm256_and_si256(old, keep), px[k]));
+    }
+  } else {
+    for (int blk = 0; blk < 3; ++blk) {
+      const __m256i v = _mm256_or_si256(
+          _mm256_or_si256(_mm256_shuffle_epi8(b, Broadcast(kInterleave[blk][0])),
+                          _mm256_shuffle_epi8(g, Broadcast(kInterleave[blk][1]))),
+          _mm256_shuffle_epi8(r, Broadcast(kInterleave[blk][2])));
+      put(d + 16 * blk, d + 48 + 16 * blk, v);
+    }
+  }
+}
+
+// The 32 bytes in reverse order.
+inline __m256i Reverse32(__m256i v) {
+  const __m256i rev = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0,
+                                       15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, rev), 0x4E);
+}
