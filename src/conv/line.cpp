@@ -23,6 +23,8 @@ namespace {
 // byte is the one the buffer held, which keeps the loops vectorisable.
 template <int P, bool Mirror>
 struct Out {
+  static constexpr int kPixel = P;
+  static constexpr bool kMirror = Mirror;
   uint8_t* d;
   void Put(uint32_t b, uint32_t g, uint32_t r) {
     if constexpr (P == 4) {
@@ -182,15 +184,80 @@ __attribute__((always_inline)) inline void YuvLanes(__m256i y, __m256i c, const 
   r = _mm256_adds_epi16(y, ULow ? second : first);
 }
 
+// For 24-bit rows the entries are not copied: with e the entries of each
+// pair's two lanes, y + e gives one channel of each pixel and the Y values
+// swapped within the pair, plus e, the other; the interleave masks pick
+// every byte from where it lands. p1 = y + e, p2 = swapped y + e, g = G.
+inline __m256i SwapPairs(__m256i v) {
+  return _mm256_shuffle_epi8(v, _mm256_setr_epi8(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13, 2, 3, 0, 1, 6, 7,
+                                                 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
+}
+
+template <bool ULow>
+__attribute__((always_inline)) inline void YuvLanesSwapped(__m256i y, __m256i c, const YuvK32<ULow>& k, __m256i& p1,
+                                                           __m256i& p2, __m256i& g) {
+  const __m256i dc = _mm256_sub_epi16(c, _mm256_set1_epi16(128)), ac = _mm256_abs_epi16(dc);
+  const __m256i br = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hBR), _mm256_mulhi_epu16(ac, k.lBR)), dc);
+  const __m256i gg = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hG), _mm256_mulhi_epu16(ac, k.lG)), dc);
+  p1 = _mm256_adds_epi16(y, br);
+  p2 = _mm256_adds_epi16(SwapPairs(y), br);
+  g = _mm256_subs_epi16(y, _mm256_add_epi16(gg, SwapPairs(gg)));
+}
+
+// Mask picking, for 24-bit output block blk of 16 pixels (reversed when
+// mirrored), the bytes that come from source src: 0 = p1, 1 = p2, 2 = G.
+// The even lane of a pair carries B when ULow, else R.
+constexpr Bytes16 YuvMask(int blk, int src, bool mirror, bool uLow) {
+  Bytes16 m{};
+  for (int i = 0; i < 16; ++i) {
+    const int j = 16 * blk + i, ch = j % 3, q = j / 3, px = mirror ? 15 - q : q;
+    int from = 2, at = px;
+    if (ch != 1) {
+      const bool evenChannel = (ch == 0) == uLow;
+      const bool own = (px % 2 == 0) == evenChannel;  // the pixel's own lane holds it in p1
+      from = own ? 0 : 1;
+      at = own ? px : px % 2 ? px - 1 : px + 1;
+    }
+    m.b[i] = static_cast<int8_t>(from == src ? at : -128);
+  }
+  return m;
+}
+
+template <bool Mirror, bool ULow>
+struct YuvMasks {
+  static constexpr Bytes16 m[3][3] = {
+      {YuvMask(0, 0, Mirror, ULow), YuvMask(0, 1, Mirror, ULow), YuvMask(0, 2, Mirror, ULow)},
+      {YuvMask(1, 0, Mirror, ULow), YuvMask(1, 1, Mirror, ULow), YuvMask(1, 2, Mirror, ULow)},
+      {YuvMask(2, 0, Mirror, ULow), YuvMask(2, 1, Mirror, ULow), YuvMask(2, 2, Mirror, ULow)}};
+};
+
 // 32 pixels from two halves in 16-bit lanes: a holds pixels 0-7 and 16-23,
 // b pixels 8-15 and 24-31, so the byte packs come out in pixel order.
 template <bool ULow, class O>
 __attribute__((always_inline)) inline void Yuv32(O& o, __m256i ya, __m256i ca, __m256i yb, __m256i cb,
                                                  const YuvK32<ULow>& k) {
-  __m256i ba, ga, ra, bb, gb, rb;
-  YuvLanes(ya, ca, k, ba, ga, ra);
-  YuvLanes(yb, cb, k, bb, gb, rb);
-  o.Put32(_mm256_packus_epi16(ba, bb), _mm256_packus_epi16(ga, gb), _mm256_packus_epi16(ra, rb));
+  if constexpr (O::kPixel == 3) {
+    __m256i p1a, p2a, ga, p1b, p2b, gb;
+    YuvLanesSwapped(ya, ca, k, p1a, p2a, ga);
+    YuvLanesSwapped(yb, cb, k, p1b, p2b, gb);
+    const __m256i p1 = _mm256_packus_epi16(p1a, p1b), p2 = _mm256_packus_epi16(p2a, p2b), g = _mm256_packus_epi16(ga, gb);
+    using M = YuvMasks<O::kMirror, ULow>;
+    uint8_t* lo = O::kMirror ? o.d - 45 : o.d;  // pixels 0-15
+    uint8_t* hi = O::kMirror ? o.d - 93 : o.d + 48;  // pixels 16-31
+    for (int blk = 0; blk < 3; ++blk) {
+      const __m256i v = _mm256_or_si256(
+          _mm256_or_si256(_mm256_shuffle_epi8(p1, Broadcast(M::m[blk][0])), _mm256_shuffle_epi8(p2, Broadcast(M::m[blk][1]))),
+          _mm256_shuffle_epi8(g, Broadcast(M::m[blk][2])));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(lo + 16 * blk), _mm256_castsi256_si128(v));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(hi + 16 * blk), _mm256_extracti128_si256(v, 1));
+    }
+    o.d += O::kMirror ? -96 : 96;
+  } else {
+    __m256i ba, ga, ra, bb, gb, rb;
+    YuvLanes(ya, ca, k, ba, ga, ra);
+    YuvLanes(yb, cb, k, bb, gb, rb);
+    o.Put32(_mm256_packus_epi16(ba, bb), _mm256_packus_epi16(ga, gb), _mm256_packus_epi16(ra, rb));
+  }
 }
 
 // Byte shuffle mask from a list; -1 clears the byte.
