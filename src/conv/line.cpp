@@ -162,7 +162,9 @@ struct YuvK32 {
     lBR = two(mul[br0] & 0xFFFF, mul[br1] & 0xFFFF);
     hG = two(mul[g0] >> 16, mul[g1] >> 16);
     lG = two(mul[g0] & 0xFFFF, mul[g1] & 0xFFFF);
+    unit = mul[0] >> 16 == 1 && mul[3] >> 16 == 1 && mul[1] >> 16 == 0 && mul[2] >> 16 == 0;
   }
+  bool unit;
 };
 
 // YUV rule on 16 pixels in 16-bit lanes: y their Y, c the chroma bytes of
@@ -193,12 +195,18 @@ inline __m256i SwapPairs(__m256i v) {
                                                  4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
 }
 
-template <bool ULow>
+template <bool ULow, bool Unit>
 __attribute__((always_inline)) inline void YuvLanesSwapped(__m256i y, __m256i c, const YuvK32<ULow>& k, __m256i& p1,
                                                            __m256i& p2, __m256i& g) {
   const __m256i dc = _mm256_sub_epi16(c, _mm256_set1_epi16(128)), ac = _mm256_abs_epi16(dc);
-  const __m256i br = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hBR), _mm256_mulhi_epu16(ac, k.lBR)), dc);
-  const __m256i gg = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hG), _mm256_mulhi_epu16(ac, k.lG)), dc);
+  __m256i br, gg;
+  if constexpr (Unit) {
+    br = _mm256_sign_epi16(_mm256_add_epi16(ac, _mm256_mulhi_epu16(ac, k.lBR)), dc);
+    gg = _mm256_sign_epi16(_mm256_mulhi_epu16(ac, k.lG), dc);
+  } else {
+    br = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hBR), _mm256_mulhi_epu16(ac, k.lBR)), dc);
+    gg = _mm256_sign_epi16(_mm256_add_epi16(_mm256_mullo_epi16(ac, k.hG), _mm256_mulhi_epu16(ac, k.lG)), dc);
+  }
   p1 = _mm256_adds_epi16(y, br);
   p2 = _mm256_adds_epi16(SwapPairs(y), br);
   g = _mm256_subs_epi16(y, _mm256_add_epi16(gg, SwapPairs(gg)));
@@ -232,14 +240,16 @@ struct YuvMasks {
 };
 
 // 32 pixels from two halves in 16-bit lanes: a holds pixels 0-7 and 16-23,
-// b pixels 8-15 and 24-31, so the byte packs come out in pixel order.
-template <bool ULow, class O>
+// b pixels 8-15 and 24-31, so the byte packs come out in pixel order. Unit:
+// the B and R multipliers' high halves are 1 and the G ones' 0 (true for
+// the default coefficients), which spares the low multiplies.
+template <bool ULow, bool Unit, class O>
 __attribute__((always_inline)) inline void Yuv32(O& o, __m256i ya, __m256i ca, __m256i yb, __m256i cb,
                                                  const YuvK32<ULow>& k) {
   if constexpr (O::kPixel == 3) {
     __m256i p1a, p2a, ga, p1b, p2b, gb;
-    YuvLanesSwapped(ya, ca, k, p1a, p2a, ga);
-    YuvLanesSwapped(yb, cb, k, p1b, p2b, gb);
+    YuvLanesSwapped<ULow, Unit>(ya, ca, k, p1a, p2a, ga);
+    YuvLanesSwapped<ULow, Unit>(yb, cb, k, p1b, p2b, gb);
     const __m256i p1 = _mm256_packus_epi16(p1a, p1b), p2 = _mm256_packus_epi16(p2a, p2b), g = _mm256_packus_epi16(ga, gb);
     using M = YuvMasks<O::kMirror, ULow>;
     uint8_t* lo = O::kMirror ? o.d - 45 : o.d;  // pixels 0-15
@@ -296,15 +306,15 @@ __attribute__((always_inline)) inline void Yuv411x16(O& o, const uint8_t* s, con
 }
 
 // 32 pixels of a pair kind from 64 bytes; YLow: Y is the even byte.
-template <bool YLow, bool ULow, class O>
+template <bool YLow, bool ULow, bool Unit, class O>
 __attribute__((always_inline)) inline void Yuv422x32(O& o, const uint8_t* s, const YuvK32<ULow>& k) {
   const __m256i a = Load2(s, s + 32), b = Load2(s + 16, s + 48), ff = _mm256_set1_epi16(0xFF);
   auto even = [&ff](__m256i v) { return _mm256_and_si256(v, ff); };
   auto odd = [](__m256i v) { return _mm256_srli_epi16(v, 8); };
   if constexpr (YLow) {
-    Yuv32(o, even(a), odd(a), even(b), odd(b), k);
+    Yuv32<ULow, Unit>(o, even(a), odd(a), even(b), odd(b), k);
   } else {
-    Yuv32(o, odd(a), even(a), odd(b), even(b), k);
+    Yuv32<ULow, Unit>(o, odd(a), even(a), odd(b), even(b), k);
   }
 }
 
@@ -326,10 +336,10 @@ constexpr Bytes16 kYuv411[2][2] = {{Yuv411Mask(0, false), Yuv411Mask(0, true)},
 // 32 pixels of YUV411 from 48 bytes. Pixels 0-7 and 16-23 start blocks at
 // bytes 0 and 24; pixels 8-15 and 24-31 start 4 bytes into blocks at 8 and
 // 32, which keeps every load inside the 48 bytes.
-template <class O>
+template <bool Unit, class O>
 __attribute__((always_inline)) inline void Yuv411x32(O& o, const uint8_t* s, const YuvK32<true>& k) {
   const __m256i a = Load2(s, s + 24), b = Load2(s + 8, s + 32);
-  Yuv32(o, _mm256_shuffle_epi8(a, Broadcast(kYuv411[0][0])), _mm256_shuffle_epi8(a, Broadcast(kYuv411[0][1])),
+  Yuv32<true, Unit>(o, _mm256_shuffle_epi8(a, Broadcast(kYuv411[0][0])), _mm256_shuffle_epi8(a, Broadcast(kYuv411[0][1])),
         _mm256_shuffle_epi8(b, Broadcast(kYuv411[1][0])), _mm256_shuffle_epi8(b, Broadcast(kYuv411[1][1])), k);
 }
 
@@ -469,7 +479,11 @@ struct PairRow {
 #ifdef __AVX2__
     if (yuv.mul) {
       const YuvK32<(U < V)> k32(yuv.mul);
-      for (; x + 32 <= w; x += 32, s += 64) Yuv422x32<Y0 == 0, (U < V)>(o, s, k32);
+      if (k32.unit) {
+        for (; x + 32 <= w; x += 32, s += 64) Yuv422x32<Y0 == 0, (U < V), true>(o, s, k32);
+      } else {
+        for (; x + 32 <= w; x += 32, s += 64) Yuv422x32<Y0 == 0, (U < V), false>(o, s, k32);
+      }
     }
     const YuvK k(yuv.t, yuv.mul);
     for (; x + 16 <= w; x += 16, s += 32) Yuv422x16<Y0, Y1, U, V>(o, s, k);
@@ -656,7 +670,11 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
 #ifdef __AVX2__
         if (yuv.mul) {
           const YuvK32<true> k32(yuv.mul);
-          for (; x + 32 <= w; x += 32, s += 48) Yuv411x32(o, s, k32);
+          if (k32.unit) {
+            for (; x + 32 <= w; x += 32, s += 48) Yuv411x32<true>(o, s, k32);
+          } else {
+            for (; x + 32 <= w; x += 32, s += 48) Yuv411x32<false>(o, s, k32);
+          }
         }
         const YuvK k(yuv.t, yuv.mul);
         for (; x + 16 <= w; x += 16, s += 24) Yuv411x16(o, s, k);
