@@ -212,23 +212,35 @@ __attribute__((always_inline)) inline void YuvLanesSwapped(__m256i y, __m256i c,
   g = _mm256_subs_epi16(y, _mm256_add_epi16(gg, SwapPairs(gg)));
 }
 
-// Mask picking, for 24-bit output block blk of 16 pixels (reversed when
-// mirrored), the bytes that come from source src: 0 = p1, 1 = p2, 2 = G.
-// The even lane of a pair carries B when ULow, else R.
-constexpr Bytes16 YuvMask(int blk, int src, bool mirror, bool uLow) {
+// The 24-bit path packs its 16-bit results so that each output block needs
+// as few sources as possible; per 16 pixels: X = p1 of pixels 0-7 then G of
+// 0-7, Y = p2 of 0-7 then p1 of 8-15, Z = G of 8-15 then p2 of 8-15.
+// YuvMask picks, for 24-bit output block blk of 16 pixels (reversed when
+// mirrored), the bytes that come from vector v (0 = X, 1 = Y, 2 = Z). The
+// even lane of a pair carries B when ULow, else R.
+constexpr Bytes16 YuvMask(int blk, int v, bool mirror, bool uLow) {
   Bytes16 m{};
   for (int i = 0; i < 16; ++i) {
     const int j = 16 * blk + i, ch = j % 3, q = j / 3, px = mirror ? 15 - q : q;
-    int from = 2, at = px;
+    int plane = 2, at = px;  // plane 0 = p1, 1 = p2, 2 = G
     if (ch != 1) {
       const bool evenChannel = (ch == 0) == uLow;
       const bool own = (px % 2 == 0) == evenChannel;  // the pixel's own lane holds it in p1
-      from = own ? 0 : 1;
+      plane = own ? 0 : 1;
       at = own ? px : px % 2 ? px - 1 : px + 1;
     }
-    m.b[i] = static_cast<int8_t>(from == src ? at : -128);
+    const int from = at < 8 ? (plane == 1 ? 1 : 0) : (plane == 0 ? 1 : 2);
+    const int pos = plane == 2 ? (at < 8 ? 8 + at : at - 8) : at;
+    m.b[i] = static_cast<int8_t>(from == v ? pos : -128);
   }
   return m;
+}
+
+constexpr bool Used(const Bytes16& m) {
+  for (int8_t b : m.b) {
+    if (b >= 0) return true;
+  }
+  return false;
 }
 
 template <bool Mirror, bool ULow>
@@ -238,6 +250,16 @@ struct YuvMasks {
       {YuvMask(1, 0, Mirror, ULow), YuvMask(1, 1, Mirror, ULow), YuvMask(1, 2, Mirror, ULow)},
       {YuvMask(2, 0, Mirror, ULow), YuvMask(2, 1, Mirror, ULow), YuvMask(2, 2, Mirror, ULow)}};
 };
+
+// One 24-bit output block: the bytes of the vectors that contribute to it.
+template <class M, int Blk>
+__attribute__((always_inline)) inline __m256i YuvBlock(__m256i x, __m256i y, __m256i z) {
+  __m256i v = _mm256_setzero_si256();
+  if constexpr (Used(M::m[Blk][0])) v = _mm256_shuffle_epi8(x, Broadcast(M::m[Blk][0]));
+  if constexpr (Used(M::m[Blk][1])) v = _mm256_or_si256(v, _mm256_shuffle_epi8(y, Broadcast(M::m[Blk][1])));
+  if constexpr (Used(M::m[Blk][2])) v = _mm256_or_si256(v, _mm256_shuffle_epi8(z, Broadcast(M::m[Blk][2])));
+  return v;
+}
 
 // 32 pixels from two halves in 16-bit lanes: a holds pixels 0-7 and 16-23,
 // b pixels 8-15 and 24-31, so the byte packs come out in pixel order. Unit:
@@ -250,16 +272,14 @@ __attribute__((always_inline)) inline void Yuv32(O& o, __m256i ya, __m256i ca, _
     __m256i p1a, p2a, ga, p1b, p2b, gb;
     YuvLanesSwapped<ULow, Unit>(ya, ca, k, p1a, p2a, ga);
     YuvLanesSwapped<ULow, Unit>(yb, cb, k, p1b, p2b, gb);
-    const __m256i p1 = _mm256_packus_epi16(p1a, p1b), p2 = _mm256_packus_epi16(p2a, p2b), g = _mm256_packus_epi16(ga, gb);
+    const __m256i x = _mm256_packus_epi16(p1a, ga), y = _mm256_packus_epi16(p2a, p1b), z = _mm256_packus_epi16(gb, p2b);
     using M = YuvMasks<O::kMirror, ULow>;
+    const __m256i v[3] = {YuvBlock<M, 0>(x, y, z), YuvBlock<M, 1>(x, y, z), YuvBlock<M, 2>(x, y, z)};
     uint8_t* lo = O::kMirror ? o.d - 45 : o.d;  // pixels 0-15
     uint8_t* hi = O::kMirror ? o.d - 93 : o.d + 48;  // pixels 16-31
     for (int blk = 0; blk < 3; ++blk) {
-      const __m256i v = _mm256_or_si256(
-          _mm256_or_si256(_mm256_shuffle_epi8(p1, Broadcast(M::m[blk][0])), _mm256_shuffle_epi8(p2, Broadcast(M::m[blk][1]))),
-          _mm256_shuffle_epi8(g, Broadcast(M::m[blk][2])));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(lo + 16 * blk), _mm256_castsi256_si128(v));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(hi + 16 * blk), _mm256_extracti128_si256(v, 1));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(lo + 16 * blk), _mm256_castsi256_si128(v[blk]));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(hi + 16 * blk), _mm256_extracti128_si256(v[blk], 1));
     }
     o.d += O::kMirror ? -96 : 96;
   } else {
