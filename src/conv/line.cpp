@@ -41,36 +41,32 @@ struct Out {
   }
   void Grey(uint32_t v) { Put(v, v, v); }
 #ifdef __AVX2__
+  // Start of the destination span of N pixels in source order (its lowest
+  // address), stepping past them.
+  template <int N>
+  uint8_t* Span() {
+    uint8_t* q = Mirror ? d - (N - 1) * P : d;
+    d += Mirror ? -N * P : N * P;
+    return q;
+  }
   // 16 pixels from channel planes, in source order.
   void Put16(__m128i b, __m128i g, __m128i r) {
     if constexpr (Mirror) {
-      StorePixels<P>(d - 15 * P, Reverse16(b), Reverse16(g), Reverse16(r));
-      d -= 16 * P;
+      StorePixels<P>(Span<16>(), Reverse16(b), Reverse16(g), Reverse16(r));
     } else {
-      StorePixels<P>(d, b, g, r);
-      d += 16 * P;
+      StorePixels<P>(Span<16>(), b, g, r);
     }
   }
   // 32 pixels from channel planes whose 128-bit halves hold pixels 0-15 and
   // 16-31, in source order.
   void Put32(__m256i b, __m256i g, __m256i r) {
     if constexpr (Mirror) {
-      StorePixels32<P>(d - 31 * P, Reverse32(b), Reverse32(g), Reverse32(r));
-      d -= 32 * P;
+      StorePixels32<P>(Span<32>(), Reverse32(b), Reverse32(g), Reverse32(r));
     } else {
-      StorePixels32<P>(d, b, g, r);
-      d += 32 * P;
+      StorePixels32<P>(Span<32>(), b, g, r);
     }
   }
-  void Grey16(__m128i g) {
-    if constexpr (Mirror) {
-      StoreGrey<P>(d - 15 * P, Reverse16(g));
-      d -= 16 * P;
-    } else {
-      StoreGrey<P>(d, g);
-      d += 16 * P;
-    }
-  }
+  void Grey16(__m128i g) { StoreGrey<P>(Span<16>(), Mirror ? Reverse16(g) : g); }
 #endif
 };
 
