@@ -3,6 +3,7 @@
 // where it does comparable work. Names: <case>/<width>x<height>/t<threads>.
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <string>
@@ -135,9 +136,29 @@ void RegisterAll() {
   }
 }
 
+// --isa=baseline|avx2 caps the converters' instruction set (default: the
+// widest the CPU has), to compare the builds side by side.
+bool TakeIsaFlag(int& argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a.rfind("--isa=", 0) != 0) continue;
+    const std::string v = a.substr(6);
+    if (v != "baseline" && v != "avx2" && v != "avx512") return false;
+    LimitConverters(v == "baseline" ? ConvIsa::kBaseline : v == "avx2" ? ConvIsa::kAvx2 : ConvIsa::kAvx512);
+    for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
+    --argc;
+    --i;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!TakeIsaFlag(argc, argv)) {
+    std::fprintf(stderr, "--isa takes baseline, avx2 or avx512\n");
+    return 1;
+  }
   RegisterAll();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

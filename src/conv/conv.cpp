@@ -1,5 +1,7 @@
 #include "conv/conv.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <new>
 
@@ -67,19 +69,23 @@ const int32_t* CConv::YuvTable() {
 }
 
 namespace {
-std::atomic<bool> g_baselineOnly{false};
+std::atomic<ConvIsa> g_widest{ConvIsa::kAvx512};
 
-bool UseAvx2() {
+ConvIsa CpuIsa() {
 #ifdef KIVCONV_HAVE_AVX2
-  static const bool supported = __builtin_cpu_supports("avx2");
-  return supported && !g_baselineOnly.load(std::memory_order_relaxed);
+  static const ConvIsa isa = !__builtin_cpu_supports("avx2") ? ConvIsa::kBaseline
+                             : __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                                     __builtin_cpu_supports("avx512vbmi")
+                                 ? ConvIsa::kAvx512
+                                 : ConvIsa::kAvx2;
+  return isa;
 #else
-  return false;
+  return ConvIsa::kBaseline;
 #endif
 }
 }  // namespace
 
-void UseBaselineConverters(bool on) { g_baselineOnly.store(on); }
+void LimitConverters(ConvIsa widest) { g_widest.store(widest); }
 
 int TeamSize(const ConvParams& p) {
   if (!p.parallel) return 1;
@@ -108,7 +114,9 @@ int CConv::Convert(const ConvReq& r) {
     if (p.table[1028]) p.tableMul = p.table + 1024;
   }
   const bool out24 = output_ == 1;
-  const bool avx2 = UseAvx2();
+  const ConvIsa isa = std::min(CpuIsa(), g_widest.load(std::memory_order_relaxed));
+  const bool avx2 = isa >= ConvIsa::kAvx2;
+  p.avx512 = isa == ConvIsa::kAvx512;
   if (IsBayerKind(k)) {
     avx2 ? avx2::BayerConvert(p, r, out24) : base::BayerConvert(p, r, out24);
   } else {

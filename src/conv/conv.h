@@ -45,6 +45,7 @@ struct ConvParams {
   // with the sign of i - 128, or null when no such multipliers exist; lets
   // vector code compute entries instead of gathering them.
   const int32_t* tableMul;
+  bool avx512;  // the AVX2 converters may use the AVX-512 loops
 };
 
 constexpr ConvMode kDefaultHandleMode{0, 0, 0, 0, 0};
@@ -55,9 +56,11 @@ constexpr YuvCoef kDefaultYuvCoef{{1.402, 0.711, 0.343, 1.772}};
 // for camera engines also -1 (automatic).
 bool IsValidConvMode(const ConvMode& mode, bool cameraEngine);
 
-// Runs the baseline converters even where the AVX2 ones could run; for tests
-// and benchmarks that compare both. Both give the same bytes.
-void UseBaselineConverters(bool on);
+// The widest instruction set the converters may use, for tests and
+// benchmarks that compare them; every set gives the same bytes. The
+// converters still use no more than the CPU has.
+enum class ConvIsa { kBaseline, kAvx2, kAvx512 };
+void LimitConverters(ConvIsa widest);
 
 class CConv : public CBaseConv {
  public:

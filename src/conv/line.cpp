@@ -474,9 +474,21 @@ inline uint32_t Rgb10p32Runs(const uint8_t*& s, uint8_t*& d, uint32_t x, uint32_
 
 #endif
 
+#ifdef __AVX2__
+// Hands the row's leading 64-pixel steps to the AVX-512 loops; returns the
+// pixels done, with the cursor moved past them.
+template <class O>
+uint32_t WideYuv24(uint32_t kind, const uint8_t* s, O& o, uint32_t w, const int32_t* mul) {
+  const uint32_t n = avx512::Yuv24Pixels(kind, O::kMirror, s, o.d, w, mul);
+  o.d += O::kMirror ? -3 * int64_t{n} : 3 * int64_t{n};
+  return n;
+}
+#endif
+
 struct Yuv {
   const int32_t* t;
   const int32_t* mul;
+  bool wide;  // 24-bit rows may go to the AVX-512 loops (with mul)
   template <class O>
   void Put(O& o, int y, int u, int v) const {
     o.Put(Clamp(y + t[768 + u]), Clamp(y - (t[256 + v] + t[512 + u])), Clamp(y + t[v]));
@@ -489,10 +501,15 @@ struct Yuv {
 template <int Y0, int Y1, int U, int V>
 struct PairRow {
   Yuv yuv;
+  uint32_t kind;
   template <class O>
   void operator()(const uint8_t* s, O& o, uint32_t w) const {
     uint32_t x = 0;
 #ifdef __AVX2__
+    if (O::kPixel == 3 && yuv.wide && yuv.mul) {
+      x = WideYuv24(kind, s, o, w, yuv.mul);
+      s += 2 * x;
+    }
     if (yuv.mul) {
       const YuvK32<(U < V)> k32(yuv.mul);
       if (k32.unit) {
@@ -561,7 +578,7 @@ void Kinds16(const ConvParams& p, const ConvReq& r) {
 
 template <int P, bool Mirror>
 void Kinds(const ConvParams& p, const ConvReq& r) {
-  const Yuv yuv{p.table, p.tableMul};
+  const Yuv yuv{p.table, p.tableMul, p.avx512};
   switch (r.kind) {
     case KIND_MONO8:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
@@ -674,16 +691,20 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
     // Pair kinds: an odd last pixel borrows the missing chroma byte from the
     // previous pair (width 1 is refused by the dispatcher).
     case KIND_YUV422_UYVY:
-      return RunRows<P, Mirror>(p, r, PairRow<1, 3, 0, 2>{yuv});
+      return RunRows<P, Mirror>(p, r, PairRow<1, 3, 0, 2>{yuv, KIND_YUV422_UYVY});
     case KIND_YUV422_YUYV:
-      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 1, 3>{yuv});
+      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 1, 3>{yuv, KIND_YUV422_YUYV});
     case KIND_YCBCR422:
-      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 3, 1>{yuv});
+      return RunRows<P, Mirror>(p, r, PairRow<0, 2, 3, 1>{yuv, KIND_YCBCR422});
     case KIND_YUV411:
       // Groups of 4 pixels in 6 bytes: U Y0 Y1 V Y2 Y3.
       return RunRows<P, Mirror>(p, r, [yuv](const uint8_t* s, auto& o, uint32_t w) {
         uint32_t x = 0;
 #ifdef __AVX2__
+        if (o.kPixel == 3 && yuv.wide && yuv.mul) {
+          x = WideYuv24(KIND_YUV411, s, o, w, yuv.mul);
+          s += 3 * x / 2;
+        }
         if (yuv.mul) {
           const YuvK32<true> k32(yuv.mul);
           if (k32.unit) {

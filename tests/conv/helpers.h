@@ -67,15 +67,15 @@ inline int ConvertInto(Dst& d, const void* src, uint32_t kind, uint32_t phase, c
   return conv.Convert(r);
 }
 
-// Runs a check once with the converters chosen for this machine and once with
-// the baseline ones.
+// Runs a check once with each instruction set the converters may use (those
+// this machine lacks fall back to the widest it has).
 template <class F>
 void ForEachConverterSet(F check) {
-  for (bool baseline : {false, true}) {
-    UseBaselineConverters(baseline);
+  for (ConvIsa isa : {ConvIsa::kAvx512, ConvIsa::kAvx2, ConvIsa::kBaseline}) {
+    LimitConverters(isa);
     check();
   }
-  UseBaselineConverters(false);
+  LimitConverters(ConvIsa::kAvx512);
 }
 
 inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {

@@ -111,28 +111,33 @@ TEST(Line, GeometryCanariesAndParallelForEveryKind) {
 }
 
 // The vectorised loops must give the baseline bytes, for every kind, with
-// widths that leave scalar tails of every length, and for YUV coefficients
-// whose table entries are computed, gathered, or beyond 16 bits.
+// widths that leave scalar tails of every length after 64-, 32- and 16-pixel
+// steps, and for YUV coefficients whose table entries are computed (with and
+// without unit high halves), gathered, or beyond 16 bits.
 TEST(Line, VectorPathsMatchBaseline) {
   const YuvCoef coefs[] = {kDefaultYuvCoef, {{2.0, 0, 0, 0}}, {{-1.5, 0.3, 3.9, 7.5}}, {{300, 250, 260, 280}}};
   for (uint32_t kind : kLineKinds) {
-    for (uint32_t w = 16; w <= 50; w += 17) {
+    for (uint32_t w : {16u, 33u, 50u, 64u, 127u, 185u}) {
       const auto src = RandomBytes(SourceRowBytes(kind, w) * 2, kind + w);
       for (uint32_t geo = 0; geo < 4; ++geo) {
         for (uint32_t out : {0u, 1u}) {
           for (const YuvCoef& coef : coefs) {
-            Dst fast(w, 2, out), base(w, 2, out);
-            ASSERT_EQ(kConvOk, ConvertInto(fast, src.data(), kind, 0, Mode(geo, out, 3), 0, 1, coef));
-            UseBaselineConverters(true);
+            Dst base(w, 2, out);
+            LimitConverters(ConvIsa::kBaseline);
             ASSERT_EQ(kConvOk, ConvertInto(base, src.data(), kind, 0, Mode(geo, out, 3), 0, 1, coef));
-            UseBaselineConverters(false);
-            ASSERT_EQ(0, std::memcmp(fast.buf.get(), base.buf.get(), fast.stride * 2))
-                << kind << " w " << w << " coef " << coef.coef[0];
+            for (ConvIsa isa : {ConvIsa::kAvx2, ConvIsa::kAvx512}) {
+              Dst fast(w, 2, out);
+              LimitConverters(isa);
+              ASSERT_EQ(kConvOk, ConvertInto(fast, src.data(), kind, 0, Mode(geo, out, 3), 0, 1, coef));
+              ASSERT_EQ(0, std::memcmp(fast.buf.get(), base.buf.get(), fast.stride * 2))
+                  << kind << " w " << w << " geo " << geo << " coef " << coef.coef[0] << " isa " << int(isa);
+            }
           }
         }
       }
     }
   }
+  LimitConverters(ConvIsa::kAvx512);
 }
 
 TEST(Line, KindsWithoutConverterWriteNothing) {
