@@ -7,10 +7,9 @@
 // alone. Interior rows are therefore computed straight from the three source
 // rows around them (mirroring and flipping only change which source byte is
 // read), with no row depending on another: rows split freely over threads,
-// and nothing but the destination is written. The border pass then reads the
-// samples stored in the destination; smoothing runs last, serially or as a
-// wavefront, because each site reads neighbours already smoothed above and to
-// the left.
+// and nothing but the destination is written. Border pixels are computed the
+// same way, with each row; smoothing runs last, serially or as a wavefront,
+// because each site reads neighbours already smoothed above and to the left.
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -271,19 +270,18 @@ void InteriorRow(const Image& im, const A& a, uint32_t y) {
 }
 
 // Pass 4 for one border pixel: the interior rules with only the neighbours
-// that exist. O(width + height), so clarity over speed here.
-template <int P>
-void BorderPixel(const Image& im, uint32_t x, uint32_t y) {
+// that exist, its neighbours' samples read from the source like the
+// interior's, so that a row's border pixels need nothing from other rows'
+// work. O(width + height), so clarity over speed here.
+template <int P, class A>
+void BorderPixel(const Image& im, const A& a, uint32_t x, uint32_t y) {
   const uint32_t w = im.w, h = im.h;
-  auto px = [&](uint32_t xx, uint32_t yy) { return im.dst + yy * im.stride + ptrdiff_t(xx) * P; };
-  auto own = [&](uint32_t xx, uint32_t yy) -> uint32_t {
-    return px(xx, yy)[kPattern[im.outPhase][yy & 1][xx & 1]];
-  };
+  auto own = [&](uint32_t xx, uint32_t yy) -> uint32_t { return a(im.SrcRow(yy), xx); };
   // Average of the values that exist: one is copied, two or four averaged.
   auto avg = [](uint32_t sum, int n) -> uint8_t {
     return static_cast<uint8_t>(n == 4 ? sum >> 2 : n == 2 ? sum >> 1 : sum);
   };
-  uint8_t* p = px(x, y);
+  uint8_t* p = im.dst + y * im.stride + ptrdiff_t(x) * P;
   const uint8_t c = kPattern[im.outPhase][y & 1][x & 1];
   const bool left = x > 0, right = x + 1 < w, up = y > 0, down = y + 1 < h;
   if (c != CG) {
@@ -319,22 +317,10 @@ void BorderPixel(const Image& im, uint32_t x, uint32_t y) {
   p[hc] = avg(hs, hn);
   p[vc] = avg(vs, vn);
   // Phase GR with an odd width: the last column's G sites in rows 2, 4, ...
-  // take R from the B site above them, whose R is already interpolated.
+  // take R from the B site above them, whose R is the mean of its two
+  // diagonal samples on the left.
   if (im.outPhase == PHASE_GR && (w & 1) && x == w - 1 && y % 2 == 0 && y >= 2 && y + 2 <= h) {
-    p[CR] = px(x, y - 1)[CR];
-  }
-}
-
-template <int P>
-void Borders(const Image& im) {
-  for (uint32_t x = 0; x < im.w; ++x) {
-    BorderPixel<P>(im, x, 0);
-    BorderPixel<P>(im, x, im.h - 1);
-  }
-  // Top to bottom: the GR exception reads the pixel above.
-  for (uint32_t y = 1; y + 1 < im.h; ++y) {
-    BorderPixel<P>(im, 0, y);
-    BorderPixel<P>(im, im.w - 1, y);
+    p[CR] = avg(own(x - 1, y - 2) + own(x - 1, y), 2);
   }
 }
 
@@ -406,11 +392,15 @@ void SmoothWavefront(const Image& im, int team) {
 
 template <int P, class A>
 void Run(const ConvParams& p, const Image& im, const A& a) {
+  // A row and its border pixels: top and bottom rows are all border.
   auto row = [&](uint32_t y) {
     if (y == 0 || y + 1 == im.h) {
       OwnRow<P>(im, a, y);
+      for (uint32_t x = 0; x < im.w; ++x) BorderPixel<P>(im, a, x, y);
     } else {
       InteriorRow<P>(im, a, y);
+      BorderPixel<P>(im, a, 0, y);
+      BorderPixel<P>(im, a, im.w - 1, y);
     }
   };
   const int team = TeamSize(p);
@@ -421,8 +411,6 @@ void Run(const ConvParams& p, const Image& im, const A& a) {
   } else {
     for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
   }
-  // Both read only samples and border values, which no other step changes.
-  Borders<P>(im);
   if (p.smoothing) {
     if (team > 1) {
       SmoothWavefront<P>(im, team);
