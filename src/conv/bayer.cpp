@@ -102,6 +102,7 @@ struct Image {
   uint32_t w, h;
   uint32_t outPhase;
   uint32_t geometry;
+  bool stream;  // 24-bit interior rows with non-temporal stores
   // Source row that lands at output row y.
   const uint8_t* SrcRow(uint32_t y) const { return src + ((geometry & 2) ? h - 1 - y : y) * srcRow; }
 };
@@ -195,7 +196,7 @@ struct VecReadPacked {
   }
 };
 
-template <int P, Site S1, Site S2, class L>
+template <int P, Site S1, Site S2, bool Stream, class L>
 inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uint8_t* sd, uint32_t x, const L& ld) {
   const __m256i c = ld(sc, x);
   const __m256i hz = _mm256_add_epi16(ld(sc, x - 1), ld(sc, x + 1));
@@ -211,10 +212,33 @@ inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uin
   constexpr bool rRow = S1 == SR || S1 == SGR;
   const __m128i o = Pack16(own), g = Pack16(green), t = Pack16(other);
   if constexpr (rRow) {
-    StorePixels<P>(d, t, g, o);
+    StorePixels<P, Stream>(d, t, g, o);
   } else {
-    StorePixels<P>(d, o, g, t);
+    StorePixels<P, Stream>(d, o, g, t);
   }
+}
+
+// The vector part of an interior row from pixel x (odd) on; returns where
+// it stopped. Streaming: single pixels up to a 16-byte boundary first, then
+// non-temporal stores, the lane parity following x.
+template <int P, Site S1, Site S2, class A, class L>
+uint32_t VectorPixels(const Image& im, const A& a, uint8_t*& d, const uint8_t* su, const uint8_t* sc,
+                      const uint8_t* sd, uint32_t x, const L& ld) {
+  if constexpr (P == 3) {
+    if (im.stream) {
+      for (; x + 17 <= im.w && (reinterpret_cast<uintptr_t>(d) & 15) != 0; ++x, d += P) {
+        (x & 1) ? Pixel<P, S1>(d, a, su, sc, sd, x) : Pixel<P, S2>(d, a, su, sc, sd, x);
+      }
+      if (x & 1) {
+        for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2, true>(d, su, sc, sd, x, ld);
+      } else {
+        for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S2, S1, true>(d, su, sc, sd, x, ld);
+      }
+      return x;
+    }
+  }
+  for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2, false>(d, su, sc, sd, x, ld);
+  return x;
 }
 #endif
 
@@ -227,22 +251,24 @@ void InteriorRowT(const Image& im, const A& a, uint32_t y) {
   uint32_t x = 1;
 #ifdef __AVX2__
   if constexpr (std::is_same_v<A, Acc<Read8, false>>) {
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecRead8{});
+    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecRead8{});
   } else if constexpr (std::is_same_v<A, Acc<Read16<true>, false>> || std::is_same_v<A, Acc<Read16<false>, false>>) {
     const VecRead16<std::is_same_v<A, Acc<Read16<true>, false>>> ld{_mm_cvtsi32_si128(int(a.rd.shift))};
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, ld);
   } else if constexpr (std::is_same_v<A, Acc<ReadPacked, false>>) {
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecReadPacked{});
+    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecReadPacked{});
   } else if constexpr (std::is_same_v<A, Acc<Read8, true>>) {
-    const VecMirror<VecRead8> ld{{}, im.w - 1};
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecMirror<VecRead8>{{}, im.w - 1});
   } else if constexpr (std::is_same_v<A, Acc<Read16<true>, true>> || std::is_same_v<A, Acc<Read16<false>, true>>) {
     using V = VecRead16<std::is_same_v<A, Acc<Read16<true>, true>>>;
-    const VecMirror<V> ld{V{_mm_cvtsi32_si128(int(a.rd.shift))}, im.w - 1};
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecMirror<V>{V{_mm_cvtsi32_si128(int(a.rd.shift))}, im.w - 1});
   } else if constexpr (std::is_same_v<A, Acc<ReadPacked, true>>) {
-    const VecMirror<VecReadPacked> ld{{}, im.w - 1};
-    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
+    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecMirror<VecReadPacked>{{}, im.w - 1});
+  }
+  if (x % 2 == 0 && x + 1 < im.w) {  // a streamed run may stop on an S2 site
+    Pixel<P, S2>(d, a, su, sc, sd, x);
+    ++x;
+    d += P;
   }
 #endif
   for (; x + 2 < im.w; x += 2, d += 2 * P) {
@@ -406,10 +432,15 @@ void Run(const ConvParams& p, const Image& im, const A& a) {
   const int team = TeamSize(p);
   const int64_t h = im.h;
   if (team > 1) {
-#pragma omp parallel for schedule(static) num_threads(team)
-    for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
+#pragma omp parallel num_threads(team)
+    {
+#pragma omp for schedule(static) nowait
+      for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
+      StreamFence();
+    }
   } else {
     for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
+    StreamFence();
   }
   if (p.smoothing) {
     if (team > 1) {
@@ -436,6 +467,7 @@ void Dispatch(const ConvParams& p, const ConvReq& r) {
   im.h = r.height;
   im.geometry = p.geometry & 3;
   im.outPhase = OutputPhase(r.phase & 3, im.geometry, im.w, im.h);
+  im.stream = P == 3 && uint64_t(im.stride) * im.h >= p.streamFrom;
   const uint32_t shift = p.shift & 31;
   switch (r.kind) {
     case KIND_BAYER8:

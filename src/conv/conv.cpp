@@ -6,6 +6,7 @@
 #include <new>
 
 #include <omp.h>
+#include <unistd.h>
 
 #include "conv/converters.h"
 #include "conv/pixel_format.h"
@@ -87,6 +88,20 @@ ConvIsa CpuIsa() {
 
 void LimitConverters(ConvIsa widest) { g_widest.store(widest); }
 
+namespace {
+std::atomic<uint64_t> g_streamFrom{0};
+
+uint64_t DefaultStreamThreshold() {
+  static const uint64_t bytes = [] {
+    const long l3 = sysconf(_SC_LEVEL3_CACHE_SIZE);
+    return l3 > 0 ? uint64_t(l3) / 2 : uint64_t{16} << 20;
+  }();
+  return bytes;
+}
+}  // namespace
+
+void SetStreamThreshold(uint64_t bytes) { g_streamFrom.store(bytes); }
+
 int TeamSize(const ConvParams& p) {
   if (!p.parallel) return 1;
   return p.threads > 0 ? p.threads : omp_get_max_threads();
@@ -117,6 +132,8 @@ int CConv::Convert(const ConvReq& r) {
   const ConvIsa isa = std::min(CpuIsa(), g_widest.load(std::memory_order_relaxed));
   const bool avx2 = isa >= ConvIsa::kAvx2;
   p.avx512 = isa == ConvIsa::kAvx512;
+  const uint64_t streamFrom = g_streamFrom.load(std::memory_order_relaxed);
+  p.streamFrom = streamFrom ? streamFrom : DefaultStreamThreshold();
   if (IsBayerKind(k)) {
     avx2 ? avx2::BayerConvert(p, r, out24) : base::BayerConvert(p, r, out24);
   } else {
