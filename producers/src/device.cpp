@@ -241,6 +241,12 @@ uint32_t VirtualDevice::PacketPayload(const SharedCamera& sc) const {
   return packet > header ? packet - header : 1;
 }
 
+std::string VirtualDevice::UserName(const SharedCamera& sc) const {
+  const uint32_t at = t_ == Transport::GigE ? 0xE8 : 0x184, len = t_ == Transport::GigE ? 16 : 64;
+  const char* p = reinterpret_cast<const char*>(sc.regs + at);
+  return std::string(p, strnlen(p, len));
+}
+
 bool VirtualDevice::Writable(uint32_t a, size_t len) const {
   struct Range { uint32_t lo, hi; };
   static const Range gige[] = {{0x00E8, 0x00F8}, {0x0938, 0x093C}, {0x0954, 0x0958}, {0x0960, 0x0964},

@@ -63,6 +63,10 @@ class VirtualDevice {
   std::string FileName(size_t i) const;
   const std::string& xml() const { return xml_; }
 
+  // The user-defined name as the device holds it now (a host may rewrite
+  // it through the port); the caller holds the shared lock.
+  std::string UserName(const SharedCamera& sc) const;
+
   // Packet payload bytes of a GigE stream packet with the current settings.
   uint32_t PacketPayload(const SharedCamera& sc) const;
 

@@ -241,7 +241,15 @@ GC_ERROR DeviceInfo(uint32_t cam, DEVICE_INFO_CMD cmd, INFO_DATATYPE* t, void* b
       }
       return PutValue<int32_t>(INFO_DATATYPE_INT32, status, t, b, n);
     }
-    case DEVICE_INFO_USER_DEFINED_NAME: return PutString(c.user_name, t, b, n);
+    case DEVICE_INFO_USER_DEFINED_NAME:
+    case 1009: {
+      std::string name;
+      {
+        SharedLock l(g_prod->st());
+        name = vd.UserName(sc);
+      }
+      return PutString(name, t, b, n);
+    }
     case DEVICE_INFO_SERIAL_NUMBER: return PutString(c.serial, t, b, n);
     case DEVICE_INFO_VERSION: return PutString(c.version, t, b, n);
     case DEVICE_INFO_TIMESTAMP_FREQUENCY: return PutValue<uint64_t>(INFO_DATATYPE_UINT64, 1000000000ULL, t, b, n);
@@ -264,7 +272,6 @@ GC_ERROR DeviceInfo(uint32_t cam, DEVICE_INFO_CMD cmd, INFO_DATATYPE* t, void* b
     case 1006: return PutString(c.version, t, b, n);
     case 1007: return PutString(c.info, t, b, n);
     case 1008: return PutString(c.serial, t, b, n);
-    case 1009: return PutString(c.user_name, t, b, n);
     case 1010: return PutString(c.family, t, b, n);
     case 1011: return PutValue<uint64_t>(INFO_DATATYPE_UINT64, c.uid, t, b, n);
     default: return SetError(GC_ERR_NOT_IMPLEMENTED, "Unknown device information command");
