@@ -8,12 +8,10 @@
 // rows around them (mirroring and flipping only change which source byte is
 // read), with no row depending on another: rows split freely over threads,
 // and nothing but the destination is written. Border pixels are computed the
-// same way, with each row; smoothing runs last, serially or as a wavefront,
-// because each site reads neighbours already smoothed above and to the left.
-#include <atomic>
+// same way, with each row; smoothing runs last and serially, because each
+// site reads neighbours already smoothed above and to the left.
 #include <cstddef>
 #include <cstdint>
-#include <thread>
 #include <type_traits>
 
 #include <omp.h>
@@ -385,37 +383,6 @@ void Smooth(const Image& im) {
   for (uint32_t k = 0; k < SmoothBlockRows(im); ++k) SmoothRange<P>(im, k, 0, SmoothBlocks(im));
 }
 
-// The same order as a wavefront: block rows go round the team, and a block
-// row does blocks [j0, j1) once the row above has finished block j1 (so
-// everything it reads above is smoothed) and, by the same wait, no longer
-// reads the row this one changes. Progress words hold (row + 1) << 32 |
-// blocks done; a ring of team + 1 of them suffices because a row only starts
-// after the row team + 1 above it has finished and nobody still reads it.
-template <int P>
-void SmoothWavefront(const Image& im, int team) {
-  constexpr int kMaxTeam = 64;
-  const uint32_t rows = SmoothBlockRows(im), nb = SmoothBlocks(im);
-  if (team > kMaxTeam || rows < 2) return Smooth<P>(im);
-  std::atomic<uint64_t> progress[kMaxTeam + 1];
-  for (auto& v : progress) v.store(0, std::memory_order_relaxed);
-  constexpr uint32_t kChunk = 16;  // blocks between progress reports
-#pragma omp parallel num_threads(team)
-  {
-    const uint32_t n = static_cast<uint32_t>(omp_get_num_threads()), ring = n + 1;
-    for (uint32_t k = static_cast<uint32_t>(omp_get_thread_num()); k < rows; k += n) {
-      for (uint32_t j0 = 0; j0 < nb; j0 += kChunk) {
-        const uint32_t j1 = j0 + kChunk < nb ? j0 + kChunk : nb;
-        if (k > 0) {
-          const uint64_t need = uint64_t{k} << 32 | (j1 + 1 < nb ? j1 + 1 : nb);
-          while (progress[(k - 1) % ring].load(std::memory_order_acquire) < need) std::this_thread::yield();
-        }
-        SmoothRange<P>(im, k, j0, j1);
-        progress[k % ring].store(uint64_t{k + 1} << 32 | j1, std::memory_order_release);
-      }
-    }
-  }
-}
-
 template <int P, class A>
 void Run(const ConvParams& p, const Image& im, const A& a) {
   // A row and its border pixels: top and bottom rows are all border.
@@ -442,13 +409,10 @@ void Run(const ConvParams& p, const Image& im, const A& a) {
     for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
     StreamFence();
   }
-  if (p.smoothing) {
-    if (team > 1) {
-      SmoothWavefront<P>(im, team);
-    } else {
-      Smooth<P>(im);
-    }
-  }
+  // Serial even on a team: an exact parallel order (a wavefront over block
+  // rows) hands work between threads every few blocks, gained little on
+  // two cores and ran many times slower whenever a thread was preempted.
+  if (p.smoothing) Smooth<P>(im);
 }
 
 template <int P, bool Mirror, class Reader>

@@ -15,8 +15,7 @@
 //   the buffer held, so that byte keeps its contents.
 // - Parallel conversions give exactly the serial bytes. Green smoothing works
 //   in place and every site reads neighbours already smoothed above and to
-//   the left, so on a team it runs as a wavefront: block rows go round the
-//   threads, each following the row above at a distance of two blocks.
+//   the left, so it runs on one thread after the parallel part.
 #pragma once
 
 #include <atomic>

@@ -295,21 +295,6 @@ TEST(Bayer, ParallelEqualsSerial) {
   SetStreamThreshold(0);
 }
 
-// Green smoothing on two threads runs as a wavefront over block rows; it must
-// give the serial bytes however the threads happen to interleave.
-TEST(Bayer, ParallelSmoothingMatchesSerialOnLargerImages) {
-  for (auto [w, h] : {std::pair<uint32_t, uint32_t>{301, 121}, {640, 64}}) {
-    const auto m = RandomBytes(size_t{w} * h, w);
-    Dst serial(w, h, 1);
-    ASSERT_EQ(kConvOk, ConvertInto(serial, m.data(), KIND_BAYER8, PHASE_GB, Mode(0, 1, 0, true), 1));
-    for (int round = 0; round < 10; ++round) {
-      Dst par(w, h, 1);
-      ASSERT_EQ(kConvOk, ConvertInto(par, m.data(), KIND_BAYER8, PHASE_GB, Mode(0, 1, 0, true, true), 2));
-      ASSERT_EQ(0, std::memcmp(serial.buf.get(), par.buf.get(), serial.stride * h)) << w << " round " << round;
-    }
-  }
-}
-
 // Random sizes and settings with buffers of exactly the image's size, so that
 // the sanitizer builds catch any read or write outside them. Bayer results
 // are checked against the model, line kinds for their untouched bytes.
