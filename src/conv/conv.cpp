@@ -102,6 +102,14 @@ uint64_t DefaultStreamThreshold() {
 
 void SetStreamThreshold(uint64_t bytes) { g_streamFrom.store(bytes); }
 
+PairMul PairMultipliers(const int32_t* mul, bool uLow) {
+  auto two = [](int32_t first, int32_t second) { return (uint32_t(second) & 0xFFFF) << 16 | (uint32_t(first) & 0xFFFF); };
+  const int br0 = uLow ? 3 : 0, br1 = uLow ? 0 : 3, g0 = uLow ? 2 : 1, g1 = uLow ? 1 : 2;
+  return {two(mul[br0] >> 16, mul[br1] >> 16), two(mul[br0] & 0xFFFF, mul[br1] & 0xFFFF),
+          two(mul[g0] >> 16, mul[g1] >> 16), two(mul[g0] & 0xFFFF, mul[g1] & 0xFFFF),
+          mul[0] >> 16 == 1 && mul[3] >> 16 == 1 && mul[1] >> 16 == 0 && mul[2] >> 16 == 0};
+}
+
 int TeamSize(const ConvParams& p) {
   if (!p.parallel) return 1;
   return p.threads > 0 ? p.threads : omp_get_max_threads();

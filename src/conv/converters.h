@@ -27,6 +27,18 @@ namespace avx512 {
 uint32_t Yuv24Pixels(uint32_t kind, bool mirror, const uint8_t* s, uint8_t* d, uint32_t w, const int32_t* mul);
 }  // namespace avx512
 
+// Computed-entry multipliers for 16-bit lanes that hold each pixel pair's
+// two chroma bytes side by side (the U byte first when uLow), as 32-bit
+// words of two 16-bit halves: BR gives the B entry on U lanes and the R
+// entry on V lanes, G the two G parts; h the multipliers' high halves, l
+// the low. unit: the high halves are 1 (B, R) and 0 (G), as for the default
+// coefficients, so the vector loops can skip the low multiplies.
+struct PairMul {
+  uint32_t hBR, lBR, hG, lG;
+  bool unit;
+};
+PairMul PairMultipliers(const int32_t* mul, bool uLow);
+
 // Team size for a parallel conversion (1 when not parallel).
 int TeamSize(const ConvParams& p);
 

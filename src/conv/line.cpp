@@ -142,25 +142,19 @@ inline __m256i Load2(const uint8_t* lo, const uint8_t* hi) {
   return _mm256_inserti128_si256(_mm256_castsi128_si256(Load(lo)), Load(hi), 1);
 }
 
-// Computed-entry multipliers for 16-bit lanes that hold each pixel pair's
-// two chroma bytes side by side (the U byte first when ULow): one vector
-// gives the B entry on U lanes and the R entry on V lanes, the other the two
-// G entries. Only for tables with multipliers.
+// PairMultipliers in 256-bit vectors. Only for tables with multipliers.
 template <bool ULow>
 struct YuvK32 {
   __m256i hBR, lBR, hG, lG;
-  explicit YuvK32(const int32_t* mul) {
-    auto two = [](int32_t first, int32_t second) {
-      return _mm256_set1_epi32(static_cast<int32_t>((uint32_t(second) & 0xFFFF) << 16 | (uint32_t(first) & 0xFFFF)));
-    };
-    const int br0 = ULow ? 3 : 0, br1 = ULow ? 0 : 3, g0 = ULow ? 2 : 1, g1 = ULow ? 1 : 2;
-    hBR = two(mul[br0] >> 16, mul[br1] >> 16);
-    lBR = two(mul[br0] & 0xFFFF, mul[br1] & 0xFFFF);
-    hG = two(mul[g0] >> 16, mul[g1] >> 16);
-    lG = two(mul[g0] & 0xFFFF, mul[g1] & 0xFFFF);
-    unit = mul[0] >> 16 == 1 && mul[3] >> 16 == 1 && mul[1] >> 16 == 0 && mul[2] >> 16 == 0;
-  }
   bool unit;
+  explicit YuvK32(const int32_t* mul) {
+    const PairMul m = PairMultipliers(mul, ULow);
+    hBR = _mm256_set1_epi32(int32_t(m.hBR));
+    lBR = _mm256_set1_epi32(int32_t(m.lBR));
+    hG = _mm256_set1_epi32(int32_t(m.hG));
+    lG = _mm256_set1_epi32(int32_t(m.lG));
+    unit = m.unit;
+  }
 };
 
 // YUV rule on 16 pixels in 16-bit lanes: y their Y, c the chroma bytes of

@@ -103,22 +103,17 @@ constexpr Idx64 Yuv411Idx(int h, bool chroma) {
 constexpr Idx64 kYuv411Idx[2][2] = {{Yuv411Idx(0, false), Yuv411Idx(0, true)}, {Yuv411Idx(1, false), Yuv411Idx(1, true)}};
 constexpr __mmask64 kLowBytes = 0x5555555555555555ull;
 
-// The table's multipliers split for 16-bit lanes that hold a pair's chroma
-// bytes side by side (U first when ULow): BR gives the B entry on U lanes
-// and the R entry on V lanes, G the G parts.
+// PairMultipliers in 512-bit vectors.
 struct Mul {
   __m512i hBR, lBR, hG, lG;
-  bool unit;  // high halves 1 (B, R) and 0 (G): the low multiplies drop out
+  bool unit;
   Mul(const int32_t* mul, bool uLow) {
-    auto two = [](int32_t first, int32_t second) {
-      return _mm512_set1_epi32(static_cast<int32_t>((uint32_t(second) & 0xFFFF) << 16 | (uint32_t(first) & 0xFFFF)));
-    };
-    const int br0 = uLow ? 3 : 0, br1 = uLow ? 0 : 3, g0 = uLow ? 2 : 1, g1 = uLow ? 1 : 2;
-    hBR = two(mul[br0] >> 16, mul[br1] >> 16);
-    lBR = two(mul[br0] & 0xFFFF, mul[br1] & 0xFFFF);
-    hG = two(mul[g0] >> 16, mul[g1] >> 16);
-    lG = two(mul[g0] & 0xFFFF, mul[g1] & 0xFFFF);
-    unit = mul[0] >> 16 == 1 && mul[3] >> 16 == 1 && mul[1] >> 16 == 0 && mul[2] >> 16 == 0;
+    const PairMul m = PairMultipliers(mul, uLow);
+    hBR = _mm512_set1_epi32(int32_t(m.hBR));
+    lBR = _mm512_set1_epi32(int32_t(m.lBR));
+    hG = _mm512_set1_epi32(int32_t(m.hG));
+    lG = _mm512_set1_epi32(int32_t(m.lG));
+    unit = m.unit;
   }
 };
 
