@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
-#include <string>
 #include <new>
 
 #include <omp.h>
@@ -94,34 +91,11 @@ void LimitConverters(ConvIsa widest) { g_widest.store(widest); }
 namespace {
 std::atomic<uint64_t> g_streamFrom{0};
 
-// Size of one last-level cache as the kernel describes it for CPU 0 (what a
-// core can use; sysconf may report the sum over all caches of the package).
-uint64_t LastLevelCacheBytes() {
-  uint64_t best = 0;
-  int bestLevel = 0;
-  for (int i = 0; i < 16; ++i) {
-    const std::string dir = "/sys/devices/system/cpu/cpu0/cache/index" + std::to_string(i) + "/";
-    std::ifstream level(dir + "level"), type(dir + "type"), size(dir + "size");
-    int lv = 0;
-    std::string ty, sz;
-    if (!(level >> lv) || !(type >> ty) || !(size >> sz)) break;
-    if (ty == "Instruction" || lv < bestLevel) continue;
-    char* end = nullptr;
-    uint64_t bytes = std::strtoull(sz.c_str(), &end, 10);
-    if (*end == 'K') bytes <<= 10;
-    if (*end == 'M') bytes <<= 20;
-    best = bytes;
-    bestLevel = lv;
-  }
-  if (best == 0) {
-    const long l3 = sysconf(_SC_LEVEL3_CACHE_SIZE);
-    best = l3 > 0 ? uint64_t(l3) : uint64_t{32} << 20;
-  }
-  return best;
-}
-
 uint64_t DefaultStreamThreshold() {
-  static const uint64_t bytes = LastLevelCacheBytes() / 2;
+  static const uint64_t bytes = [] {
+    const long l3 = sysconf(_SC_LEVEL3_CACHE_SIZE);
+    return l3 > 0 ? uint64_t(l3) / 2 : uint64_t{16} << 20;
+  }();
   return bytes;
 }
 }  // namespace
