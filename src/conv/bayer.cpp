@@ -100,7 +100,6 @@ struct Image {
   uint32_t w, h;
   uint32_t outPhase;
   uint32_t geometry;
-  bool stream;  // 24-bit interior rows with non-temporal stores
   // Source row that lands at output row y.
   const uint8_t* SrcRow(uint32_t y) const { return src + ((geometry & 2) ? h - 1 - y : y) * srcRow; }
 };
@@ -194,7 +193,7 @@ struct VecReadPacked {
   }
 };
 
-template <int P, Site S1, Site S2, bool Stream, class L>
+template <int P, Site S1, Site S2, class L>
 inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uint8_t* sd, uint32_t x, const L& ld) {
   const __m256i c = ld(sc, x);
   const __m256i hz = _mm256_add_epi16(ld(sc, x - 1), ld(sc, x + 1));
@@ -210,33 +209,10 @@ inline void Pixels16(uint8_t* d, const uint8_t* su, const uint8_t* sc, const uin
   constexpr bool rRow = S1 == SR || S1 == SGR;
   const __m128i o = Pack16(own), g = Pack16(green), t = Pack16(other);
   if constexpr (rRow) {
-    StorePixels<P, Stream>(d, t, g, o);
+    StorePixels<P>(d, t, g, o);
   } else {
-    StorePixels<P, Stream>(d, o, g, t);
+    StorePixels<P>(d, o, g, t);
   }
-}
-
-// The vector part of an interior row from pixel x (odd) on; returns where
-// it stopped. Streaming: single pixels up to a 16-byte boundary first, then
-// non-temporal stores, the lane parity following x.
-template <int P, Site S1, Site S2, class A, class L>
-uint32_t VectorPixels(const Image& im, const A& a, uint8_t*& d, const uint8_t* su, const uint8_t* sc,
-                      const uint8_t* sd, uint32_t x, const L& ld) {
-  if constexpr (P == 3) {
-    if (im.stream) {
-      for (; x + 17 <= im.w && (reinterpret_cast<uintptr_t>(d) & 15) != 0; ++x, d += P) {
-        (x & 1) ? Pixel<P, S1>(d, a, su, sc, sd, x) : Pixel<P, S2>(d, a, su, sc, sd, x);
-      }
-      if (x & 1) {
-        for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2, true>(d, su, sc, sd, x, ld);
-      } else {
-        for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S2, S1, true>(d, su, sc, sd, x, ld);
-      }
-      return x;
-    }
-  }
-  for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2, false>(d, su, sc, sd, x, ld);
-  return x;
 }
 #endif
 
@@ -249,24 +225,22 @@ void InteriorRowT(const Image& im, const A& a, uint32_t y) {
   uint32_t x = 1;
 #ifdef __AVX2__
   if constexpr (std::is_same_v<A, Acc<Read8, false>>) {
-    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecRead8{});
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecRead8{});
   } else if constexpr (std::is_same_v<A, Acc<Read16<true>, false>> || std::is_same_v<A, Acc<Read16<false>, false>>) {
     const VecRead16<std::is_same_v<A, Acc<Read16<true>, false>>> ld{_mm_cvtsi32_si128(int(a.rd.shift))};
-    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, ld);
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   } else if constexpr (std::is_same_v<A, Acc<ReadPacked, false>>) {
-    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecReadPacked{});
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, VecReadPacked{});
   } else if constexpr (std::is_same_v<A, Acc<Read8, true>>) {
-    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecMirror<VecRead8>{{}, im.w - 1});
+    const VecMirror<VecRead8> ld{{}, im.w - 1};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   } else if constexpr (std::is_same_v<A, Acc<Read16<true>, true>> || std::is_same_v<A, Acc<Read16<false>, true>>) {
     using V = VecRead16<std::is_same_v<A, Acc<Read16<true>, true>>>;
-    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecMirror<V>{V{_mm_cvtsi32_si128(int(a.rd.shift))}, im.w - 1});
+    const VecMirror<V> ld{V{_mm_cvtsi32_si128(int(a.rd.shift))}, im.w - 1};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   } else if constexpr (std::is_same_v<A, Acc<ReadPacked, true>>) {
-    x = VectorPixels<P, S1, S2>(im, a, d, su, sc, sd, x, VecMirror<VecReadPacked>{{}, im.w - 1});
-  }
-  if (x % 2 == 0 && x + 1 < im.w) {  // a streamed run may stop on an S2 site
-    Pixel<P, S2>(d, a, su, sc, sd, x);
-    ++x;
-    d += P;
+    const VecMirror<VecReadPacked> ld{{}, im.w - 1};
+    for (; x + 17 <= im.w; x += 16, d += 16 * P) Pixels16<P, S1, S2>(d, su, sc, sd, x, ld);
   }
 #endif
   for (; x + 2 < im.w; x += 2, d += 2 * P) {
@@ -399,15 +373,10 @@ void Run(const ConvParams& p, const Image& im, const A& a) {
   const int team = TeamSize(p);
   const int64_t h = im.h;
   if (team > 1) {
-#pragma omp parallel num_threads(team)
-    {
-#pragma omp for schedule(static) nowait
-      for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
-      StreamFence();
-    }
+#pragma omp parallel for schedule(static) num_threads(team)
+    for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
   } else {
     for (int64_t y = 0; y < h; ++y) row(static_cast<uint32_t>(y));
-    StreamFence();
   }
   // Serial even on a team: an exact parallel order (a wavefront over block
   // rows) hands work between threads every few blocks, gained little on
@@ -431,7 +400,6 @@ void Dispatch(const ConvParams& p, const ConvReq& r) {
   im.h = r.height;
   im.geometry = p.geometry & 3;
   im.outPhase = OutputPhase(r.phase & 3, im.geometry, im.w, im.h);
-  im.stream = P == 3 && uint64_t(im.stride) * im.h >= p.streamFrom;
   const uint32_t shift = p.shift & 31;
   switch (r.kind) {
     case KIND_BAYER8:

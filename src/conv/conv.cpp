@@ -6,7 +6,6 @@
 #include <new>
 
 #include <omp.h>
-#include <unistd.h>
 
 #include "conv/converters.h"
 #include "conv/pixel_format.h"
@@ -88,20 +87,6 @@ ConvIsa CpuIsa() {
 
 void LimitConverters(ConvIsa widest) { g_widest.store(widest); }
 
-namespace {
-std::atomic<uint64_t> g_streamFrom{0};
-
-uint64_t DefaultStreamThreshold() {
-  static const uint64_t bytes = [] {
-    const long l3 = sysconf(_SC_LEVEL3_CACHE_SIZE);
-    return l3 > 0 ? uint64_t(l3) / 2 : uint64_t{16} << 20;
-  }();
-  return bytes;
-}
-}  // namespace
-
-void SetStreamThreshold(uint64_t bytes) { g_streamFrom.store(bytes); }
-
 PairMul PairMultipliers(const int32_t* mul, bool uLow) {
   auto two = [](int32_t first, int32_t second) { return (uint32_t(second) & 0xFFFF) << 16 | (uint32_t(first) & 0xFFFF); };
   const int br0 = uLow ? 3 : 0, br1 = uLow ? 0 : 3, g0 = uLow ? 2 : 1, g1 = uLow ? 1 : 2;
@@ -140,8 +125,6 @@ int CConv::Convert(const ConvReq& r) {
   const ConvIsa isa = std::min(CpuIsa(), g_widest.load(std::memory_order_relaxed));
   const bool avx2 = isa >= ConvIsa::kAvx2;
   p.avx512 = isa == ConvIsa::kAvx512;
-  const uint64_t streamFrom = g_streamFrom.load(std::memory_order_relaxed);
-  p.streamFrom = streamFrom ? streamFrom : DefaultStreamThreshold();
   if (IsBayerKind(k)) {
     avx2 ? avx2::BayerConvert(p, r, out24) : base::BayerConvert(p, r, out24);
   } else {

@@ -45,9 +45,6 @@ struct ConvParams {
   // vector code compute entries instead of gathering them.
   const int32_t* tableMul;
   bool avx512;  // the AVX2 converters may use the AVX-512 loops
-  // 24-bit destinations of at least this many bytes are written with
-  // non-temporal stores where a converter can.
-  uint64_t streamFrom;
 };
 
 constexpr ConvMode kDefaultHandleMode{0, 0, 0, 0, 0};
@@ -63,13 +60,6 @@ bool IsValidConvMode(const ConvMode& mode, bool cameraEngine);
 // converters still use no more than the CPU has.
 enum class ConvIsa { kBaseline, kAvx2, kAvx512 };
 void LimitConverters(ConvIsa widest);
-
-// Large destinations bypass the cache (non-temporal stores): they would not
-// stay cached anyway, and not reading each line before writing it cuts the
-// memory traffic by about a third. The default bar is half the last-level
-// cache, so that smaller images stay cached for their reader; tests lower
-// it to check that streamed output is the same. 0 restores the default.
-void SetStreamThreshold(uint64_t bytes);
 
 class CConv : public CBaseConv {
  public:

@@ -12,11 +12,3 @@ uint64_t RowStride(uint32_t w) {
 #ifdef __AVX2__
 #include "conv/simd_avx2.h"
 #endif
-
-// Orders this thread's non-temporal stores before what follows (the end of
-// a parallel region or of the conversion).
-inline void StreamFence() {
-#ifdef __AVX2__
-  _mm_sfence();
-#endif
-}

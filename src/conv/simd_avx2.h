@@ -38,11 +38,9 @@ constexpr Bytes16 kInterleave[3][4] = {
 inline __m128i MaskOf(const Bytes16& m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(m.b)); }
 
 // Stores 16 pixels from channel planes: 48 bytes, or 64 bytes whose fourth
-// bytes are written back with the value they held. Stream (24-bit only, d
-// 16-byte aligned): non-temporal stores, which spare reading the lines in.
-template <int P, bool Stream = false>
+// bytes are written back with the value they held.
+template <int P>
 inline void StorePixels(uint8_t* d, __m128i b, __m128i g, __m128i r) {
-  static_assert(!Stream || P == 3, "32-bit pixels keep their fourth byte: read before write");
   if constexpr (P == 4) {
     const __m128i zero = _mm_setzero_si128(), keep = _mm_set1_epi32(int32_t(0xFF000000u));
     const __m128i bgLo = _mm_unpacklo_epi8(b, g), bgHi = _mm_unpackhi_epi8(b, g);
@@ -58,11 +56,7 @@ inline void StorePixels(uint8_t* d, __m128i b, __m128i g, __m128i r) {
       const __m128i v = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, MaskOf(kInterleave[blk][0])),
                                                   _mm_shuffle_epi8(g, MaskOf(kInterleave[blk][1]))),
                                      _mm_shuffle_epi8(r, MaskOf(kInterleave[blk][2])));
-      if constexpr (Stream) {
-        _mm_stream_si128(reinterpret_cast<__m128i*>(d + 16 * blk), v);
-      } else {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * blk), v);
-      }
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * blk), v);
     }
   }
 }

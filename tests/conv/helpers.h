@@ -68,17 +68,14 @@ inline int ConvertInto(Dst& d, const void* src, uint32_t kind, uint32_t phase, c
 }
 
 // Runs a check once with each instruction set the converters may use (those
-// this machine lacks fall back to the widest it has); the widest set also
-// writes every destination with non-temporal stores where it can.
+// this machine lacks fall back to the widest it has).
 template <class F>
 void ForEachConverterSet(F check) {
   for (ConvIsa isa : {ConvIsa::kAvx512, ConvIsa::kAvx2, ConvIsa::kBaseline}) {
     LimitConverters(isa);
-    SetStreamThreshold(isa == ConvIsa::kAvx512 ? 1 : 0);
     check();
   }
   LimitConverters(ConvIsa::kAvx512);
-  SetStreamThreshold(0);
 }
 
 inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {

@@ -123,10 +123,9 @@ Source MakeSource(int reader, uint32_t w, uint32_t h, uint32_t seed) {
 
 TEST(Bayer, MatchesModelForEveryPhaseGeometryFormAndReader) {
   ForEachConverterSet([] {
-  // Wide rows too, so that vector loops, their scalar tails and the lead-in
-  // of streamed rows all run.
-  const std::array<std::pair<uint32_t, uint32_t>, 13> sizes{
-      {{2, 2}, {3, 2}, {2, 3}, {3, 3}, {4, 4}, {5, 4}, {7, 6}, {6, 7}, {7, 7}, {10, 9}, {35, 4}, {50, 5}, {93, 4}}};
+  // Wide rows too, so that vector loops and their scalar tails both run.
+  const std::array<std::pair<uint32_t, uint32_t>, 12> sizes{
+      {{2, 2}, {3, 2}, {2, 3}, {3, 3}, {4, 4}, {5, 4}, {7, 6}, {6, 7}, {7, 7}, {10, 9}, {35, 4}, {50, 5}}};
   uint32_t seed = 1;
   for (auto [w, h] : sizes) {
     for (int reader = 0; reader < 5; ++reader) {
@@ -269,7 +268,6 @@ TEST(Bayer, ParallelEqualsSerial) {
   uint32_t seed = 100;
   for (auto [w, h] : sizes) {
     for (int reader : {0, 2, 4}) {
-      SetStreamThreshold(reader == 2 ? 1 : 0);
       const Source s = MakeSource(reader, w, h, seed++);
       for (uint32_t phase = 0; phase < 4; ++phase) {
         for (uint32_t geo = 0; geo < 4; ++geo) {
@@ -292,7 +290,6 @@ TEST(Bayer, ParallelEqualsSerial) {
       }
     }
   }
-  SetStreamThreshold(0);
 }
 
 // Random sizes and settings with buffers of exactly the image's size, so that
