@@ -13,6 +13,8 @@
 
 namespace kivtest {
 
+using Bytes = std::vector<uint8_t>;
+
 class FakePort : public KivGenApi::IPort {
  public:
   struct Access {
