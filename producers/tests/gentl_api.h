@@ -6,6 +6,7 @@
 #include <kivgentl/gentl.h>
 #include <kivsim/kivsim.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -144,6 +145,25 @@ class ProducerTest : public ::testing::Test {
     size_t n = 4;
     EXPECT_EQ(p.GCReadPort(h, addr, &v, &n), GC_ERR_SUCCESS);
     return v;
+  }
+  // The file behind description URL `index` of `port`, and the URL
+  // ("Local:<file>;<hex address>;<hex length>").
+  std::string UrlFile(PORT_HANDLE port, uint32_t index, std::string* url_out = nullptr) {
+    char url[512] = {};
+    size_t n = sizeof url;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.GCGetPortURLInfo(port, index, URL_INFO_URL, &t, url, &n), GC_ERR_SUCCESS);
+    const std::string u = url;
+    if (url_out) *url_out = u;
+    const size_t s1 = u.find(';'), s2 = u.find(';', s1 + 1);
+    EXPECT_EQ(u.rfind("Local:", 0), 0u) << u;
+    if (s2 == std::string::npos) return {};
+    const uint64_t len = std::strtoull(u.c_str() + s2 + 1, nullptr, 16);
+    std::string bytes((len + 3) / 4 * 4, '\0');  // readers round the length up to whole words
+    n = bytes.size();
+    EXPECT_EQ(p.GCReadPort(port, std::strtoull(u.c_str() + s1 + 1, nullptr, 16), bytes.data(), &n), GC_ERR_SUCCESS);
+    bytes.resize(len);
+    return bytes;
   }
   template <class T>
   T BufferInfo(DS_HANDLE s, BUFFER_HANDLE b, BUFFER_INFO_CMD cmd) {
