@@ -49,11 +49,12 @@ struct Producer {
 #undef KIVSIM_RESOLVE
   }
 
-  std::string LastError() const {
-    GC_ERROR code;
+  // The calling thread's last error text, and its code in `code`.
+  std::string LastError(GC_ERROR* code = nullptr) const {
+    GC_ERROR c;
     char text[256] = {};
     size_t n = sizeof text;
-    GCGetLastError(&code, text, &n);
+    GCGetLastError(code ? code : &c, text, &n);
     return text;
   }
 };
@@ -91,17 +92,27 @@ class ProducerTest : public ::testing::Test {
     EXPECT_EQ(p.IFGetDeviceID(h, index, id, &size), GC_ERR_SUCCESS);
     return id;
   }
+  uint32_t NumDevices(IF_HANDLE h) {
+    uint32_t n = 0;
+    EXPECT_EQ(p.IFGetNumDevices(h, &n), GC_ERR_SUCCESS);
+    return n;
+  }
   // The interface and ID of camera `cam` of the world.
   std::pair<IF_HANDLE, std::string> Camera(uint32_t cam) {
     for (IF_HANDLE h : ifs) {
-      uint32_t n = 0;
-      p.IFGetNumDevices(h, &n);
-      for (uint32_t i = 0; i < n; ++i) {
+      for (uint32_t i = 0, n = NumDevices(h); i < n; ++i) {
         std::string id = DeviceId(h, i);
         if (p.kivsim_camera_index(id.c_str()) == static_cast<int32_t>(cam)) return {h, id};
       }
     }
     return {nullptr, ""};
+  }
+  int32_t AccessStatus(IF_HANDLE h, const std::string& id) {
+    int32_t status = -1;
+    size_t n = sizeof status;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.IFGetDeviceInfo(h, id.c_str(), DEVICE_INFO_ACCESS_STATUS, &t, &status, &n), GC_ERR_SUCCESS);
+    return status;
   }
   DEV_HANDLE Open(uint32_t cam, DEVICE_ACCESS_FLAGS access = DEVICE_ACCESS_EXCLUSIVE) {
     auto [h, id] = Camera(cam);
