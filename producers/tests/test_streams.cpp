@@ -21,6 +21,7 @@ class Acquisition : public ProducerTest {
     port = Port(dev);
     ds = Stream(dev, 0);
     ASSERT_EQ(p.GCRegisterEvent(ds, EVENT_NEW_BUFFER, &ev), GC_ERR_SUCCESS);
+    SetGeometry(64, 8, 0x01080001);  // small Mono8 images unless a test sets others
   }
   bool big() const { return !usb_; }
   void SetGeometry(uint32_t w, uint32_t h, uint32_t format) {
@@ -51,9 +52,8 @@ class Acquisition : public ProducerTest {
     EXPECT_EQ(n, 16u);
     return d;
   }
-  // Small Mono8 images with the packet block after the image; returns the block's offset.
+  // The packet block after the image; returns the block's offset.
   uint32_t StartWithInfoBlock(size_t buffers) {
-    SetGeometry(64, 8, 0x01080001);
     const uint32_t info = (payload + 15) / 8 * 8;
     EXPECT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_INFO_OFFSET, info), GC_ERR_SUCCESS);
     Announce(buffers, info + 1024);
@@ -150,7 +150,6 @@ TEST_F(Acquisition, OnDemandFramesCarryThePatternAndPacketBlock) {
 }
 
 TEST_F(Acquisition, NoFramesBeforeAcquisitionStartAndAfterStop) {
-  SetGeometry(64, 8, 0x01080001);
   Announce(1, payload);
   ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
   ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
@@ -164,7 +163,6 @@ TEST_F(Acquisition, NoFramesBeforeAcquisitionStartAndAfterStop) {
 }
 
 TEST_F(Acquisition, SoftwareTriggerMakesOneFrameEach) {
-  SetGeometry(64, 8, 0x01080001);
   ASSERT_EQ(Write32(port, 0xA030, 1, true), GC_ERR_SUCCESS);  // TriggerMode On
   ASSERT_EQ(p.kivsim_free_run(cam, 1000), 0);                // trigger mode overrides free-run
   Announce(2, payload);
@@ -176,7 +174,6 @@ TEST_F(Acquisition, SoftwareTriggerMakesOneFrameEach) {
 }
 
 TEST_F(Acquisition, AcquisitionStopsAfterTheRequestedCount) {
-  SetGeometry(64, 8, 0x01080001);
   // The VSync stream sees every frame in the same pass as the image stream, so
   // its token tells when a frame has been handled.
   std::vector<BUFFER_HANDLE> tokens;
@@ -198,7 +195,6 @@ TEST_F(Acquisition, AcquisitionStopsAfterTheRequestedCount) {
 }
 
 TEST_F(Acquisition, ProducerAllocatedBuffersReportTheirAddress) {
-  SetGeometry(64, 8, 0x01080001);
   BUFFER_HANDLE b = nullptr;
   ASSERT_EQ(p.DSAnnounceBuffer(ds, nullptr, payload, nullptr, &b), GC_ERR_SUCCESS);
   ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
@@ -218,7 +214,6 @@ TEST_F(Acquisition, ProducerAllocatedBuffersReportTheirAddress) {
 }
 
 TEST_F(Acquisition, QueueAndRevokeRules) {
-  SetGeometry(64, 8, 0x01080001);
   Announce(1, payload);
   BUFFER_HANDLE other;
   EXPECT_EQ(p.DSAnnounceBuffer(ds, memory[0].data(), payload, nullptr, &other), GC_ERR_RESOURCE_IN_USE);
@@ -261,7 +256,6 @@ TEST_F(Acquisition, KillAbortsOneWaitAndIsRemembered) {
 }
 
 TEST_F(Acquisition, UnregisteringReleasesWaitersAndDeliveredBuffers) {
-  SetGeometry(64, 8, 0x01080001);
   Announce(2, payload);
   Start();
   ASSERT_EQ(p.kivsim_deliver(cam, 1), 0);
@@ -317,7 +311,6 @@ TEST_F(Acquisition, DeliveryStatusesAndTooSmallBuffers) {
 }
 
 TEST_F(Acquisition, VSyncStreamDeliversOneEmptyTokenPerFrame) {
-  SetGeometry(64, 8, 0x01080001);
   std::vector<BUFFER_HANDLE> tokens;
   ASSERT_NO_FATAL_FAILURE(StartVSync(&tokens, 2));
   Announce(2, payload);
@@ -331,7 +324,6 @@ TEST_F(Acquisition, VSyncStreamDeliversOneEmptyTokenPerFrame) {
 }
 
 TEST_F(Acquisition, FreeRunDeliversWithoutControlCallsAtARateOrAsFastAsBuffersReturn) {
-  SetGeometry(64, 8, 0x01080001);
   Announce(4, payload);
   ASSERT_EQ(p.kivsim_free_run(cam, 2000), 0);
   // The rate is the camera's AcquisitionFrameRate, in millihertz.
@@ -380,25 +372,17 @@ TEST_F(UsbAcquisition, EveryOfferedPixelFormatIsDeliveredAtItsSize) {
   }
 }
 
-TEST_F(UsbAcquisition, SixteenBitSamplesKeepTheirLowBits) {
-  const uint32_t w = 64, h = 4;
-  SetGeometry(w, h, 0x01100005);  // Mono12 in 16-bit words
-  Announce(1, 1 << 16);
-  Start();
-  ASSERT_EQ(p.kivsim_deliver(cam, 1), 0);
-  EVENT_NEW_BUFFER_DATA e = Next();
-  const uint8_t* img = Data(e.BufferHandle);
-  for (uint32_t x : {0u, 5u, 63u}) {
-    uint32_t word = img[2 * x] | img[2 * x + 1] << 8;
-    EXPECT_EQ(word >> 4, Pattern8(x, 0, 0, 0));
-    EXPECT_EQ(word & 0xF, x & 0xF) << "low bits: x XOR row phase";
-  }
-}
-
-TEST_F(UsbAcquisition, ColourAndPackedLayouts) {
+TEST_F(UsbAcquisition, SixteenBitColourAndPackedLayouts) {
   struct Case { uint32_t code; std::function<void(const uint8_t*, uint64_t)> check; };
   const uint32_t w = 16, h = 2;
   std::vector<Case> cases = {
+      {0x01100005, [](const uint8_t* p, uint64_t f) {  // Mono12 in 16-bit words; first, so frame 0
+         for (uint32_t x : {0u, 5u, 15u}) {
+           const uint32_t word = p[2 * x] | p[2 * x + 1] << 8;
+           EXPECT_EQ(word >> 4, Pattern8(x, 0, f, 0));
+           EXPECT_EQ(word & 0xF, x & 0xF) << "low bits: x XOR row phase";
+         }
+       }},
       {0x02180014, [](const uint8_t* p, uint64_t f) {  // RGB8
          EXPECT_EQ(p[3 * 5 + 0], Pattern8(5, 0, f, 0));
          EXPECT_EQ(p[3 * 5 + 2], Pattern8(5, 0, f, 2));
@@ -440,7 +424,6 @@ TEST_F(UsbAcquisition, ColourAndPackedLayouts) {
 }
 
 TEST_F(UsbAcquisition, LeaderAndTrailerAtTheConfiguredOffsets) {
-  SetGeometry(64, 8, 0x01080001);
   const uint32_t leader = (payload + 127) / 128 * 128, trailer = leader + 128, size = trailer + 128;
   ASSERT_EQ(WriteModule(ds, KIVSIM_DS_USB_LEADER_OFFSET, leader), GC_ERR_SUCCESS);
   ASSERT_EQ(WriteModule(ds, KIVSIM_DS_USB_TRAILER_OFFSET, trailer), GC_ERR_SUCCESS);
