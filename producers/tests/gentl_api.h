@@ -176,6 +176,15 @@ class ProducerTest : public ::testing::Test {
     bytes.resize(len);
     return bytes;
   }
+  // A fixed-size answer of a Get*Info call: InfoOf<bool8_t>(p.GCGetPortInfo, port, PORT_INFO_BIG_ENDIAN).
+  template <class T, class Fn, class H, class Cmd>
+  T InfoOf(Fn fn, H h, Cmd cmd) {
+    T v{};
+    size_t n = sizeof v;
+    INFO_DATATYPE t;
+    EXPECT_EQ(fn(h, cmd, &t, &v, &n), GC_ERR_SUCCESS) << cmd;
+    return v;
+  }
   template <class T>
   T BufferInfo(DS_HANDLE s, BUFFER_HANDLE b, BUFFER_INFO_CMD cmd) {
     T v{};

@@ -83,16 +83,13 @@ TEST_F(Discovery, CustomDeviceInformationOfGigECameras) {
 
   // The opened device answers the same through DevGetInfo.
   DEV_HANDLE d = Open(0);
-  uint32_t v = 0;
-  size_t n = 4;
-  INFO_DATATYPE t;
-  ASSERT_EQ(p.DevGetInfo(d, 1002, &t, &v, &n), GC_ERR_SUCCESS);
-  EXPECT_EQ(v, dest);
+  EXPECT_EQ(InfoOf<uint32_t>(p.DevGetInfo, d, 1002), dest);
   char name[64];
-  n = sizeof name;
+  size_t n = sizeof name;
+  INFO_DATATYPE t;
   ASSERT_EQ(p.DevGetInfo(d, 1009, &t, name, &n), GC_ERR_SUCCESS);
   EXPECT_EQ(name, InfoString(p, ifs[1], id, 1009));
-  EXPECT_EQ(p.DevGetInfo(d, 1012, &t, &v, &n), GC_ERR_NOT_IMPLEMENTED);
+  EXPECT_EQ(p.DevGetInfo(d, 1012, &t, name, &n), GC_ERR_NOT_IMPLEMENTED);
 }
 
 TEST_F(UsbDiscovery, UsbWorldAndLinkSpeed) {

@@ -124,11 +124,7 @@ TEST_F(Ports, BootstrapRegistersAreBigEndian) {
   size_t n = 4;
   ASSERT_EQ(p.GCReadPort(port, 0xA000, le, &n), GC_ERR_SUCCESS);
   EXPECT_EQ(le[2] << 8 | le[3], 640) << "Width in network order";
-  bool8_t big = 0;
-  n = 1;
-  INFO_DATATYPE t;
-  ASSERT_EQ(p.GCGetPortInfo(port, PORT_INFO_BIG_ENDIAN, &t, &big, &n), GC_ERR_SUCCESS);
-  EXPECT_TRUE(big);
+  EXPECT_TRUE(InfoOf<bool8_t>(p.GCGetPortInfo, port, PORT_INFO_BIG_ENDIAN));
 }
 
 TEST_F(Ports, FeatureRegistersValidateAndComputePayload) {
@@ -231,11 +227,7 @@ TEST_F(UsbRegisters, StreamingRegistersAreReachableFromTheBootstrap) {
   n = 64;
   ASSERT_EQ(p.GCReadPort(port, 0x0004, vendor, &n), GC_ERR_SUCCESS);
   EXPECT_STREQ(vendor, "KivCam");
-  bool8_t little = 0;
-  n = 1;
-  INFO_DATATYPE t;
-  ASSERT_EQ(p.GCGetPortInfo(port, PORT_INFO_LITTLE_ENDIAN, &t, &little, &n), GC_ERR_SUCCESS);
-  EXPECT_TRUE(little);
+  EXPECT_TRUE(InfoOf<bool8_t>(p.GCGetPortInfo, port, PORT_INFO_LITTLE_ENDIAN));
 }
 
 }  // namespace

@@ -187,11 +187,7 @@ TEST_F(Acquisition, AcquisitionStopsAfterTheRequestedCount) {
   EVENT_NEW_BUFFER_DATA first = Next(0);
   EXPECT_EQ(BufferInfo<uint64_t>(ds, first.BufferHandle, BUFFER_INFO_FRAMEID), 1u);
   EXPECT_EQ(Poll(), GC_ERR_TIMEOUT) << "the second frame is beyond the count";
-  uint64_t delivered = 0;
-  size_t n = sizeof delivered;
-  INFO_DATATYPE t;
-  ASSERT_EQ(p.DSGetInfo(ds, STREAM_INFO_NUM_DELIVERED, &t, &delivered, &n), GC_ERR_SUCCESS);
-  EXPECT_EQ(delivered, 1u);
+  EXPECT_EQ(InfoOf<uint64_t>(p.DSGetInfo, ds, STREAM_INFO_NUM_DELIVERED), 1u);
 }
 
 TEST_F(Acquisition, ProducerAllocatedBuffersReportTheirAddress) {
