@@ -16,7 +16,8 @@ std::string Locked(const char* name, const char* access, const char* extra) {
 
 TEST(AccessMode, ReadOnlyPortMakesTheMapReadOnly) {
   Fixture f(Locked("R", "RW", "") + Locked("W", "WO", "") +
-            R"(<Integer Name="I"><pValue>R</pValue></Integer><Integer Name="Free"><Value>1</Value></Integer>)");
+            R"(<Integer Name="I"><pValue>R</pValue></Integer><Integer Name="Free"><Value>1</Value></Integer>
+               <Command Name="C"><pValue>R</pValue><CommandValue>1</CommandValue></Command>)");
   EXPECT_EQ(f.Node("R")->GetAccessMode(), RW);
   f.port.mode = RO;
   f.map._Connect(&f.port, "Device");  // reconnecting re-reads the port's mode
@@ -25,6 +26,7 @@ TEST(AccessMode, ReadOnlyPortMakesTheMapReadOnly) {
   EXPECT_EQ(f.Node("W")->GetAccessMode(), NA);
   EXPECT_EQ(f.Node("Free")->GetAccessMode(), RW);  // floating nodes have no port
   EXPECT_THROW(CIntegerPtr(f.Node("I"))->SetValue(1), AccessException);
+  EXPECT_THROW(CCommandPtr(f.Node("C"))->Execute(), AccessException);
   EXPECT_EQ(f.port.Writes(), 0u);
 }
 

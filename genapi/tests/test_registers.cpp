@@ -115,7 +115,8 @@ TEST(BitFields, WriteIsReadModifyWriteAndKeepsNeighbours) {
   Fixture f(Reg("MaskedIntReg", "F", "<Address>0</Address><LSB>8</LSB><MSB>11</MSB>") +
             Reg("MaskedIntReg", "S", "<Address>4</Address><LSB>0</LSB><MSB>3</MSB><Sign>Signed</Sign>") +
             Reg("MaskedIntReg", "W", "<Address>8</Address><LSB>0</LSB><MSB>63</MSB><Sign>Signed</Sign>", "8") +
-            Reg("MaskedIntReg", "WO", "<Address>16</Address><LSB>4</LSB><MSB>7</MSB>", "1", "LittleEndian", "WO"));
+            Reg("MaskedIntReg", "WO", "<Address>16</Address><LSB>4</LSB><MSB>7</MSB>", "1", "LittleEndian", "WO") +
+            Reg("MaskedIntReg", "BE", "<Address>24</Address><LSB>31</LSB><MSB>16</MSB>", "4", "BigEndian"));
   f.port.PokeU32LE(0, 0xFFFFFFFF);
   CIntegerPtr F(f.Node("F"));
   F->SetValue(0x5);
@@ -142,6 +143,10 @@ TEST(BitFields, WriteIsReadModifyWriteAndKeepsNeighbours) {
   f.port.Poke(16, {0xFF});
   CIntegerPtr(f.Node("WO"))->SetValue(3);
   EXPECT_EQ(f.port.Peek(16, 1), (Bytes{0x30}));
+
+  f.port.Poke(24, {0xAB, 0xCD, 0, 0});  // big-endian bits 31..16 are the last two bytes
+  CIntegerPtr(f.Node("BE"))->SetValue(1500);
+  EXPECT_EQ(f.port.Peek(24, 4), (Bytes{0xAB, 0xCD, 0x05, 0xDC}));
 }
 
 TEST(OtherRegisters, FloatStringAndRawRegisters) {
@@ -151,6 +156,7 @@ TEST(OtherRegisters, FloatStringAndRawRegisters) {
             Reg("Register", "Raw", "<Address>0x40</Address>", "3"));
   CFloatPtr(f.Node("F32"))->SetValue(1.5);
   EXPECT_EQ(f.port.Peek(0, 4), (Bytes{0x3F, 0xC0, 0x00, 0x00}));
+  EXPECT_DOUBLE_EQ(CFloatPtr(f.Node("F32"))->GetValue(false, true), 1.5);
   CFloatPtr(f.Node("F64"))->SetValue(-2.25);
   EXPECT_DOUBLE_EQ(CFloatPtr(f.Node("F64"))->GetValue(false, true), -2.25);
 

@@ -36,6 +36,10 @@ TEST(Integer, RangeIncrementTableAndText) {
   EXPECT_THROW(i->GetValue(true), OutOfRangeException);
   CIntegerPtr(f.Node("Max"))->SetValue(200);
   i->SetValue(200);
+  i->ImposeMax(150);
+  EXPECT_EQ(i->GetMax(), 150);
+  i->ImposeMax(300);  // cannot widen the node's own range
+  EXPECT_EQ(i->GetMax(), 200);
   EXPECT_THROW(CIntegerPtr(f.Node("ZeroInc"))->SetValue(3), LogicalErrorException);
   EXPECT_EQ(CIntegerPtr(f.Node("Inherit"))->GetMax(), 0xFFFFFFFFll);  // the target's range
   CIntegerPtr free(f.Node("Free")), table(f.Node("Table"));
@@ -88,7 +92,8 @@ TEST(BooleanCommandString, ValuesOnTheDeviceAndFloating) {
     <Command Name="WoCmd"><pValue>W</pValue><CommandValue>1</CommandValue></Command>
     <Command Name="FloatingC"><Value>0</Value><CommandValue>1</CommandValue></Command>
     <StringReg Name="SR"><Address>16</Address><Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></StringReg>
-    <String Name="S"><pValue>SR</pValue></String>)");
+    <String Name="S"><pValue>SR</pValue></String>
+    <String Name="FloatingS"><Value>hello</Value></String>)");
   CBooleanPtr b(f.Node("B"));
   b->SetValue(true);
   EXPECT_EQ(f.port.Peek(0, 4), (Bytes{0, 0, 0, 0x10}));
@@ -105,6 +110,7 @@ TEST(BooleanCommandString, ValuesOnTheDeviceAndFloating) {
   c->Execute();
   EXPECT_EQ(f.port.Peek(4, 4), (Bytes{0, 0, 0x43, 0x21}));
   EXPECT_FALSE(c->IsDone());
+  EXPECT_EQ(std::string(c->ToString()), "1");  // busy
   f.port.PokeU32BE(4, 0);
   EXPECT_TRUE(c->IsDone());
   CCommandPtr(f.Node("WoCmd"))->Execute();
@@ -118,6 +124,7 @@ TEST(BooleanCommandString, ValuesOnTheDeviceAndFloating) {
   s->SetValue("ab");
   EXPECT_EQ(std::string(CStringPtr(f.Node("SR"))->GetValue()), "ab");
   EXPECT_EQ(s->GetMaxLength(), 4);
+  EXPECT_EQ(std::string(CStringPtr(f.Node("FloatingS"))->GetValue()), "hello");
 }
 
 const std::string kEnum = kRegs + R"(
@@ -142,6 +149,8 @@ TEST(Enumeration, EntriesByNameValueAndAvailability) {
   EXPECT_THROW(e->SetIntValue(42), InvalidArgumentException);
   EXPECT_THROW(e->FromString("Gone"), AccessException);
   EXPECT_THROW(e->SetIntValue(6, false), AccessException);
+  EXPECT_EQ(e->GetEntry(42), nullptr);
+  EXPECT_EQ(e->GetEntryByName("Nope"), nullptr);
 
   StringList_t symbolics;
   e->GetSymbolics(symbolics);
@@ -149,6 +158,9 @@ TEST(Enumeration, EntriesByNameValueAndAvailability) {
   CIntegerPtr(f.Node("Avail"))->SetValue(0);
   e->GetSymbolics(symbolics);
   EXPECT_EQ(symbolics.size(), 2u);  // Mono16 dropped once unavailable
+  NodeList_t entries;
+  e->GetEntries(entries);
+  EXPECT_EQ(entries.size(), 4u);  // all of them
   // The current entry (Mono16 after a device change) is now unavailable.
   f.port.Poke(0, {0x01, 0x10, 0x00, 0x07});
   EXPECT_EQ(e->GetIntValue(false, true), 0x01100007);

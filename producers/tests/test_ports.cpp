@@ -118,6 +118,7 @@ TEST_F(Ports, BootstrapRegistersAreBigEndian) {
   EXPECT_EQ(Read32(port, 0x0000, true) >> 16, 2u);
   EXPECT_EQ(Read32(port, 0x0D04, true) & 0xFFFF, 1500u);
   EXPECT_EQ(Read32(port, 0x0960, true) & 0x40000000, 0u);
+  Read32(port, 0x0A00, true);  // CCP readable
   ASSERT_EQ(Write32(port, 0x0D04, 8000, true), GC_ERR_SUCCESS);
   EXPECT_EQ(Read32(port, 0x0D04, true), 8000u);
   uint8_t le[4];
@@ -184,6 +185,9 @@ TEST_F(Ports, ModuleRegistersOfDeviceAndStream) {
   ASSERT_EQ(WriteModule(s0, KIVSIM_DS_GIGE_DESTINATION, 0xEF010203), GC_ERR_SUCCESS);
   EXPECT_EQ(Read32(port, 0x0D18, true), 0xEF010203u);
   EXPECT_NE(Read32(port, 0x0D00, true), 0u);
+  uint32_t urls = 9;
+  EXPECT_EQ(p.GCGetNumPortURLs(d, &urls), GC_ERR_SUCCESS);
+  EXPECT_EQ(urls, 0u) << "the device module has no description of its own";
 }
 
 class UsbRegisters : public Ports {
