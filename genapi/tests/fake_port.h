@@ -2,6 +2,7 @@
 // wrap node XML into a complete description.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -13,24 +14,30 @@
 
 namespace kivtest {
 
+using Bytes = std::vector<uint8_t>;
+
 class FakePort : public KivGenApi::IPort {
  public:
   struct Access {
     bool write;
     int64_t address;
     int64_t length;
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
   };
   KivGenApi::EAccessMode GetAccessMode() const override { return mode; }
   void Read(void* buf, int64_t address, int64_t length) override;
   void Write(const void* buf, int64_t address, int64_t length) override;
 
-  void Poke(int64_t address, std::vector<uint8_t> bytes);
-  std::vector<uint8_t> Peek(int64_t address, int64_t length) const;
-  void PokeU32BE(int64_t address, uint32_t v);
-  void PokeU32LE(int64_t address, uint32_t v);
-  size_t Reads() const;
-  size_t Writes() const;
+  void Poke(int64_t address, const Bytes& bytes) {
+    for (size_t i = 0; i < bytes.size(); ++i) memory[address + static_cast<int64_t>(i)] = bytes[i];
+  }
+  Bytes Peek(int64_t address, int64_t length) const;
+  void PokeU32BE(int64_t a, uint32_t v) { Poke(a, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}); }
+  void PokeU32LE(int64_t a, uint32_t v) { Poke(a, {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}); }
+  size_t Reads() const { return log.size() - Writes(); }
+  size_t Writes() const {
+    return static_cast<size_t>(std::count_if(log.begin(), log.end(), [](const Access& a) { return a.write; }));
+  }
   void Clear() { log.clear(); }
 
   KivGenApi::EAccessMode mode = KivGenApi::RW;

@@ -79,7 +79,7 @@ TEST(DeviceErrors, WritesOfCommandsStringsAndRegistersCheckTheErrorNode) {
   EXPECT_THROW(CStringPtr(f.Node("SR"))->SetValue("ab"), InvalidArgumentException);
   EXPECT_THROW(CRegisterPtr(f.Node("Raw"))->Set(raw, 2), InvalidArgumentException);
   // The write itself reached the device before the error was read back.
-  EXPECT_EQ(f.port.Peek(20, 2), (std::vector<uint8_t>{1, 2}));
+  EXPECT_EQ(f.port.Peek(20, 2), (kivtest::Bytes{1, 2}));
   f.port.PokeU32LE(0x100, 5);  // a code without an entry still fails
   EXPECT_THROW(CIntegerPtr(f.Node("I"))->SetValue(3), InvalidArgumentException);
 }
@@ -115,8 +115,8 @@ TEST(Links, ChildrenByLinkType) {
   EXPECT_EQ(Names(i, ctDependingNodes), (S{"Cv", "K"}));
   EXPECT_EQ(Names(i, ctParentNodes), (S{"Cv", "K"}));
   NodeList_t def;
-  i->GetChildren(def);  // reading children by default
-  EXPECT_EQ(def.size(), 2u);
+  i->GetChildren(def);
+  EXPECT_EQ(def.size(), 2u) << "reading children by default";
 
   INode* cv = f.Node("Cv");
   EXPECT_EQ(Names(cv, ctReadingChildren), (S{"I", "V"}));
@@ -171,7 +171,7 @@ TEST(Events, AnEventIdInvalidatesItsNodesAndTheirDependentsAndFiresCallbacks) {
   EXPECT_EQ(doubled->GetValue(), 14);
   EXPECT_EQ(ts->GetValue(), 7);
   EXPECT_EQ(f.port.Reads(), 1u);  // one fresh register read serves both
-  EXPECT_EQ(other->GetValue(), 0);
+  EXPECT_EQ(other->GetValue(), 0);  // not this event's node
 
   fired.clear();
   CEventAdapter adapter;

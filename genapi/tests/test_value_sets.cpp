@@ -4,6 +4,7 @@
 #include "fake_port.h"
 
 using namespace KivGenApi;
+using kivtest::Bytes;
 using kivtest::Fixture;
 
 namespace {
@@ -28,7 +29,7 @@ TEST(ValueCopy, RangeIsTheIntersectionAndWritesGoInDocumentOrder) {
   EXPECT_EQ(f.port.log[0].address, 8);  // pValue first, then the copies in order
   EXPECT_EQ(f.port.log[1].address, 0);
   EXPECT_EQ(CIntegerPtr(f.Node("Low"))->GetValue(), 513);
-  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{0x01, 0x02, 0, 0}));
+  EXPECT_EQ(f.port.Peek(0, 4), (Bytes{0x01, 0x02, 0, 0}));
   EXPECT_EQ(m->GetValue(false, true), 513);
   // A read-only copy makes the whole node read-only.
   EXPECT_EQ(CIntegerPtr(f.Node("WithRo"))->GetAccessMode(), RO);
@@ -68,8 +69,7 @@ TEST(ValueCopy, FloatEnumerationBooleanAndCommandMirror) {
 TEST(ValidValueSet, ListsReplaceTheIncrementAndRefuseOtherValues) {
   Fixture f(R"(
     <Integer Name="I"><Value>2</Value><Min>1</Min><Max>8</Max><ValidValueSet>1;2;4;16</ValidValueSet></Integer>
-    <Float Name="F"><Value>1.5</Value><Min>0</Min><Max>10</Max><ValidValueSet>0.5;1.5;2.25;12</ValidValueSet></Float>
-    <Float Name="Plain"><Value>0</Value></Float>)");
+    <Float Name="F"><Value>1.5</Value><Min>0</Min><Max>10</Max><ValidValueSet>0.5;1.5;2.25;12</ValidValueSet></Float>)");
   CIntegerPtr i(f.Node("I"));
   EXPECT_EQ(i->GetIncMode(), listIncrement);
   EXPECT_EQ(i->GetListOfValidValues(), (int64_autovector_t{1, 2, 4}));
@@ -91,11 +91,6 @@ TEST(ValidValueSet, ListsReplaceTheIncrementAndRefuseOtherValues) {
   EXPECT_THROW(fl->SetValue(2.0), OutOfRangeException);
   EXPECT_THROW(fl->FromString("12"), OutOfRangeException);
   EXPECT_DOUBLE_EQ(fl->GetValue(), 2.25);
-
-  CFloatPtr plain(f.Node("Plain"));
-  EXPECT_EQ(plain->GetIncMode(), noIncrement);
-  EXPECT_FALSE(plain->HasInc());
-  EXPECT_TRUE(plain->GetListOfValidValues().empty());
 }
 
 TEST(ValidValueSet, ConvertersMapTheListThroughFormulaFrom) {
@@ -109,7 +104,7 @@ TEST(ValidValueSet, ConvertersMapTheListThroughFormulaFrom) {
   EXPECT_EQ(ms->GetIncMode(), listIncrement);
   EXPECT_EQ(ms->GetListOfValidValues(), (double_autovector_t{0.5, 1, 2}));
   ms->SetValue(1);
-  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{2, 0, 0, 0}));
+  EXPECT_EQ(f.port.Peek(0, 4), (Bytes{2, 0, 0, 0}));
   EXPECT_THROW(ms->SetValue(1.5), OutOfRangeException);
   CIntegerPtr neg(f.Node("Neg"));
   EXPECT_EQ(neg->GetIncMode(), listIncrement);
@@ -132,17 +127,13 @@ TEST(EnumNumericValue, FloatsReadNumericValuesAndWriteTheNearestAvailableEntry) 
     </Enumeration>
     <Float Name="Hz"><pValue>Rate</pValue></Float>)");
   CEnumerationPtr rate(f.Node("Rate"));
-  CEnumEntryPtr mid(rate->GetEntryByName("Mid"));
-  EXPECT_DOUBLE_EQ(mid->GetNumericValue(), 25);
-  EXPECT_DOUBLE_EQ(rate->GetEntryByName("Plain")->GetNumericValue(), 7);  // defaults to Value
-  EXPECT_EQ(rate->GetEntryByName("Nope"), nullptr);
   CFloatPtr hz(f.Node("Hz"));
   EXPECT_DOUBLE_EQ(hz->GetValue(), 12.5);
-  EXPECT_DOUBLE_EQ(hz->GetMin(), 7);
+  EXPECT_DOUBLE_EQ(hz->GetMin(), 7);  // Plain's NumericValue defaults to its Value
   EXPECT_DOUBLE_EQ(hz->GetMax(), 25);  // Fast is not available
   hz->SetValue(20);
   EXPECT_EQ(std::string(rate->ToString()), "Mid");
-  EXPECT_EQ(f.port.Peek(0, 4), (std::vector<uint8_t>{1, 0, 0, 0}));
+  EXPECT_EQ(f.port.Peek(0, 4), (Bytes{1, 0, 0, 0}));
   hz->SetValue(90, false);  // nearest available, not Fast
   EXPECT_EQ(std::string(rate->ToString()), "Mid");
   CIntegerPtr(f.Node("HasFast"))->SetValue(1);

@@ -6,6 +6,7 @@
 #include <kivgentl/gentl.h>
 #include <kivsim/kivsim.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -48,11 +49,12 @@ struct Producer {
 #undef KIVSIM_RESOLVE
   }
 
-  std::string LastError() const {
-    GC_ERROR code;
+  // The calling thread's last error text, and its code in `code`.
+  std::string LastError(GC_ERROR* code = nullptr) const {
+    GC_ERROR c;
     char text[256] = {};
     size_t n = sizeof text;
-    GCGetLastError(&code, text, &n);
+    GCGetLastError(code ? code : &c, text, &n);
     return text;
   }
 };
@@ -90,17 +92,27 @@ class ProducerTest : public ::testing::Test {
     EXPECT_EQ(p.IFGetDeviceID(h, index, id, &size), GC_ERR_SUCCESS);
     return id;
   }
+  uint32_t NumDevices(IF_HANDLE h) {
+    uint32_t n = 0;
+    EXPECT_EQ(p.IFGetNumDevices(h, &n), GC_ERR_SUCCESS);
+    return n;
+  }
   // The interface and ID of camera `cam` of the world.
   std::pair<IF_HANDLE, std::string> Camera(uint32_t cam) {
     for (IF_HANDLE h : ifs) {
-      uint32_t n = 0;
-      p.IFGetNumDevices(h, &n);
-      for (uint32_t i = 0; i < n; ++i) {
+      for (uint32_t i = 0, n = NumDevices(h); i < n; ++i) {
         std::string id = DeviceId(h, i);
         if (p.kivsim_camera_index(id.c_str()) == static_cast<int32_t>(cam)) return {h, id};
       }
     }
     return {nullptr, ""};
+  }
+  int32_t AccessStatus(IF_HANDLE h, const std::string& id) {
+    int32_t status = -1;
+    size_t n = sizeof status;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.IFGetDeviceInfo(h, id.c_str(), DEVICE_INFO_ACCESS_STATUS, &t, &status, &n), GC_ERR_SUCCESS);
+    return status;
   }
   DEV_HANDLE Open(uint32_t cam, DEVICE_ACCESS_FLAGS access = DEVICE_ACCESS_EXCLUSIVE) {
     auto [h, id] = Camera(cam);
@@ -143,6 +155,34 @@ class ProducerTest : public ::testing::Test {
     uint32_t v = 0;
     size_t n = 4;
     EXPECT_EQ(p.GCReadPort(h, addr, &v, &n), GC_ERR_SUCCESS);
+    return v;
+  }
+  // The file behind description URL `index` of `port`, and the URL
+  // ("Local:<file>;<hex address>;<hex length>").
+  std::string UrlFile(PORT_HANDLE port, uint32_t index, std::string* url_out = nullptr) {
+    char url[512] = {};
+    size_t n = sizeof url;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.GCGetPortURLInfo(port, index, URL_INFO_URL, &t, url, &n), GC_ERR_SUCCESS);
+    const std::string u = url;
+    if (url_out) *url_out = u;
+    const size_t s1 = u.find(';'), s2 = u.find(';', s1 + 1);
+    EXPECT_EQ(u.rfind("Local:", 0), 0u) << u;
+    if (s2 == std::string::npos) return {};
+    const uint64_t len = std::strtoull(u.c_str() + s2 + 1, nullptr, 16);
+    std::string bytes((len + 3) / 4 * 4, '\0');  // readers round the length up to whole words
+    n = bytes.size();
+    EXPECT_EQ(p.GCReadPort(port, std::strtoull(u.c_str() + s1 + 1, nullptr, 16), bytes.data(), &n), GC_ERR_SUCCESS);
+    bytes.resize(len);
+    return bytes;
+  }
+  // A fixed-size answer of a Get*Info call: InfoOf<bool8_t>(p.GCGetPortInfo, port, PORT_INFO_BIG_ENDIAN).
+  template <class T, class Fn, class H, class Cmd>
+  T InfoOf(Fn fn, H h, Cmd cmd) {
+    T v{};
+    size_t n = sizeof v;
+    INFO_DATATYPE t;
+    EXPECT_EQ(fn(h, cmd, &t, &v, &n), GC_ERR_SUCCESS) << cmd;
     return v;
   }
   template <class T>

@@ -38,15 +38,11 @@ struct Child {
     // Everything the child needs is prepared before the fork: between fork and
     // exec a threaded process may only make async-signal-safe calls.
     std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) env.emplace_back(*e);
+    const std::string key = extra_env.substr(0, extra_env.find('=') + 1);  // replaced by `extra_env`
+    for (char** e = environ; *e; ++e)
+      if (key.empty() || std::strncmp(*e, key.c_str(), key.size()) != 0) env.emplace_back(*e);
+    if (!key.empty()) env.push_back(extra_env);
     env.push_back(std::string(kRoleVar) + "=" + role);
-    if (!extra_env.empty()) {  // replaces the variable of the same name
-      const std::string key = extra_env.substr(0, extra_env.find('=') + 1);
-      bool replaced = false;
-      for (auto& e : env)
-        if (e.rfind(key, 0) == 0) e = extra_env, replaced = true;
-      if (!replaced) env.push_back(extra_env);
-    }
     env.push_back("KIVSIM_TEST_FDS=" + std::to_string(to_child[0]) + "," + std::to_string(from_child[1]));
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(e.data());
@@ -96,6 +92,11 @@ class CrossProcess : public ProducerTest {
     ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
     ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
   }
+  GC_ERROR NextFrame(EVENT_HANDLE ev) {
+    EVENT_NEW_BUFFER_DATA e;
+    size_t n = sizeof e;
+    return p.EventGetData(ev, &e, &n, 10000);
+  }
 };
 
 // Child role: holds camera 0 exclusively until told to let go.
@@ -118,11 +119,7 @@ TEST_F(CrossProcess, ExclusiveAccessAcrossProcesses) {
   DEV_HANDLE d = nullptr;
   EXPECT_EQ(p.IFOpenDevice(h, id.c_str(), DEVICE_ACCESS_EXCLUSIVE, &d), GC_ERR_ACCESS_DENIED);
   EXPECT_EQ(p.LastError(), "Device already open");
-  int32_t status = 0;
-  size_t n = sizeof status;
-  INFO_DATATYPE t;
-  ASSERT_EQ(p.IFGetDeviceInfo(h, id.c_str(), DEVICE_INFO_ACCESS_STATUS, &t, &status, &n), GC_ERR_SUCCESS);
-  EXPECT_EQ(status, DEVICE_ACCESS_STATUS_BUSY);
+  EXPECT_EQ(AccessStatus(h, id), DEVICE_ACCESS_STATUS_BUSY);
   // The other camera is free, and this one can still be watched.
   EXPECT_NE(Open(1), nullptr);
   ASSERT_EQ(p.IFOpenDevice(h, id.c_str(), DEVICE_ACCESS_READONLY, &d), GC_ERR_SUCCESS);
@@ -167,9 +164,7 @@ TEST_F(CrossProcess, ControllerRole) {
   ch.Send('r');
   ASSERT_EQ(ch.Receive(), 'g');
   ASSERT_EQ(p.kivsim_deliver(0, 1), 0);
-  EVENT_NEW_BUFFER_DATA e;
-  size_t n = sizeof e;
-  ASSERT_EQ(p.EventGetData(ev, &e, &n, 10000), GC_ERR_SUCCESS);
+  ASSERT_EQ(NextFrame(ev), GC_ERR_SUCCESS);
   ch.Send(static_cast<char>(mem[3]));
   EXPECT_EQ(ch.Receive(), 'q');
 }
@@ -191,9 +186,7 @@ TEST_F(CrossProcess, WatcherSeesTheControllersStream) {
   BUFFER_HANDLE b;
   ASSERT_NO_FATAL_FAILURE(StartOneBuffer(ds, mem, &ev, &b));
   child.ch.Send('g');
-  EVENT_NEW_BUFFER_DATA e;
-  size_t n = sizeof e;
-  ASSERT_EQ(p.EventGetData(ev, &e, &n, 10000), GC_ERR_SUCCESS) << "no frame reached the watcher";
+  ASSERT_EQ(NextFrame(ev), GC_ERR_SUCCESS) << "no frame reached the watcher";
   EXPECT_EQ(BufferInfo<uint64_t>(ds, b, BUFFER_INFO_FRAMEID), 1u);
   for (uint32_t x = 0; x < 64; ++x) ASSERT_EQ(mem[64 + x], Pattern8(x, 1, 0, 0));
   char seen = child.ch.Receive();
