@@ -90,6 +90,17 @@ TEST_F(Discovery, CustomDeviceInformationOfGigECameras) {
   ASSERT_EQ(p.DevGetInfo(d, 1009, &t, name, &n), GC_ERR_SUCCESS);
   EXPECT_EQ(name, InfoString(p, ifs[1], id, 1009));
   EXPECT_EQ(p.DevGetInfo(d, 1012, &t, name, &n), GC_ERR_NOT_IMPLEMENTED);
+
+  // A host renames the camera through its user-name register (16 bytes at
+  // 0xE8): every answer follows, before and after opening.
+  char renamed[16] = "line-3-top";
+  n = sizeof renamed;
+  ASSERT_EQ(p.GCWritePort(Port(d), 0xE8, renamed, &n), GC_ERR_SUCCESS);
+  EXPECT_EQ(InfoString(p, ifs[1], id, 1009), "line-3-top");
+  EXPECT_EQ(InfoString(p, ifs[1], id, DEVICE_INFO_USER_DEFINED_NAME), "line-3-top");
+  n = sizeof name;
+  ASSERT_EQ(p.DevGetInfo(d, DEVICE_INFO_USER_DEFINED_NAME, &t, name, &n), GC_ERR_SUCCESS);
+  EXPECT_STREQ(name, "line-3-top");
 }
 
 TEST_F(UsbDiscovery, UsbWorldAndLinkSpeed) {
