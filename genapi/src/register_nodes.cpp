@@ -238,14 +238,14 @@ class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace 
     width_ = static_cast<int>(msb - lsb + 1);
     mask_ = width_ == 64 ? ~0ull : ((1ull << width_) - 1);
     if (signed_) {
-      min_ = width_ == 64 ? INT64_MIN : -(int64_t(1) << (width_ - 1));
-      max_ = width_ == 64 ? INT64_MAX : (int64_t(1) << (width_ - 1)) - 1;
+      own_min_ = width_ == 64 ? INT64_MIN : -(int64_t(1) << (width_ - 1));
+      own_max_ = width_ == 64 ? INT64_MAX : (int64_t(1) << (width_ - 1)) - 1;
     } else {
-      min_ = 0;
-      max_ = width_ >= 63 ? INT64_MAX : static_cast<int64_t>(mask_);
+      own_min_ = 0;
+      own_max_ = width_ >= 63 ? INT64_MAX : static_cast<int64_t>(mask_);
     }
-    min_ = std::max(min_, imposed_min_);
-    max_ = std::min(max_, imposed_max_);
+    min_ = std::max(own_min_, imposed_min_);
+    max_ = std::min(own_max_, imposed_max_);
   }
   void Prepare() {
     if (!length_.has_literal) {
@@ -310,13 +310,15 @@ class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace 
   int64_autovector_t GetListOfValidValues(bool) override { return {}; }
   ERepresentation GetRepresentation() override { return repr_; }
   gcstring GetUnit() override { return unit_; }
+  // A later imposed bound replaces the earlier one, as on Integer nodes; it
+  // can only narrow the register's own range.
   void ImposeMin(int64_t v) override {
-    imposed_min_ = std::max(imposed_min_, v);
-    min_ = std::max(min_, v);
+    imposed_min_ = v;
+    min_ = std::max(own_min_, v);
   }
   void ImposeMax(int64_t v) override {
-    imposed_max_ = std::min(imposed_max_, v);
-    max_ = std::min(max_, v);
+    imposed_max_ = v;
+    max_ = std::min(own_max_, v);
   }
   gcstring ToString(bool verify, bool ignore_cache) override { return FormatInt(GetValue(verify, ignore_cache), repr_); }
   void FromString(const gcstring& s, bool verify) override {
@@ -336,6 +338,7 @@ class CIntRegNode : public CRegisterBase, public IInteger, public CSelectorFace 
   uint64_t mask_ = 0;
   int64_t min_ = 0, max_ = 0;
   int64_t imposed_min_ = INT64_MIN, imposed_max_ = INT64_MAX;
+  int64_t own_min_ = INT64_MIN, own_max_ = INT64_MAX;  // from width and sign
 };
 
 class CFloatRegNode : public CRegisterBase, public IFloat {

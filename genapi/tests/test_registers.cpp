@@ -67,6 +67,19 @@ TEST(ByteOrder, IntRegAssemblesBothOrdersAndSignExtends) {
   CIntegerPtr(f.Node("S16"))->SetValue(-3);
   EXPECT_EQ(f.port.Peek(0, 2), (Bytes{0xFF, 0xFD}));
   EXPECT_THROW(CIntegerPtr(f.Node("S16"))->SetValue(40000), OutOfRangeException);
+
+  // Imposed bounds: a later one replaces the earlier, never beyond the register's own range.
+  CIntegerPtr s16(f.Node("S16"));
+  s16->ImposeMax(100);
+  s16->ImposeMin(-100);
+  EXPECT_THROW(s16->SetValue(101), OutOfRangeException);
+  s16->ImposeMax(1000);
+  EXPECT_EQ(s16->GetMax(), 1000);
+  s16->SetValue(1000);
+  s16->ImposeMax(50000);
+  s16->ImposeMin(-50000);
+  EXPECT_EQ(s16->GetMax(), 32767);
+  EXPECT_EQ(s16->GetMin(), -32768);
 }
 
 TEST(Length, FromANodeIsSettledAtEachAccessAndBounded) {
