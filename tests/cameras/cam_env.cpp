@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -19,44 +18,15 @@ namespace camtest {
 
 namespace fs = std::filesystem;
 
-std::string BuildDir() {
-  char exe[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (n <= 0) return ".";
-  exe[n] = '\0';
-  return fs::path(exe).parent_path().parent_path().string();
-}
+std::string BuildDir() { return fs::read_symlink("/proc/self/exe").parent_path().parent_path().string(); }
 
 std::string LibDir() { return BuildDir() + "/lib"; }
 
 CamLib::CamLib(const std::string& path) {
   handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle_) return;
-#define CAMTEST_BIND(name) name = reinterpret_cast<decltype(name)>(dlsym(handle_, #name))
-  CAMTEST_BIND(KIVCAM_SetStructVersion);
-  CAMTEST_BIND(KIVCAM_GetLastError);
-  CAMTEST_BIND(KIVCAM_SetCallBack);
-  CAMTEST_BIND(KIVCAM_GetList);
-  CAMTEST_BIND(KIVCAM_Open);
-  CAMTEST_BIND(KIVCAM_OpenGigE);
-  CAMTEST_BIND(KIVCAM_OpenUSB);
-  CAMTEST_BIND(KIVCAM_Close);
-  CAMTEST_BIND(KIVCAM_CloseAll);
-  CAMTEST_BIND(KIVCAM_Camera);
-  CAMTEST_BIND(KIVCAM_Reset);
-  CAMTEST_BIND(KIVCAM_ReDetection);
-  CAMTEST_BIND(KIVCAM_ReadPort);
-  CAMTEST_BIND(KIVCAM_WritePort);
-  CAMTEST_BIND(KIVCAM_OpenReg);
-  CAMTEST_BIND(KIVCAM_CloseReg);
-  CAMTEST_BIND(KIVCAM_ReadReg);
-  CAMTEST_BIND(KIVCAM_WriteReg);
-  CAMTEST_BIND(KIVCAM_CameraRegInfo);
-  CAMTEST_BIND(KIVCAM_CameraInfo);
-  CAMTEST_BIND(KIVCAM_CameraInfoGigE);
-  CAMTEST_BIND(KIVCAM_CameraInfoUSB);
-  CAMTEST_BIND(KIVCAM_GetNodeMap);
-  CAMTEST_BIND(KIVCAM_SetCmdTimeOut);
+#define CAMTEST_BIND(name) name = reinterpret_cast<decltype(name)>(dlsym(handle_, #name));
+  CAMTEST_EXPORTS(CAMTEST_BIND)
 #undef CAMTEST_BIND
 }
 
@@ -88,14 +58,8 @@ Sim::Sim(const std::string& cti_path) {
   // Only the instance the library already loaded; never a second start.
   handle_ = dlopen(cti_path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
   if (!handle_) return;
-#define SIM_BIND(field) field = reinterpret_cast<decltype(field)>(dlsym(handle_, "kivsim_" #field))
-  SIM_BIND(camera_index);
-  SIM_BIND(plug);
-  SIM_BIND(raise_interface_event);
-  SIM_BIND(fail_next);
-  SIM_BIND(short_reads);
-  SIM_BIND(get_counters);
-  SIM_BIND(reset_faults);
+#define SIM_BIND(field) field = reinterpret_cast<decltype(field)>(dlsym(handle_, "kivsim_" #field));
+  CAMTEST_SIM_CONTROLS(SIM_BIND)
 #undef SIM_BIND
 }
 
@@ -152,14 +116,6 @@ bool LogDrain::Saw(const std::string& a, const std::string& b) {
   return false;
 }
 
-std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
-  Saw(a, b);
-  for (const auto& l : seen_) {
-    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return l;
-  }
-  return "";
-}
-
 bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     raise();
@@ -184,7 +140,6 @@ bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms)
 }
 
 void MakeDirs(const std::string& path) { fs::create_directories(path); }
-
 void CopyFile(const std::string& from, const std::string& to) {
   fs::copy_file(from, to, fs::copy_options::overwrite_existing);
 }

@@ -23,40 +23,30 @@ namespace camtest {
 std::string BuildDir();
 std::string LibDir();  // where libkivcam.so and the producers are
 
-// libkivcam.so from `path`, with the exports these tests use.
+// The exports these tests use.
+#define CAMTEST_EXPORTS(X)                                                                              \
+  X(KIVCAM_SetStructVersion) X(KIVCAM_GetLastError) X(KIVCAM_GetList)            \
+  X(KIVCAM_Open) X(KIVCAM_OpenGigE) X(KIVCAM_OpenUSB) X(KIVCAM_Close) X(KIVCAM_CloseAll) X(KIVCAM_Camera) \
+  X(KIVCAM_Reset) X(KIVCAM_ReDetection) X(KIVCAM_ReadPort) X(KIVCAM_WritePort) X(KIVCAM_OpenReg)       \
+  X(KIVCAM_CloseReg) X(KIVCAM_ReadReg) X(KIVCAM_WriteReg) X(KIVCAM_CameraRegInfo) X(KIVCAM_CameraInfo) \
+  X(KIVCAM_CameraInfoGigE) X(KIVCAM_CameraInfoUSB) X(KIVCAM_GetNodeMap) X(KIVCAM_SetCmdTimeOut)
+
+// Last-error value Err gives for a call that did not fail.
+constexpr uint32_t kSucceeded = 0xFFFFFFFFu;
+
+// libkivcam.so from `path`, with its exports bound.
 class CamLib {
  public:
   explicit CamLib(const std::string& path = LibDir() + "/libkivcam.so");
   ~CamLib();
   bool loaded() const { return handle_ != nullptr; }
 
-#define CAMTEST_FN(name) decltype(&::name) name = nullptr
-  CAMTEST_FN(KIVCAM_SetStructVersion);
-  CAMTEST_FN(KIVCAM_GetLastError);
-  CAMTEST_FN(KIVCAM_SetCallBack);
-  CAMTEST_FN(KIVCAM_GetList);
-  CAMTEST_FN(KIVCAM_Open);
-  CAMTEST_FN(KIVCAM_OpenGigE);
-  CAMTEST_FN(KIVCAM_OpenUSB);
-  CAMTEST_FN(KIVCAM_Close);
-  CAMTEST_FN(KIVCAM_CloseAll);
-  CAMTEST_FN(KIVCAM_Camera);
-  CAMTEST_FN(KIVCAM_Reset);
-  CAMTEST_FN(KIVCAM_ReDetection);
-  CAMTEST_FN(KIVCAM_ReadPort);
-  CAMTEST_FN(KIVCAM_WritePort);
-  CAMTEST_FN(KIVCAM_OpenReg);
-  CAMTEST_FN(KIVCAM_CloseReg);
-  CAMTEST_FN(KIVCAM_ReadReg);
-  CAMTEST_FN(KIVCAM_WriteReg);
-  CAMTEST_FN(KIVCAM_CameraRegInfo);
-  CAMTEST_FN(KIVCAM_CameraInfo);
-  CAMTEST_FN(KIVCAM_CameraInfoGigE);
-  CAMTEST_FN(KIVCAM_CameraInfoUSB);
-  CAMTEST_FN(KIVCAM_GetNodeMap);
-  CAMTEST_FN(KIVCAM_SetCmdTimeOut);
+#define CAMTEST_FN(name) decltype(&::name) name = nullptr;
+  CAMTEST_EXPORTS(CAMTEST_FN)
 #undef CAMTEST_FN
 
+  // The last error after a call that should have failed (kSucceeded if it did not).
+  uint32_t Err(KIVCAM_BOOL result) { return result ? kSucceeded : KIVCAM_GetLastError(); }
   // The whole list (count query, then fill).
   std::vector<CameraListEntry> List();
   // Big-endian 32-bit register of a GigE camera.
@@ -73,13 +63,11 @@ class Sim {
   explicit Sim(const std::string& cti_path);
   ~Sim();
   bool loaded() const { return handle_ != nullptr; }
-  int32_t (*camera_index)(const char*) = nullptr;
-  int32_t (*plug)(uint32_t, int32_t) = nullptr;
-  int32_t (*raise_interface_event)(uint32_t, uint32_t) = nullptr;
-  int32_t (*fail_next)(const char*, int32_t, const char*, uint32_t) = nullptr;
-  int32_t (*short_reads)(uint32_t) = nullptr;
-  int32_t (*get_counters)(uint32_t, kivsim_counters*) = nullptr;
-  int32_t (*reset_faults)() = nullptr;
+#define CAMTEST_SIM_CONTROLS(X) \
+  X(camera_index) X(plug) X(raise_interface_event) X(fail_next) X(short_reads)
+#define CAMTEST_SIM_FN(name) decltype(&::kivsim_##name) name = nullptr;
+  CAMTEST_SIM_CONTROLS(CAMTEST_SIM_FN)
+#undef CAMTEST_SIM_FN
 
  private:
   void* handle_ = nullptr;
@@ -100,8 +88,6 @@ class LogDrain {
   }
   // True when a line holding both texts was written (taking the lines).
   bool Saw(const std::string& a, const std::string& b = "");
-  // The first line seen holding both texts, or empty.
-  std::string LineWith(const std::string& a, const std::string& b = "");
   // Waits until a line holding both texts arrives, at most the bound.
   bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
   // The virtual producers watch for raised events on a thread of their own
@@ -143,6 +129,7 @@ class CameraTest : public ::testing::Test {
   void Unload();
   Sim& GigE();
   Sim& USB();
+  uint32_t Err(KIVCAM_BOOL result) { return lib_->Err(result); }
   std::string DataFolder() const { return temp_ + "/appdata/Valdrix/KivCam"; }
   void WriteDataFile(const std::string& name, const std::string& text);
   std::string Temp() const { return temp_; }

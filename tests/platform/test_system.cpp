@@ -45,8 +45,8 @@ struct TempDir {
 
 }  // namespace
 
-TEST(Environment, GetEnvMonitorPathAndDataFolder) {
-  EnvGuard var("KIVTEST_SOME_VARIABLE"), monitor("KIVCAM_MONITORPATH"), appdata("KIVCAM_COMMON_APPDATA");
+TEST(Environment, GetEnvTellsEmptyFromMissingAndDataFolderFollowsCommonAppData) {
+  EnvGuard var("KIVTEST_SOME_VARIABLE"), appdata("KIVCAM_COMMON_APPDATA");
   bool found = true;
   var.Set(nullptr);
   EXPECT_EQ(kp::GetEnv("KIVTEST_SOME_VARIABLE", &found), "");
@@ -54,12 +54,6 @@ TEST(Environment, GetEnvMonitorPathAndDataFolder) {
   var.Set("");
   EXPECT_EQ(kp::GetEnv("KIVTEST_SOME_VARIABLE", &found), "");
   EXPECT_TRUE(found);
-
-  monitor.Set(nullptr);
-  EXPECT_EQ(kp::MonitorPath(), "");
-  monitor.Set("/opt/kivcam/bin/kivcam-monitor");
-  EXPECT_EQ(kp::MonitorPath(), "/opt/kivcam/bin/kivcam-monitor");
-
   appdata.Set(nullptr);
   EXPECT_EQ(kp::DataFolder(), "/var/lib/Valdrix/KivCam");
   appdata.Set("/srv/data/");
@@ -67,13 +61,9 @@ TEST(Environment, GetEnvMonitorPathAndDataFolder) {
 }
 
 TEST(Paths, AppendJoinsWithExactlyOneSeparatorAndFileExistsChecksIt) {
-  EXPECT_EQ(kp::PathAppend("/a", "b"), "/a/b");
-  EXPECT_EQ(kp::PathAppend("/a//", "/b"), "/a/b");
-  EXPECT_EQ(kp::PathAppend("/", "b"), "/b");
-  EXPECT_EQ(kp::PathAppend("", "b"), "b");
-  EXPECT_EQ(kp::PathAppend("a/", ""), "a");
-  EXPECT_EQ(kp::PathAppend("rel/dir", "x/y.cti"), "rel/dir/x/y.cti");
-
+  const char* cases[][3] = {{"/a//", "/b", "/a/b"}, {"/", "b", "/b"}, {"", "b", "b"},
+                            {"a/", "", "a"},        {"rel/dir", "x/y.cti", "rel/dir/x/y.cti"}};
+  for (const auto& c : cases) EXPECT_EQ(kp::PathAppend(c[0], c[1]), c[2]) << c[0] << " + " << c[1];
   TempDir dir;
   const std::string file = kp::PathAppend(dir.path, "f.txt");
   EXPECT_FALSE(kp::FileExists(file));
