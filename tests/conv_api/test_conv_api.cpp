@@ -166,6 +166,14 @@ class ConvApiLogTest : public ConvApiTest {
     log_.Take();
   }
   void TearDown() override { log_.SetLevel(0); }
+  // The lines of the exports (the library's callback thread starts on its own time).
+  std::vector<std::string> Lines() {
+    std::vector<std::string> out;
+    for (auto& l : log_.Take()) {
+      if (l.find("UserCallBack_Thread") == std::string::npos) out.push_back(l);
+    }
+    return out;
+  }
   kivcam::monitor::LogReader log_;
 };
 
@@ -176,25 +184,21 @@ TEST_F(ConvApiLogTest, ExecLogsOnlyWhenVerboseAndRefusedCloseWritesNoErrorLine) 
   KIVCAM_IMAGEDESC img = Image(2, 2, src, kMono8);
   log_.SetLevel(1);
   ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst), KIVCAM_TRUE);
-  EXPECT_TRUE(log_.Take().empty());
+  EXPECT_TRUE(Lines().empty());
   log_.SetLevel(2);
   ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst), KIVCAM_TRUE);
-  auto lines = log_.Take();
+  auto lines = Lines();
   ASSERT_EQ(lines.size(), 2u);
   char handle[32];
   std::snprintf(handle, sizeof handle, "HCTBL=0x%016llX, ",
                 static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(h)));
-  EXPECT_NE(lines[0].find(std::string("KIVCAM_ColorConvExec         Start ") + handle),
-            std::string::npos)
-      << lines[0];
-  EXPECT_NE(lines[1].find(std::string("KIVCAM_ColorConvExec         End   ") + handle),
-            std::string::npos)
-      << lines[1];
+  EXPECT_NE(lines[0].find(std::string("KIVCAM_ColorConvExec         Start ") + handle), std::string::npos);
+  EXPECT_NE(lines[1].find(std::string("KIVCAM_ColorConvExec         End   ") + handle), std::string::npos);
 
   log_.SetLevel(1);
   int foreign = 0;
   lib_.KIVCAM_CloseConvHandle(reinterpret_cast<HCTBL>(&foreign));
-  lines = log_.Take();
+  lines = Lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_NE(lines[0].find("KIVCAM_CloseConvHandle       Start HCTBL="), std::string::npos);
   EXPECT_NE(lines[1].find("KIVCAM_CloseConvHandle       End   HCTBL="), std::string::npos);
