@@ -1,7 +1,6 @@
 #include "cam_env.h"
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -10,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "kivgentl/gentl.h"
 
@@ -212,47 +210,35 @@ std::string FetchDescription(const std::string& cti_path) {
   if (!h) return "";
 #define RAW(name) auto name = reinterpret_cast<P##name>(dlsym(h, #name))
   RAW(GCInitLib); RAW(GCCloseLib); RAW(TLOpen); RAW(TLClose); RAW(TLUpdateInterfaceList);
-  RAW(TLGetNumInterfaces); RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose);
-  RAW(IFUpdateDeviceList); RAW(IFGetNumDevices); RAW(IFGetDeviceID); RAW(IFOpenDevice);
-  RAW(DevGetPort); RAW(DevClose); RAW(GCGetNumPortURLs); RAW(GCGetPortURLInfo); RAW(GCReadPort);
+  RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose); RAW(IFUpdateDeviceList);
+  RAW(IFGetDeviceID); RAW(IFOpenDevice); RAW(DevGetPort); RAW(DevClose); RAW(GCGetPortURLInfo); RAW(GCReadPort);
 #undef RAW
+  // The default world: the second adapter's first camera, plain description at URL 1.
   std::string text;
   TL_HANDLE tl = nullptr;
+  IF_HANDLE ifh = nullptr;
+  DEV_HANDLE dev = nullptr;
+  PORT_HANDLE port = nullptr;
+  char id[512], url[512] = {};
+  size_t size = sizeof id;
+  INFO_DATATYPE type;
   GCInitLib();
   TLOpen(&tl);
   TLUpdateInterfaceList(tl, nullptr, 1000);
-  uint32_t nif = 0;
-  TLGetNumInterfaces(tl, &nif);
-  for (uint32_t i = 0; i < nif && text.empty(); ++i) {
-    char id[512];
-    size_t size = sizeof id;
-    IF_HANDLE ifh = nullptr;
-    if (TLGetInterfaceID(tl, i, id, &size) != 0 || TLOpenInterface(tl, id, &ifh) != 0) continue;
+  if (TLGetInterfaceID(tl, 1, id, &size) == 0 && TLOpenInterface(tl, id, &ifh) == 0) {
     IFUpdateDeviceList(ifh, nullptr, 1000);
-    uint32_t ndev = 0;
-    IFGetNumDevices(ifh, &ndev);
-    char dev_id[512];
-    size = sizeof dev_id;
-    DEV_HANDLE dev = nullptr;
-    if (ndev > 0 && IFGetDeviceID(ifh, 0, dev_id, &size) == 0 &&
-        IFOpenDevice(ifh, dev_id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
-      PORT_HANDLE port = nullptr;
-      uint32_t urls = 0;
+    size = sizeof id;
+    if (IFGetDeviceID(ifh, 0, id, &size) == 0 && IFOpenDevice(ifh, id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
+      size = sizeof url;
       DevGetPort(dev, &port);
-      GCGetNumPortURLs(port, &urls);
-      for (uint32_t u = 0; u < urls && text.empty(); ++u) {
-        char url[512] = {};
-        INFO_DATATYPE type;
-        size = sizeof url;
-        GCGetPortURLInfo(port, u, URL_INFO_URL, &type, url, &size);
-        std::string s(url);
-        size_t a = s.find(';'), b = s.find(';', a + 1);
-        if (s.find(".xml") == std::string::npos || a == std::string::npos) continue;
-        uint64_t address = std::strtoull(s.substr(a + 1, b - a - 1).c_str(), nullptr, 16);
-        size_t length = std::strtoull(s.substr(b + 1).c_str(), nullptr, 16);
-        text.resize(length);
-        GCReadPort(port, address, text.data(), &length);
-      }
+      GCGetPortURLInfo(port, 1, URL_INFO_URL, &type, url, &size);
+      // "Local:name.xml;address;length", both numbers in hexadecimal.
+      const char* fields = std::strchr(url, ';');
+      char* rest = nullptr;
+      uint64_t address = fields ? std::strtoull(fields + 1, &rest, 16) : 0;
+      size_t length = rest && *rest == ';' ? std::strtoull(rest + 1, nullptr, 16) : 0;
+      text.resize(length);
+      if (length && GCReadPort(port, address, text.data(), &length) != 0) text.clear();
       DevClose(dev);
     }
     IFClose(ifh);

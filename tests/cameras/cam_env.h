@@ -148,7 +148,7 @@ void CopyLibrary(const std::string& dir, const std::vector<std::string>& produce
 void CopyFile(const std::string& from, const std::string& to);
 void MakeDirs(const std::string& path);
 
-// The plain description of the first camera of a producer, read straight
+// The plain description of the default world's first GigE camera, read straight
 // from the producer (call before the library loads it).
 std::string FetchDescription(const std::string& cti_path);
 

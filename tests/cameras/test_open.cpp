@@ -172,19 +172,6 @@ bool WriteZip(const std::string& path, const std::string& data, bool damage) {
   return true;
 }
 
-TEST_F(Open, DescriptionThatCannotLoadLeavesTheDeviceFree) {
-  World("[camera]\ntransport = gige\nmodel = Plain\ndescription = plain\n");
-  WriteDataFile("KivSim_Plain.xml", "<this is not a description");
-  Load();
-  HCAMERA cam = nullptr;
-  KIVCAM_OPENPARAM p = Param(KIVCAM_UID_ANY, "", KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST);
-  EXPECT_EQ(Err(lib_->KIVCAM_OpenGigE(&p, &cam)), KIVCAM_ERR_NO_CAMERA);
-  EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", "xml File Not Found Error"));
-  // From the device it opens: the failed attempt closed it again.
-  p.DescriptionIndex = 0;
-  ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
-}
-
 TEST_F(Open, ZipCopyInTheDataFolder) {
   std::string xml = FetchDescription(LibDir() + "/KivGigEGenTL.cti");
   ASSERT_FALSE(xml.empty());
@@ -203,13 +190,15 @@ TEST_F(Open, ZipCopyInTheDataFolder) {
   ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
 }
 
+// Copies in the data folder come first when asked for: one that is no
+// description, one that lacks a standard feature, then a good one with an
+// additional description injected. A failed open leaves the device free.
 TEST_F(Open, DataFolderCopyAndAdditionalDescription) {
   std::string xml = FetchDescription(LibDir() + "/KivGigEGenTL.cti");
   ASSERT_NE(xml.find("TLParamsLocked"), std::string::npos);
-  // A copy without one of the standard features proves the copy is what loads.
   std::string broken = xml;
   for (size_t at; (at = broken.find("\"TLParamsLocked\"")) != std::string::npos;) broken.replace(at, 16, "\"X\"");
-  WriteDataFile("KivSim_KivSim-GC1920M.xml", broken);
+  const std::string copy = "KivSim_KivSim-GC1920M.xml";
   WriteDataFile(kAddName,
                 "<?xml version=\"1.0\"?><RegisterDescription ModelName=\"x\" VendorName=\"y\" "
                 "StandardNameSpace=\"GEV\" SchemaMajorVersion=\"1\" SchemaMinorVersion=\"1\" "
@@ -220,6 +209,10 @@ TEST_F(Open, DataFolderCopyAndAdditionalDescription) {
   Load();
   HCAMERA cam = nullptr;
   KIVCAM_OPENPARAM p = Param(KIVCAM_UID_ANY, "", KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST);
+  WriteDataFile(copy, "<this is not a description");
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenGigE(&p, &cam)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", "xml File Not Found Error"));
+  WriteDataFile(copy, broken);
   EXPECT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_FALSE);
   EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", "Std Node NotFound"));
   auto added = [&] {
@@ -228,15 +221,14 @@ TEST_F(Open, DataFolderCopyAndAdditionalDescription) {
     KivGenApi::INodeMap* nodes = static_cast<KivGenApi::CNodeMapRef*>(map)->_Ptr;
     return nodes && nodes->GetNode("TLParamsLocked") && nodes->GetNode("KivAddedFeature");
   };
-  // A good copy loads, with the additional feature injected.
-  WriteDataFile("KivSim_KivSim-GC1920M.xml", xml);
+  WriteDataFile(copy, xml);
   ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
   EXPECT_TRUE(added());
   ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
   // Without either file the description comes from the device's URL 0, which
   // has no such feature.
   std::remove((DataFolder() + "/" + kAddName).c_str());
-  std::remove((DataFolder() + "/KivSim_KivSim-GC1920M.xml").c_str());
+  std::remove((DataFolder() + "/" + copy).c_str());
   ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
   EXPECT_FALSE(added());
   ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
