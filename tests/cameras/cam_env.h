@@ -130,6 +130,12 @@ class CameraTest : public ::testing::Test {
   Sim& GigE();
   Sim& USB();
   uint32_t Err(KIVCAM_BOOL result) { return lib_->Err(result); }
+  // The camera with this UID, opened (null, and a failure, when it does not open).
+  HCAMERA OpenUid(uint64_t uid) {
+    HCAMERA cam = nullptr;
+    EXPECT_EQ(lib_->KIVCAM_Open(uid, &cam), KIVCAM_TRUE) << uid;
+    return cam;
+  }
   std::string DataFolder() const { return temp_ + "/appdata/Valdrix/KivCam"; }
   void WriteDataFile(const std::string& name, const std::string& text);
   std::string Temp() const { return temp_; }

@@ -129,8 +129,7 @@ TEST_F(Discovery, ReDetectionLoadsProducersAndKeepsOpenCameras) {
   lib_->KIVCAM_ReDetection();
   ASSERT_EQ(lib_->List().size(), 3u);
   // A second re-detection keeps the loaded producers and their open cameras.
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kUsb1);
   lib_->KIVCAM_ReDetection();
   uint32_t state = 7;
   EXPECT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);

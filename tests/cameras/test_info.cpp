@@ -13,8 +13,7 @@ TEST_F(Info, GeneralRecordMatchesTheList) {
   Load();
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 3u);
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kUsb1);
   CameraListEntry e;
   std::memset(&e, 0xA5, sizeof e);
   ASSERT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_TRUE);
@@ -70,8 +69,7 @@ TEST_F(Info, GigEAndUsbRecordsByteForByte) {
 
 TEST_F(Info, ProducerFailureLeavesAPartialRecord) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   ASSERT_TRUE(GigE().loaded());
   // The export's presence test reads the flag, not the producer, so the
   // record's first query is the one that fails.
@@ -89,8 +87,7 @@ TEST_F(Info, ProducerFailureLeavesAPartialRecord) {
 
 TEST_F(Info, UnpluggedCameraIsAbsentUntilPluggedAgain) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kUsb1);
   uint32_t state = 7;
   ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);
   EXPECT_EQ(state, 1u);
@@ -118,8 +115,7 @@ TEST_F(Info, UnpluggedCameraIsAbsentUntilPluggedAgain) {
 
 TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE2, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE2);
   ASSERT_TRUE(GigE().loaded());
   int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE2)).c_str());
   ASSERT_GE(index, 0);
@@ -134,8 +130,7 @@ TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
 
 TEST_F(Info, NodeMapReadsThroughTheCamerasPort) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   void* raw = nullptr;
   EXPECT_EQ(Err(lib_->KIVCAM_GetNodeMap(cam, nullptr)), KIVCAM_ERR_PARAM);
   ASSERT_EQ(lib_->KIVCAM_GetNodeMap(cam, &raw), KIVCAM_TRUE);
@@ -162,8 +157,7 @@ TEST_F(Info, CommandTimeoutBoundsAndVersion) {
   lib_ = std::make_unique<CamLib>();
   ASSERT_TRUE(lib_->loaded());
   ASSERT_EQ(lib_->KIVCAM_SetStructVersion(10101), KIVCAM_TRUE);
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   // The version is tested before anything else, the handle included.
   EXPECT_EQ(Err(lib_->KIVCAM_SetCmdTimeOut(cam, 1000)), KIVCAM_ERR_VERSION);
   EXPECT_EQ(Err(lib_->KIVCAM_SetCmdTimeOut(nullptr, 1000)), KIVCAM_ERR_VERSION);

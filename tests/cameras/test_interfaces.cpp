@@ -124,8 +124,7 @@ TEST_F(Interfaces, DescriptionUrlsAndTheirFailureTexts) {
   // A FILE: URL names a file of the data folder, in any case of the scheme.
   WriteDataFile("cam.xml", xml);
   set_url_("fIlE:cam.xml");
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
   // Looking in the data folder first also takes a LOCAL: URL's file name there.
   set_url_("LOCAL:cam.xml;FFFFFF00;100");

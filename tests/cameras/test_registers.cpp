@@ -15,8 +15,7 @@ constexpr uint32_t kNowhere = 0xFFFFFF00;
 
 TEST_F(Registers, ReadAndWriteThroughAnOpenCamera) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   unsigned char b[8] = {};
   uint32_t size = 4;
   ASSERT_EQ(lib_->KIVCAM_ReadPort(cam, kVersionReg, b, &size), KIVCAM_TRUE);
@@ -114,8 +113,7 @@ TEST_F(Registers, PortObjectWhoseRemotePortFails) {
   CameraListEntry e{};
   ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
   EXPECT_EQ(Uid(e), kUsb1);
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  EXPECT_NE(OpenUid(kGigE1), nullptr);  // the device was closed again
 }
 
 }  // namespace
