@@ -138,51 +138,38 @@ TEST_F(LibraryTest, LoadAndUnloadLinesAndRealUnload) {
   EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    End   "));
 }
 
-class ProcessTableTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    mapping_ = platform::SharedMapping::CreateOrOpen(KIVCAM_PROCESS_TABLE_NAME,
-                                                     kivcam::core::kProcessTableSize);
-    ASSERT_TRUE(mapping_);
-    table_ = static_cast<kivcam::core::ProcessTable*>(mapping_->data());
-  }
-  std::unique_ptr<platform::SharedMapping> mapping_;
-  kivcam::core::ProcessTable* table_ = nullptr;
-};
-
-TEST_F(ProcessTableTest, LoadRegistersAndUnloadRemovesKeepingOrder) {
-  table_->Count = 3;
-  table_->ProcessId[0] = 11;
-  table_->ProcessId[1] = 22;
-  table_->ProcessId[2] = 33;
+// Loading registers the process and unloading removes it, keeping the order
+// of the others and announcing each change; a full table leaves it out.
+TEST(ProcessTable, LoadRegistersUnloadRemovesAndAFullTableLeavesTheProcessOut) {
+  auto mapping = platform::SharedMapping::CreateOrOpen(KIVCAM_PROCESS_TABLE_NAME, kivcam::core::kProcessTableSize);
   auto event = platform::NamedEvent::CreateOrOpen(KIVCAM_PROCESS_EVENT_NAME);
-  ASSERT_TRUE(event);
+  ASSERT_TRUE(mapping && event);
+  auto* table = static_cast<kivcam::core::ProcessTable*>(mapping->data());
+  *table = {3, {11, 22, 33}};
   while (event->Wait(0)) {}
   {
     KivCamLibrary lib;
-    ASSERT_EQ(table_->Count, 4u);
-    EXPECT_EQ(table_->ProcessId[3], platform::ProcessId());
-    EXPECT_TRUE(event->Wait(0));  // every change is announced
-    table_->ProcessId[3] = 22;         // move our entry into the middle
-    table_->ProcessId[1] = platform::ProcessId();
+    ASSERT_EQ(table->Count, 4u);
+    EXPECT_EQ(table->ProcessId[3], platform::ProcessId());
+    EXPECT_TRUE(event->Wait(0));
+    table->ProcessId[3] = 22;  // move our entry into the middle
+    table->ProcessId[1] = platform::ProcessId();
   }
-  EXPECT_EQ(table_->Count, 3u);
-  EXPECT_EQ(table_->ProcessId[0], 11u);
-  EXPECT_EQ(table_->ProcessId[1], 33u);
-  EXPECT_EQ(table_->ProcessId[2], 22u);
+  EXPECT_EQ(table->Count, 3u);
+  EXPECT_EQ(table->ProcessId[0], 11u);
+  EXPECT_EQ(table->ProcessId[1], 33u);
+  EXPECT_EQ(table->ProcessId[2], 22u);
   EXPECT_TRUE(event->Wait(0));
-}
 
-TEST_F(ProcessTableTest, FullTableLeavesTheProcessOutAndUnchanged) {
-  table_->Count = 256;
-  for (uint32_t i = 0; i < 256; ++i) table_->ProcessId[i] = 1000 + i;
+  table->Count = 256;
+  for (uint32_t i = 0; i < 256; ++i) table->ProcessId[i] = 1000 + i;
   {
     KivCamLibrary lib;
-    EXPECT_EQ(table_->Count, 256u);
+    EXPECT_EQ(table->Count, 256u);
     EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_TRUE);  // the library works all the same
   }
-  EXPECT_EQ(table_->Count, 256u);
-  for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(table_->ProcessId[i], 1000 + i);
+  EXPECT_EQ(table->Count, 256u);
+  for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(table->ProcessId[i], 1000 + i);
 }
 
 // ---- bus-event callbacks ------------------------------------------------------
