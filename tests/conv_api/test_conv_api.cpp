@@ -20,13 +20,7 @@ constexpr uint32_t kYUV422_8_UYVY = 0x0210001F;
 constexpr uint32_t kUnsupported = 0x02200016;
 
 KIVCAM_IMAGEDESC Image(uint32_t w, uint32_t h, const void* data, uint32_t format) {
-  KIVCAM_IMAGEDESC d{};
-  d.Width = w;
-  d.Height = h;
-  d.Data = data;
-  d.PixelFormat = format;
-  d.LittleEndian = 1;
-  return d;
+  return KIVCAM_IMAGEDESC{w, h, data, 0, format, 1};
 }
 
 class ConvApiTest : public ::testing::Test {
