@@ -84,33 +84,37 @@ LogDrain::~LogDrain() {
   if (ok_) reader_.SetLevel(0);
 }
 
-namespace {
-std::condition_variable g_log_cv;
-}
-
 void LogDrain::Pull() {
   std::vector<std::string> got = reader_.Take();
-  if (got.empty()) return;
-  {
-    std::lock_guard<std::mutex> g(mutex_);
-    lines_.insert(lines_.end(), got.begin(), got.end());
-  }
-  g_log_cv.notify_all();
+  std::lock_guard<std::mutex> g(mutex_);
+  seen_.insert(seen_.end(), got.begin(), got.end());
+  cv_.notify_all();
 }
 
-std::vector<std::string> LogDrain::Take() {
+void LogDrain::Clear() {
   Pull();
   std::lock_guard<std::mutex> g(mutex_);
-  std::vector<std::string> out;
-  out.swap(lines_);
-  return out;
+  seen_.clear();
 }
 
-bool LogDrain::Saw(const std::string& a, const std::string& b) {
-  for (auto& l : Take()) seen_.push_back(std::move(l));
+bool LogDrain::Has(const std::string& a, const std::string& b) const {
   for (const auto& l : seen_) {
     if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return true;
   }
+  return false;
+}
+
+bool LogDrain::Saw(const std::string& a, const std::string& b) {
+  Pull();
+  std::lock_guard<std::mutex> g(mutex_);
+  return Has(a, b);
+}
+
+bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
+  Pull();
+  std::unique_lock<std::mutex> g(mutex_);
+  if (cv_.wait_for(g, std::chrono::milliseconds(bound_ms), [&] { return Has(a, b); })) return true;
+  for (const auto& l : seen_) std::fprintf(stderr, "  log: %s", l.c_str());  // what did come
   return false;
 }
 
@@ -120,21 +124,6 @@ bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string&
     if (WaitFor(a, b, 2000)) return true;
   }
   return false;
-}
-
-bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
-  for (;;) {
-    if (Saw(a, b)) return true;
-    std::unique_lock<std::mutex> g(mutex_);
-    if (lines_.empty() && g_log_cv.wait_until(g, deadline) == std::cv_status::timeout) {
-      g.unlock();
-      if (Saw(a, b)) return true;
-      // What did come, for the failure report.
-      for (const auto& l : seen_) std::fprintf(stderr, "  log: %s", l.c_str());
-      return false;
-    }
-  }
 }
 
 void MakeDirs(const std::string& path) { fs::create_directories(path); }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -79,14 +80,9 @@ class LogDrain {
   LogDrain();
   ~LogDrain();
   bool ok() const { return ok_; }
-  // Everything written so far (a final take first); the store is emptied.
-  std::vector<std::string> Take();
   // Forgets every line written so far.
-  void Clear() {
-    Take();
-    seen_.clear();
-  }
-  // True when a line holding both texts was written (taking the lines).
+  void Clear();
+  // True when a line holding both texts was written.
   bool Saw(const std::string& a, const std::string& b = "");
   // Waits until a line holding both texts arrives, at most the bound.
   bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
@@ -98,11 +94,12 @@ class LogDrain {
 
  private:
   void Pull();
+  bool Has(const std::string& a, const std::string& b) const;  // mutex_ held
   kivcam::monitor::LogReader reader_;
   bool ok_ = false;
   std::mutex mutex_;
-  std::vector<std::string> lines_;
-  std::vector<std::string> seen_;  // kept for Saw/WaitFor across calls
+  std::condition_variable cv_;
+  std::vector<std::string> seen_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
