@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -98,10 +99,18 @@ void LogDrain::Clear() {
 }
 
 bool LogDrain::Has(const std::string& a, const std::string& b) const {
+  return std::any_of(seen_.begin(), seen_.end(), [&](const std::string& l) {
+    return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
+  });
+}
+
+std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
+  Pull();
+  std::lock_guard<std::mutex> g(mutex_);
   for (const auto& l : seen_) {
-    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return true;
+    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return l;
   }
-  return false;
+  return "";
 }
 
 bool LogDrain::Saw(const std::string& a, const std::string& b) {

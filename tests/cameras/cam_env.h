@@ -84,6 +84,8 @@ class LogDrain {
   void Clear();
   // True when a line holding both texts was written.
   bool Saw(const std::string& a, const std::string& b = "");
+  // The first line seen holding both texts, or empty.
+  std::string LineWith(const std::string& a, const std::string& b = "");
   // Waits until a line holding both texts arrives, at most the bound.
   bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
   // The virtual producers watch for raised events on a thread of their own

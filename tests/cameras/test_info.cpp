@@ -120,10 +120,14 @@ TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE2)).c_str());
   ASSERT_GE(index, 0);
   // The interface's threads see the producer's event; the bus-reset thread
-  // refreshes its cameras, then tells the library.
+  // refreshes its cameras, then tells the library from its own thread (the
+  // event thread tells it too, on its own time).
   ASSERT_TRUE(log_->RaiseUntil([&] { GigE().plug(index, 0); }, "CInterface::BusEventGet_Thread",
                                "BusReset Event"));
-  ASSERT_TRUE(log_->WaitFor("CKivCamDLL::UserBusEvent", "BusReset Detection"));
+  ASSERT_TRUE(log_->WaitFor("CInterface::BusReset_Thread", "BusReset "));
+  std::string line = log_->LineWith("CInterface::BusReset_Thread", "BusReset ");
+  std::string thread = line.substr(line.find("ThreadID="));
+  ASSERT_TRUE(log_->WaitFor("BusReset Detection", thread.substr(0, thread.find(','))));
   CameraListEntry e{};
   EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, &e)), KIVCAM_ERR_NO_CAMERA);
 }
