@@ -174,15 +174,14 @@ TEST(ProcessTable, LoadRegistersUnloadRemovesAndAFullTableLeavesTheProcessOut) {
 
 // ---- bus-event callbacks ------------------------------------------------------
 
+// What the application's function saw; it can hold the callback thread in
+// its first call until released.
 struct CallbackLog {
   std::mutex m;
   std::condition_variable cv;
   std::vector<std::pair<uint32_t, void*>> calls;
-  bool block_first = false;
-  bool release = false;
-  bool returned = false;
+  bool block_first = false, release = false, returned = false;
 
-  static void Fn(uint32_t event, void* context);
   void WaitFor(size_t n) {
     std::unique_lock<std::mutex> g(m);
     ASSERT_TRUE(cv.wait_for(g, std::chrono::seconds(10), [&] { return calls.size() >= n; }));
@@ -194,37 +193,31 @@ struct CallbackLog {
   }
 };
 
-CallbackLog* g_calls = nullptr;
-
-void CallbackLog::Fn(uint32_t event, void* context) {
-  std::unique_lock<std::mutex> g(g_calls->m);
-  g_calls->calls.emplace_back(event, context);
-  g_calls->cv.notify_all();
-  if (g_calls->block_first && g_calls->calls.size() == 1) {
-    g_calls->cv.wait(g, [] { return g_calls->release; });
-  }
-  g_calls->returned = true;
-}
-
 class CallbackTest : public LibraryTest {
  protected:
+  static void Fn(uint32_t event, void* context) {
+    std::unique_lock<std::mutex> g(calls_.m);
+    calls_.calls.emplace_back(event, context);
+    calls_.cv.notify_all();
+    if (calls_.block_first && calls_.calls.size() == 1) calls_.cv.wait(g, [] { return calls_.release; });
+    calls_.returned = true;
+  }
   void SetUp() override {
     LibraryTest::SetUp();
-    g_calls = &calls_;
+    std::lock_guard<std::mutex> g(calls_.m);
+    calls_.calls.clear();
+    calls_.block_first = calls_.release = calls_.returned = false;
   }
-  void TearDown() override {
-    LibraryTest::TearDown();
-    g_calls = nullptr;
-  }
-  CallbackLog calls_;
+  static CallbackLog calls_;
 };
+CallbackLog CallbackTest::calls_;
 
 TEST_F(CallbackTest, PendingHappeningsArriveBusResetFirstOncePerKind) {
   log_.SetLevel(1);
   KivCamLibrary lib;
   int ctx = 0;
   calls_.block_first = true;
-  lib.KIVCAM_SetCallBack(&ctx, &CallbackLog::Fn);
+  lib.KIVCAM_SetCallBack(&ctx, &Fn);
   lib.RaiseEvent(1);
   calls_.WaitFor(1);  // the thread is inside the first callback
   lib.RaiseEvent(2);  // power-up first, then two bus resets: all pending together
@@ -246,7 +239,7 @@ TEST_F(CallbackTest, PendingHappeningsArriveBusResetFirstOncePerKind) {
 TEST_F(CallbackTest, NullFunctionStopsCallbacksAndANewOneSeesOnlyNewHappenings) {
   KivCamLibrary lib;
   int first = 1, second = 2;
-  lib.KIVCAM_SetCallBack(&first, &CallbackLog::Fn);
+  lib.KIVCAM_SetCallBack(&first, &Fn);
   lib.RaiseEvent(1);
   calls_.WaitFor(1);
   lib.KIVCAM_SetCallBack(nullptr, nullptr);
@@ -258,7 +251,7 @@ TEST_F(CallbackTest, NullFunctionStopsCallbacksAndANewOneSeesOnlyNewHappenings) 
   ASSERT_EQ(calls_.calls.size(), 1u);
 
   KivCamLibrary again;
-  again.KIVCAM_SetCallBack(&second, &CallbackLog::Fn);
+  again.KIVCAM_SetCallBack(&second, &Fn);
   again.RaiseEvent(2);
   calls_.WaitFor(2);
   ASSERT_EQ(calls_.calls.size(), 2u);
@@ -269,7 +262,7 @@ TEST_F(CallbackTest, UnloadWaitsForARunningCallback) {
   auto lib = std::make_unique<KivCamLibrary>();
   int ctx = 0;
   calls_.block_first = true;
-  lib->KIVCAM_SetCallBack(&ctx, &CallbackLog::Fn);
+  lib->KIVCAM_SetCallBack(&ctx, &Fn);
   lib->RaiseEvent(1);
   calls_.WaitFor(1);
   std::atomic<bool> unloaded{false};

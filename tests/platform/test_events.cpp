@@ -93,23 +93,6 @@ TEST(WaitAny, ReportsTimeoutAndRefusesBadArguments) {
   EXPECT_EQ(kp::WaitAny(too_many.data(), too_many.size(), 0), kp::kWaitFailed);
 }
 
-TEST(WaitAny, MixesNamedAndUnnamedEvents) {
-  const std::string name = "KivTestWaitAnyMix";
-  auto named = kp::NamedEvent::CreateOrOpen(name);
-  kp::RemoveMachineWideName(name);  // the open handle keeps working
-  ASSERT_TRUE(named);
-  kp::Event unnamed(false, false);
-  kp::Waitable* objs[] = {&unnamed, named.get()};
-  named->Set();
-  unnamed.Set();
-  EXPECT_EQ(kp::WaitAny(objs, 2, 0), 0);
-  EXPECT_EQ(kp::WaitAny(objs, 2, 0), 1);  // the named one kept its signal
-  EXPECT_EQ(kp::WaitAny(objs, 2, 0), kp::kWaitTimeout);
-  std::thread setter([&] { named->Set(); });
-  EXPECT_EQ(kp::WaitAny(objs, 2, kBoundMs), 1);
-  setter.join();
-}
-
 // Each Set of an auto-reset event lets exactly one of several threads waiting
 // without a bound through; the manual-reset stop event then ends all of them.
 TEST(WaitAny, OneOfSeveralWaitingThreadsTakesEachSet) {

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -14,50 +15,20 @@
 
 namespace kp = kivcam::platform;
 
-namespace {
-
-// Sets an environment variable for one test and restores it.
-class EnvGuard {
- public:
-  explicit EnvGuard(const char* name) : name_(name), had_(std::getenv(name) != nullptr) {
-    if (had_) old_ = std::getenv(name);
-  }
-  ~EnvGuard() { had_ ? setenv(name_, old_.c_str(), 1) : unsetenv(name_); }
-  void Set(const char* value) { value ? setenv(name_, value, 1) : unsetenv(name_); }
-
- private:
-  const char* name_;
-  bool had_;
-  std::string old_;
-};
-
-// A private temporary folder, removed with its files.
-struct TempDir {
-  std::string path;
-  TempDir() {
-    char tmpl[] = "/tmp/kivtest_XXXXXX";
-    if (mkdtemp(tmpl)) path = tmpl;
-  }
-  ~TempDir() {
-    if (!path.empty()) (void)!std::system(("rm -rf '" + path + "'").c_str());
-  }
-};
-
-}  // namespace
-
 TEST(Environment, GetEnvTellsEmptyFromMissingAndDataFolderFollowsCommonAppData) {
-  EnvGuard var("KIVTEST_SOME_VARIABLE"), appdata("KIVCAM_COMMON_APPDATA");
   bool found = true;
-  var.Set(nullptr);
+  unsetenv("KIVTEST_SOME_VARIABLE");
   EXPECT_EQ(kp::GetEnv("KIVTEST_SOME_VARIABLE", &found), "");
   EXPECT_FALSE(found);
-  var.Set("");
+  setenv("KIVTEST_SOME_VARIABLE", "", 1);
   EXPECT_EQ(kp::GetEnv("KIVTEST_SOME_VARIABLE", &found), "");
   EXPECT_TRUE(found);
-  appdata.Set(nullptr);
+  unsetenv("KIVCAM_COMMON_APPDATA");
   EXPECT_EQ(kp::DataFolder(), "/var/lib/Valdrix/KivCam");
-  appdata.Set("/srv/data/");
+  setenv("KIVCAM_COMMON_APPDATA", "/srv/data/", 1);
   EXPECT_EQ(kp::DataFolder(), "/srv/data/Valdrix/KivCam");
+  unsetenv("KIVCAM_COMMON_APPDATA");
+  unsetenv("KIVTEST_SOME_VARIABLE");
 }
 
 TEST(Paths, AppendJoinsWithExactlyOneSeparator) {
@@ -69,16 +40,15 @@ TEST(Paths, AppendJoinsWithExactlyOneSeparator) {
 // The started program reports its argv[0] and argument count through a FIFO
 // named in the environment it inherits.
 TEST(StartProcess, StartsTheProgramWithoutArgumentsAndLeavesNoChild) {
-  TempDir dir;
-  ASSERT_FALSE(dir.path.empty());
-  const std::string fifo = dir.path + "/out", script = dir.path + "/monitor.sh";
+  char tmpl[] = "/tmp/kivtest_XXXXXX";
+  ASSERT_NE(mkdtemp(tmpl), nullptr);
+  const std::string dir = tmpl, fifo = dir + "/out", script = dir + "/monitor.sh";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   std::ofstream(script) << "#!/bin/sh\nprintf '%s %s\\n' \"$0\" \"$#\" > \"$KIVTEST_START_OUT\"\n";
   ASSERT_EQ(chmod(script.c_str(), 0755), 0);
   int fd = open(fifo.c_str(), O_RDWR | O_CLOEXEC);  // read-write: opening never blocks
   ASSERT_GE(fd, 0);
-  EnvGuard out("KIVTEST_START_OUT");
-  out.Set(fifo.c_str());
+  setenv("KIVTEST_START_OUT", fifo.c_str(), 1);
 
   ASSERT_TRUE(kp::StartProcess(script));
   std::string line;
@@ -92,8 +62,10 @@ TEST(StartProcess, StartsTheProgramWithoutArgumentsAndLeavesNoChild) {
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
 
-  EXPECT_FALSE(kp::StartProcess(dir.path + "/missing"));
-  std::ofstream(dir.path + "/plain") << "data";
-  EXPECT_FALSE(kp::StartProcess(dir.path + "/plain"));  // not executable
+  EXPECT_FALSE(kp::StartProcess(dir + "/missing"));
+  std::ofstream(dir + "/plain") << "data";
+  EXPECT_FALSE(kp::StartProcess(dir + "/plain"));  // not executable
   EXPECT_FALSE(kp::StartProcess(""));
+  unsetenv("KIVTEST_START_OUT");
+  std::filesystem::remove_all(dir);
 }
