@@ -74,6 +74,8 @@ TEST_F(LibraryTest, StructureVersionOnlyRisesAndRevisionClearsTheError) {
   EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
   EXPECT_EQ(lib.KIVCAM_SetStructVersion(10102), KIVCAM_FALSE);
   EXPECT_EQ(lib.KIVCAM_GetLastError(), 16u);
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(10106), KIVCAM_TRUE);  // the same one again
+  EXPECT_EQ(lib.KIVCAM_SetStructVersion(10102), KIVCAM_FALSE);
   // The revision query clears the last error too.
   EXPECT_EQ(lib.KIVCAM_GetLibraryRevision(), 10106u);
   EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
