@@ -267,7 +267,7 @@ TEST_F(Open, FailureAtEachProducerCallOnTheOpenPath) {
   ASSERT_TRUE(GigE().loaded());
   struct Case {
     const char* call;
-    const char* logged;  // the producer's own text when null
+    const char* logged;  // the producer's own text when null; nothing looked for when empty
   };
   const Case cases[] = {{"DevGetPort", nullptr},       {"DevGetNumDataStreams", nullptr},
                         {"DevGetDataStreamID", nullptr}, {"DevOpenDataStream", nullptr},
@@ -282,7 +282,9 @@ TEST_F(Open, FailureAtEachProducerCallOnTheOpenPath) {
     HCAMERA cam = reinterpret_cast<HCAMERA>(8);
     EXPECT_EQ(Err(lib_->KIVCAM_Open(kGigE1, &cam)), KIVCAM_ERR_NO_CAMERA);
     EXPECT_EQ(cam, nullptr);
-    EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", c.logged ? c.logged : text));
+    if (!c.logged || *c.logged) {
+      EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", c.logged ? c.logged : text));
+    }
     // Nothing stays open: the same camera opens at once.
     ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
     ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
