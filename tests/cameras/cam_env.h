@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -105,6 +106,15 @@ class LogDrain {
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
+
+// An open request by UID or key (empty: none), with a description index.
+inline KIVCAM_OPENPARAM Param(uint64_t uid, const char* key = "", uint32_t index = 0) {
+  KIVCAM_OPENPARAM p{};
+  p.UID = uid;
+  p.DescriptionIndex = index;
+  std::strncpy(p.DeviceKey, key, sizeof p.DeviceKey);
+  return p;
+}
 
 // The UID of a packed record, read by value (it sits at 4 modulo 8).
 inline uint64_t Uid(const CameraListEntry& e) { return e.UID; }

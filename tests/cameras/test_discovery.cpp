@@ -75,6 +75,15 @@ TEST_F(Discovery, MissingOrBrokenProducerIsLoggedAndTheOtherStillLoads) {
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 2u);
   EXPECT_EQ(list[1].CameraKind, KIVCAM_CAMERAKIND_GIGE);
+  // Opens of the missing kind: not supported by key or UID, none to take first.
+  HCAMERA cam = nullptr;
+  KIVCAM_OPENPARAM p = Param(KIVCAM_UID_ANY, "cam1");
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenUSB(&p, &cam)), KIVCAM_ERR_NOT_SUPPORTED);
+  p = Param(kUsb1);
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenUSB(&p, &cam)), KIVCAM_ERR_NOT_SUPPORTED);
+  p = Param(KIVCAM_UID_ANY);
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenUSB(&p, &cam)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
 
   std::string root = Temp() + "/genicam";
   MakeDirs(root + "/bin/Linux64_x64/TLIs");

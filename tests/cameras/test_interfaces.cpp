@@ -128,9 +128,7 @@ TEST_F(Interfaces, DescriptionUrlsAndTheirFailureTexts) {
   ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
   // Looking in the data folder first also takes a LOCAL: URL's file name there.
   set_url_("LOCAL:cam.xml;FFFFFF00;100");
-  KIVCAM_OPENPARAM p{};
-  p.UID = kGigE1;
-  p.DescriptionIndex = KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST;
+  KIVCAM_OPENPARAM p = Param(kGigE1, "", KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST);
   ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
 }
 

@@ -79,7 +79,7 @@ TEST_F(ConvApiTest, HandlesLiveOnTheirOwnAndStaleOnesAreRefused) {
   Create();
 }
 
-TEST_F(ConvApiTest, ColorConvExecConvertsWithTheHandlesModeAndRefusesWhatItCannot) {
+TEST_F(ConvApiTest, ColorConvExecConvertsWithTheHandlesModeAndCoefficientsAndRefusesWhatItCannot) {
   KIVCAM_CONVMODE mode24{1, 0, 1, 0, 0};  // mirrored, 24-bit
   HCTBL h = Create(&mode24);
   uint8_t src[6] = {1, 2, 3, 4, 5, 6};     // 3 x 2 Mono8
@@ -95,16 +95,14 @@ TEST_F(ConvApiTest, ColorConvExecConvertsWithTheHandlesModeAndRefusesWhatItCanno
   EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(h, nullptr, dst.data())), KIVCAM_ERR_PARAM);
   KIVCAM_IMAGEDESC tiny = Image(1, 4, src, kBayerRG8);  // a Bayer image needs a 2 x 2 cell
   EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(h, &tiny, dst.data())), KIVCAM_ERR_PARAM);
-}
 
-TEST_F(ConvApiTest, YuvConversionThroughAHandleUsesItsCoefficients) {
-  KIVCAM_YUVCOEF coef{2.0, 0.0, 0.0, 0.0};  // V to R doubled, nothing else
-  HCTBL h = nullptr;
-  ASSERT_EQ(lib_.KIVCAM_CreateConvHandle(&h, nullptr, &coef), KIVCAM_TRUE);
+  // A handle's own YUV coefficients: V to R doubled, nothing else.
+  KIVCAM_YUVCOEF coef{2.0, 0.0, 0.0, 0.0};
+  HCTBL yuv = nullptr;
+  ASSERT_EQ(lib_.KIVCAM_CreateConvHandle(&yuv, nullptr, &coef), KIVCAM_TRUE);
   uint8_t uyvy[4] = {128, 100, 200, 100};  // U, Y0, V, Y1: V - 128 = 72
-  uint8_t dst[8] = {};
-  KIVCAM_IMAGEDESC img = Image(2, 1, uyvy, kYUV422_8_UYVY);
-  ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst), KIVCAM_TRUE);
+  img = Image(2, 1, uyvy, kYUV422_8_UYVY);
+  ASSERT_EQ(lib_.KIVCAM_ColorConvExec(yuv, &img, dst.data()), KIVCAM_TRUE);
   EXPECT_EQ(dst[0], 100);  // B = Y
   EXPECT_EQ(dst[1], 100);  // G = Y
   EXPECT_EQ(dst[2], 244);  // R = Y + 2 * 72
