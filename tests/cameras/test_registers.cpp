@@ -13,7 +13,7 @@ constexpr uint32_t kVersionReg = 0x0000;
 constexpr uint32_t kHeartbeatReg = 0x0938;
 constexpr uint32_t kNowhere = 0xFFFFFF00;
 
-TEST_F(Registers, ReadAndWriteThroughAnOpenCamera) {
+TEST_F(Registers, ReadAndWriteThroughAnOpenCameraAndAPortWhoseDeviceFails) {
   Load();
   HCAMERA cam = OpenUid(kGigE1);
   unsigned char b[8] = {};
@@ -40,6 +40,17 @@ TEST_F(Registers, ReadAndWriteThroughAnOpenCamera) {
   ASSERT_EQ(GigE().fail_next("GCReadPort", -1010, "Injected", 1), 0);
   size = 4;
   EXPECT_EQ(Err(lib_->KIVCAM_ReadPort(cam, kVersionReg, b, &size)), KIVCAM_ERR_ACCESS);
+
+  // A port object whose device's remote port fails: the device is closed
+  // again and the search goes on to the next producer.
+  ASSERT_EQ(GigE().fail_next("DevGetPort", -1001, "Injected port", 1), 0);
+  HCAMERAPORT port = nullptr;
+  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);
+  EXPECT_TRUE(log_->Saw("CInterface::OpenCameraPort", "Injected port"));
+  CameraListEntry e{};
+  ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
+  EXPECT_EQ(Uid(e), kUsb1);
+  EXPECT_NE(OpenUid(kGigE2), nullptr);
 }
 
 TEST_F(Registers, PortObjectsHoldTheirDevice) {
@@ -100,20 +111,6 @@ TEST_F(Registers, PortInformationOfA100Link) {
   EXPECT_EQ(Err(lib_->KIVCAM_CameraRegInfo(port, &e)), KIVCAM_ERR_OTHER);
   EXPECT_TRUE(log_->Saw("CCameraPort::CameraInfo", "Injected info"));
   EXPECT_EQ(Uid(e), 0u);
-}
-
-TEST_F(Registers, PortObjectWhoseRemotePortFails) {
-  Load();
-  ASSERT_TRUE(GigE().loaded());
-  ASSERT_EQ(GigE().fail_next("DevGetPort", -1001, "Injected port", 1), 0);
-  HCAMERAPORT port = nullptr;
-  // The GigE device is closed again; the search goes on to the USB producer.
-  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);
-  EXPECT_TRUE(log_->Saw("CInterface::OpenCameraPort", "Injected port"));
-  CameraListEntry e{};
-  ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
-  EXPECT_EQ(Uid(e), kUsb1);
-  EXPECT_NE(OpenUid(kGigE1), nullptr);  // the device was closed again
 }
 
 }  // namespace
