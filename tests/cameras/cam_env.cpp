@@ -1,17 +1,15 @@
 #include "cam_env.h"
 
 #include <dlfcn.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "kivgentl/gentl.h"
 
@@ -19,44 +17,15 @@ namespace camtest {
 
 namespace fs = std::filesystem;
 
-std::string BuildDir() {
-  char exe[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (n <= 0) return ".";
-  exe[n] = '\0';
-  return fs::path(exe).parent_path().parent_path().string();
-}
+std::string BuildDir() { return fs::read_symlink("/proc/self/exe").parent_path().parent_path().string(); }
 
 std::string LibDir() { return BuildDir() + "/lib"; }
 
 CamLib::CamLib(const std::string& path) {
   handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle_) return;
-#define CAMTEST_BIND(name) name = reinterpret_cast<decltype(name)>(dlsym(handle_, #name))
-  CAMTEST_BIND(KIVCAM_SetStructVersion);
-  CAMTEST_BIND(KIVCAM_GetLastError);
-  CAMTEST_BIND(KIVCAM_SetCallBack);
-  CAMTEST_BIND(KIVCAM_GetList);
-  CAMTEST_BIND(KIVCAM_Open);
-  CAMTEST_BIND(KIVCAM_OpenGigE);
-  CAMTEST_BIND(KIVCAM_OpenUSB);
-  CAMTEST_BIND(KIVCAM_Close);
-  CAMTEST_BIND(KIVCAM_CloseAll);
-  CAMTEST_BIND(KIVCAM_Camera);
-  CAMTEST_BIND(KIVCAM_Reset);
-  CAMTEST_BIND(KIVCAM_ReDetection);
-  CAMTEST_BIND(KIVCAM_ReadPort);
-  CAMTEST_BIND(KIVCAM_WritePort);
-  CAMTEST_BIND(KIVCAM_OpenReg);
-  CAMTEST_BIND(KIVCAM_CloseReg);
-  CAMTEST_BIND(KIVCAM_ReadReg);
-  CAMTEST_BIND(KIVCAM_WriteReg);
-  CAMTEST_BIND(KIVCAM_CameraRegInfo);
-  CAMTEST_BIND(KIVCAM_CameraInfo);
-  CAMTEST_BIND(KIVCAM_CameraInfoGigE);
-  CAMTEST_BIND(KIVCAM_CameraInfoUSB);
-  CAMTEST_BIND(KIVCAM_GetNodeMap);
-  CAMTEST_BIND(KIVCAM_SetCmdTimeOut);
+#define CAMTEST_BIND(name) name = reinterpret_cast<decltype(name)>(dlsym(handle_, #name));
+  CAMTEST_EXPORTS(CAMTEST_BIND)
 #undef CAMTEST_BIND
 }
 
@@ -88,14 +57,8 @@ Sim::Sim(const std::string& cti_path) {
   // Only the instance the library already loaded; never a second start.
   handle_ = dlopen(cti_path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
   if (!handle_) return;
-#define SIM_BIND(field) field = reinterpret_cast<decltype(field)>(dlsym(handle_, "kivsim_" #field))
-  SIM_BIND(camera_index);
-  SIM_BIND(plug);
-  SIM_BIND(raise_interface_event);
-  SIM_BIND(fail_next);
-  SIM_BIND(short_reads);
-  SIM_BIND(get_counters);
-  SIM_BIND(reset_faults);
+#define SIM_BIND(field) field = reinterpret_cast<decltype(field)>(dlsym(handle_, "kivsim_" #field));
+  CAMTEST_SIM_CONTROLS(SIM_BIND)
 #undef SIM_BIND
 }
 
@@ -122,42 +85,46 @@ LogDrain::~LogDrain() {
   if (ok_) reader_.SetLevel(0);
 }
 
-namespace {
-std::condition_variable g_log_cv;
-}
-
 void LogDrain::Pull() {
   std::vector<std::string> got = reader_.Take();
-  if (got.empty()) return;
-  {
-    std::lock_guard<std::mutex> g(mutex_);
-    lines_.insert(lines_.end(), got.begin(), got.end());
-  }
-  g_log_cv.notify_all();
+  std::lock_guard<std::mutex> g(mutex_);
+  seen_.insert(seen_.end(), got.begin(), got.end());
+  cv_.notify_all();
 }
 
-std::vector<std::string> LogDrain::Take() {
+void LogDrain::Clear() {
   Pull();
   std::lock_guard<std::mutex> g(mutex_);
-  std::vector<std::string> out;
-  out.swap(lines_);
-  return out;
+  seen_.clear();
 }
 
-bool LogDrain::Saw(const std::string& a, const std::string& b) {
-  for (auto& l : Take()) seen_.push_back(std::move(l));
-  for (const auto& l : seen_) {
-    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return true;
-  }
-  return false;
+bool LogDrain::Has(const std::string& a, const std::string& b) const {
+  return std::any_of(seen_.begin(), seen_.end(), [&](const std::string& l) {
+    return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
+  });
 }
 
 std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
-  Saw(a, b);
+  Pull();
+  std::lock_guard<std::mutex> g(mutex_);
   for (const auto& l : seen_) {
     if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return l;
   }
   return "";
+}
+
+bool LogDrain::Saw(const std::string& a, const std::string& b) {
+  Pull();
+  std::lock_guard<std::mutex> g(mutex_);
+  return Has(a, b);
+}
+
+bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
+  Pull();
+  std::unique_lock<std::mutex> g(mutex_);
+  if (cv_.wait_for(g, std::chrono::milliseconds(bound_ms), [&] { return Has(a, b); })) return true;
+  for (const auto& l : seen_) std::fprintf(stderr, "  log: %s", l.c_str());  // what did come
+  return false;
 }
 
 bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b) {
@@ -168,23 +135,7 @@ bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string&
   return false;
 }
 
-bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
-  for (;;) {
-    if (Saw(a, b)) return true;
-    std::unique_lock<std::mutex> g(mutex_);
-    if (lines_.empty() && g_log_cv.wait_until(g, deadline) == std::cv_status::timeout) {
-      g.unlock();
-      if (Saw(a, b)) return true;
-      // What did come, for the failure report.
-      for (const auto& l : seen_) std::fprintf(stderr, "  log: %s", l.c_str());
-      return false;
-    }
-  }
-}
-
 void MakeDirs(const std::string& path) { fs::create_directories(path); }
-
 void CopyFile(const std::string& from, const std::string& to) {
   fs::copy_file(from, to, fs::copy_options::overwrite_existing);
 }
@@ -257,47 +208,35 @@ std::string FetchDescription(const std::string& cti_path) {
   if (!h) return "";
 #define RAW(name) auto name = reinterpret_cast<P##name>(dlsym(h, #name))
   RAW(GCInitLib); RAW(GCCloseLib); RAW(TLOpen); RAW(TLClose); RAW(TLUpdateInterfaceList);
-  RAW(TLGetNumInterfaces); RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose);
-  RAW(IFUpdateDeviceList); RAW(IFGetNumDevices); RAW(IFGetDeviceID); RAW(IFOpenDevice);
-  RAW(DevGetPort); RAW(DevClose); RAW(GCGetNumPortURLs); RAW(GCGetPortURLInfo); RAW(GCReadPort);
+  RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose); RAW(IFUpdateDeviceList);
+  RAW(IFGetDeviceID); RAW(IFOpenDevice); RAW(DevGetPort); RAW(DevClose); RAW(GCGetPortURLInfo); RAW(GCReadPort);
 #undef RAW
+  // The default world: the second adapter's first camera, plain description at URL 1.
   std::string text;
   TL_HANDLE tl = nullptr;
+  IF_HANDLE ifh = nullptr;
+  DEV_HANDLE dev = nullptr;
+  PORT_HANDLE port = nullptr;
+  char id[512], url[512] = {};
+  size_t size = sizeof id;
+  INFO_DATATYPE type;
   GCInitLib();
   TLOpen(&tl);
   TLUpdateInterfaceList(tl, nullptr, 1000);
-  uint32_t nif = 0;
-  TLGetNumInterfaces(tl, &nif);
-  for (uint32_t i = 0; i < nif && text.empty(); ++i) {
-    char id[512];
-    size_t size = sizeof id;
-    IF_HANDLE ifh = nullptr;
-    if (TLGetInterfaceID(tl, i, id, &size) != 0 || TLOpenInterface(tl, id, &ifh) != 0) continue;
+  if (TLGetInterfaceID(tl, 1, id, &size) == 0 && TLOpenInterface(tl, id, &ifh) == 0) {
     IFUpdateDeviceList(ifh, nullptr, 1000);
-    uint32_t ndev = 0;
-    IFGetNumDevices(ifh, &ndev);
-    char dev_id[512];
-    size = sizeof dev_id;
-    DEV_HANDLE dev = nullptr;
-    if (ndev > 0 && IFGetDeviceID(ifh, 0, dev_id, &size) == 0 &&
-        IFOpenDevice(ifh, dev_id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
-      PORT_HANDLE port = nullptr;
-      uint32_t urls = 0;
+    size = sizeof id;
+    if (IFGetDeviceID(ifh, 0, id, &size) == 0 && IFOpenDevice(ifh, id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
+      size = sizeof url;
       DevGetPort(dev, &port);
-      GCGetNumPortURLs(port, &urls);
-      for (uint32_t u = 0; u < urls && text.empty(); ++u) {
-        char url[512] = {};
-        INFO_DATATYPE type;
-        size = sizeof url;
-        GCGetPortURLInfo(port, u, URL_INFO_URL, &type, url, &size);
-        std::string s(url);
-        size_t a = s.find(';'), b = s.find(';', a + 1);
-        if (s.find(".xml") == std::string::npos || a == std::string::npos) continue;
-        uint64_t address = std::strtoull(s.substr(a + 1, b - a - 1).c_str(), nullptr, 16);
-        size_t length = std::strtoull(s.substr(b + 1).c_str(), nullptr, 16);
-        text.resize(length);
-        GCReadPort(port, address, text.data(), &length);
-      }
+      GCGetPortURLInfo(port, 1, URL_INFO_URL, &type, url, &size);
+      // "Local:name.xml;address;length", both numbers in hexadecimal.
+      const char* fields = std::strchr(url, ';');
+      char* rest = nullptr;
+      uint64_t address = fields ? std::strtoull(fields + 1, &rest, 16) : 0;
+      size_t length = rest && *rest == ';' ? std::strtoull(rest + 1, nullptr, 16) : 0;
+      text.resize(length);
+      if (length && GCReadPort(port, address, text.data(), &length) != 0) text.clear();
       DevClose(dev);
     }
     IFClose(ifh);

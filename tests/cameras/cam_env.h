@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -23,40 +25,30 @@ namespace camtest {
 std::string BuildDir();
 std::string LibDir();  // where libkivcam.so and the producers are
 
-// libkivcam.so from `path`, with the exports these tests use.
+// The exports these tests use.
+#define CAMTEST_EXPORTS(X)                                                                              \
+  X(KIVCAM_SetStructVersion) X(KIVCAM_GetLastError) X(KIVCAM_GetList)            \
+  X(KIVCAM_Open) X(KIVCAM_OpenGigE) X(KIVCAM_OpenUSB) X(KIVCAM_Close) X(KIVCAM_CloseAll) X(KIVCAM_Camera) \
+  X(KIVCAM_Reset) X(KIVCAM_ReDetection) X(KIVCAM_ReadPort) X(KIVCAM_WritePort) X(KIVCAM_OpenReg)       \
+  X(KIVCAM_CloseReg) X(KIVCAM_ReadReg) X(KIVCAM_WriteReg) X(KIVCAM_CameraRegInfo) X(KIVCAM_CameraInfo) \
+  X(KIVCAM_CameraInfoGigE) X(KIVCAM_CameraInfoUSB) X(KIVCAM_GetNodeMap) X(KIVCAM_SetCmdTimeOut)
+
+// Last-error value Err gives for a call that did not fail.
+constexpr uint32_t kSucceeded = 0xFFFFFFFFu;
+
+// libkivcam.so from `path`, with its exports bound.
 class CamLib {
  public:
   explicit CamLib(const std::string& path = LibDir() + "/libkivcam.so");
   ~CamLib();
   bool loaded() const { return handle_ != nullptr; }
 
-#define CAMTEST_FN(name) decltype(&::name) name = nullptr
-  CAMTEST_FN(KIVCAM_SetStructVersion);
-  CAMTEST_FN(KIVCAM_GetLastError);
-  CAMTEST_FN(KIVCAM_SetCallBack);
-  CAMTEST_FN(KIVCAM_GetList);
-  CAMTEST_FN(KIVCAM_Open);
-  CAMTEST_FN(KIVCAM_OpenGigE);
-  CAMTEST_FN(KIVCAM_OpenUSB);
-  CAMTEST_FN(KIVCAM_Close);
-  CAMTEST_FN(KIVCAM_CloseAll);
-  CAMTEST_FN(KIVCAM_Camera);
-  CAMTEST_FN(KIVCAM_Reset);
-  CAMTEST_FN(KIVCAM_ReDetection);
-  CAMTEST_FN(KIVCAM_ReadPort);
-  CAMTEST_FN(KIVCAM_WritePort);
-  CAMTEST_FN(KIVCAM_OpenReg);
-  CAMTEST_FN(KIVCAM_CloseReg);
-  CAMTEST_FN(KIVCAM_ReadReg);
-  CAMTEST_FN(KIVCAM_WriteReg);
-  CAMTEST_FN(KIVCAM_CameraRegInfo);
-  CAMTEST_FN(KIVCAM_CameraInfo);
-  CAMTEST_FN(KIVCAM_CameraInfoGigE);
-  CAMTEST_FN(KIVCAM_CameraInfoUSB);
-  CAMTEST_FN(KIVCAM_GetNodeMap);
-  CAMTEST_FN(KIVCAM_SetCmdTimeOut);
+#define CAMTEST_FN(name) decltype(&::name) name = nullptr;
+  CAMTEST_EXPORTS(CAMTEST_FN)
 #undef CAMTEST_FN
 
+  // The last error after a call that should have failed (kSucceeded if it did not).
+  uint32_t Err(KIVCAM_BOOL result) { return result ? kSucceeded : KIVCAM_GetLastError(); }
   // The whole list (count query, then fill).
   std::vector<CameraListEntry> List();
   // Big-endian 32-bit register of a GigE camera.
@@ -73,13 +65,11 @@ class Sim {
   explicit Sim(const std::string& cti_path);
   ~Sim();
   bool loaded() const { return handle_ != nullptr; }
-  int32_t (*camera_index)(const char*) = nullptr;
-  int32_t (*plug)(uint32_t, int32_t) = nullptr;
-  int32_t (*raise_interface_event)(uint32_t, uint32_t) = nullptr;
-  int32_t (*fail_next)(const char*, int32_t, const char*, uint32_t) = nullptr;
-  int32_t (*short_reads)(uint32_t) = nullptr;
-  int32_t (*get_counters)(uint32_t, kivsim_counters*) = nullptr;
-  int32_t (*reset_faults)() = nullptr;
+#define CAMTEST_SIM_CONTROLS(X) \
+  X(camera_index) X(plug) X(raise_interface_event) X(fail_next) X(short_reads)
+#define CAMTEST_SIM_FN(name) decltype(&::kivsim_##name) name = nullptr;
+  CAMTEST_SIM_CONTROLS(CAMTEST_SIM_FN)
+#undef CAMTEST_SIM_FN
 
  private:
   void* handle_ = nullptr;
@@ -91,14 +81,9 @@ class LogDrain {
   LogDrain();
   ~LogDrain();
   bool ok() const { return ok_; }
-  // Everything written so far (a final take first); the store is emptied.
-  std::vector<std::string> Take();
   // Forgets every line written so far.
-  void Clear() {
-    Take();
-    seen_.clear();
-  }
-  // True when a line holding both texts was written (taking the lines).
+  void Clear();
+  // True when a line holding both texts was written.
   bool Saw(const std::string& a, const std::string& b = "");
   // The first line seen holding both texts, or empty.
   std::string LineWith(const std::string& a, const std::string& b = "");
@@ -112,14 +97,24 @@ class LogDrain {
 
  private:
   void Pull();
+  bool Has(const std::string& a, const std::string& b) const;  // mutex_ held
   kivcam::monitor::LogReader reader_;
   bool ok_ = false;
   std::mutex mutex_;
-  std::vector<std::string> lines_;
-  std::vector<std::string> seen_;  // kept for Saw/WaitFor across calls
+  std::condition_variable cv_;
+  std::vector<std::string> seen_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
+
+// An open request by UID or key (empty: none), with a description index.
+inline KIVCAM_OPENPARAM Param(uint64_t uid, const char* key = "", uint32_t index = 0) {
+  KIVCAM_OPENPARAM p{};
+  p.UID = uid;
+  p.DescriptionIndex = index;
+  std::strncpy(p.DeviceKey, key, sizeof p.DeviceKey);
+  return p;
+}
 
 // The UID of a packed record, read by value (it sits at 4 modulo 8).
 inline uint64_t Uid(const CameraListEntry& e) { return e.UID; }
@@ -143,6 +138,13 @@ class CameraTest : public ::testing::Test {
   void Unload();
   Sim& GigE();
   Sim& USB();
+  uint32_t Err(KIVCAM_BOOL result) { return lib_->Err(result); }
+  // The camera with this UID, opened (null, and a failure, when it does not open).
+  HCAMERA OpenUid(uint64_t uid) {
+    HCAMERA cam = nullptr;
+    EXPECT_EQ(lib_->KIVCAM_Open(uid, &cam), KIVCAM_TRUE) << uid;
+    return cam;
+  }
   std::string DataFolder() const { return temp_ + "/appdata/Valdrix/KivCam"; }
   void WriteDataFile(const std::string& name, const std::string& text);
   std::string Temp() const { return temp_; }
@@ -161,7 +163,7 @@ void CopyLibrary(const std::string& dir, const std::vector<std::string>& produce
 void CopyFile(const std::string& from, const std::string& to);
 void MakeDirs(const std::string& path);
 
-// The plain description of the first camera of a producer, read straight
+// The plain description of the default world's first GigE camera, read straight
 // from the producer (call before the library loads it).
 std::string FetchDescription(const std::string& cti_path);
 

@@ -1,4 +1,5 @@
 // Producers and discovery: which producers load from where, and the camera list.
+#include <cstdio>
 #include <cstring>
 
 #include "cam_env.h"
@@ -10,7 +11,7 @@ using Discovery = CameraTest;
 
 std::string Name(const char (&field)[256]) { return std::string(field, strnlen(field, 256)); }
 
-TEST_F(Discovery, ListsEveryCameraInProducerAndInterfaceOrder) {
+TEST_F(Discovery, ListsEveryCameraInProducerAndInterfaceOrderIntoABufferBigEnough) {
   Load();
   CameraList head{};
   ASSERT_EQ(lib_->KIVCAM_GetList(&head), KIVCAM_TRUE);
@@ -31,24 +32,15 @@ TEST_F(Discovery, ListsEveryCameraInProducerAndInterfaceOrder) {
   EXPECT_EQ(Name(list[2].Model), "KivSim-UC1920C");
   EXPECT_TRUE(log_->Saw("CInterface::GetDevCount", "GigE Camera Count DUMP=0x0000000000000002"));
   EXPECT_TRUE(log_->Saw("CInterface::GetDevCount", "USB Camera Count DUMP=0x0000000000000001"));
-}
 
-TEST_F(Discovery, CapacityBelowTheCountLeavesTheBufferUntouched) {
-  Load();
+  // Room for fewer entries than there are: refused, the buffer left alone.
   std::vector<unsigned char> buf(KIVCAM_CAMERALIST_BYTES(3), 0xA5);
-  auto* list = reinterpret_cast<CameraList*>(buf.data());
-  list->Count = 2;
-  EXPECT_EQ(lib_->KIVCAM_GetList(list), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_BUFFER_SIZE);
-  EXPECT_EQ(list->Count, 2u);
+  auto* small = reinterpret_cast<CameraList*>(buf.data());
+  small->Count = 2;
+  EXPECT_EQ(Err(lib_->KIVCAM_GetList(small)), KIVCAM_ERR_BUFFER_SIZE);
+  EXPECT_EQ(small->Count, 2u);
   for (size_t i = 4; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xA5) << i;
-  // Exactly enough, and more than enough: the count is the number of devices.
-  list->Count = 3;
-  EXPECT_EQ(lib_->KIVCAM_GetList(list), KIVCAM_TRUE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), 0u);
-  list->Count = 3;
-  EXPECT_EQ(lib_->KIVCAM_GetList(nullptr), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_->KIVCAM_GetList(nullptr)), KIVCAM_ERR_PARAM);
 }
 
 TEST_F(Discovery, ConfiguredLinksLongNamesAndUids) {
@@ -67,16 +59,32 @@ TEST_F(Discovery, ConfiguredLinksLongNamesAndUids) {
   EXPECT_EQ(Name(list[1].Model), std::string(255, 'M'));
 }
 
-TEST_F(Discovery, MissingProducerIsLoggedAndTheOtherStillLoads) {
+// A module without GenTL entry points, then none at all, then the producer in
+// the second place: $GENICAM_ROOT_V2_4/bin/Linux64_x64/TLIs. The other
+// producer loads all along; each re-detection tries the missing one again.
+TEST_F(Discovery, MissingOrBrokenProducerIsLoggedAndTheOtherStillLoads) {
   std::string dir = Temp() + "/lib";
   CopyLibrary(dir, {"KivGigEGenTL.cti"});
+  CopyFile(LibDir() + "/KivNoEntries.cti", dir + "/KivUSBGenTL.cti");
   Load(dir);
+  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "GenTL Load Entry Error"));
+  EXPECT_EQ(lib_->List().size(), 2u);
+  std::remove((dir + "/KivUSBGenTL.cti").c_str());
+  lib_->KIVCAM_ReDetection();
   EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "GenTL Module Not Found"));
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 2u);
   EXPECT_EQ(list[1].CameraKind, KIVCAM_CAMERAKIND_GIGE);
+  // Opens of the missing kind: not supported by key or UID, none to take first.
+  HCAMERA cam = nullptr;
+  KIVCAM_OPENPARAM p = Param(KIVCAM_UID_ANY, "cam1");
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenUSB(&p, &cam)), KIVCAM_ERR_NOT_SUPPORTED);
+  p = Param(kUsb1);
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenUSB(&p, &cam)), KIVCAM_ERR_NOT_SUPPORTED);
+  p = Param(KIVCAM_UID_ANY);
+  EXPECT_EQ(Err(lib_->KIVCAM_OpenUSB(&p, &cam)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
 
-  // The second place: $GENICAM_ROOT_V2_4/bin/Linux64_x64/TLIs, tried again on re-detection.
   std::string root = Temp() + "/genicam";
   MakeDirs(root + "/bin/Linux64_x64/TLIs");
   CopyFile(LibDir() + "/KivUSBGenTL.cti", root + "/bin/Linux64_x64/TLIs/KivUSBGenTL.cti");
@@ -100,42 +108,24 @@ TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {
   EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
 }
 
-TEST_F(Discovery, ModuleWithoutEntryPointsIsNoProducer) {
-  std::string dir = Temp() + "/lib";
-  CopyLibrary(dir, {"KivGigEGenTL.cti"});
-  CopyFile(LibDir() + "/KivNoEntries.cti", dir + "/KivUSBGenTL.cti");
-  Load(dir);
-  EXPECT_TRUE(log_->Saw("CKivCamDLL::CreateDrvList", "GenTL Load Entry Error"));
-  EXPECT_EQ(lib_->List().size(), 2u);
-}
-
-TEST_F(Discovery, NoProducerGivesAnEmptyList) {
-  std::string dir = Temp() + "/lib";
-  CopyLibrary(dir, {});
-  Load(dir);
+TEST_F(Discovery, ReDetectionLoadsProducersAndKeepsOpenCameras) {
+  // Before any structure version no producer is loaded: an empty list, and
+  // no camera of any kind.
+  lib_ = std::make_unique<CamLib>();
+  ASSERT_TRUE(lib_->loaded());
   std::vector<unsigned char> buf(KIVCAM_CAMERALIST_BYTES(4), 0);
   auto* list = reinterpret_cast<CameraList*>(buf.data());
   list->Count = 4;
   EXPECT_EQ(lib_->KIVCAM_GetList(list), KIVCAM_TRUE);
   EXPECT_EQ(list->Count, 0u);
   HCAMERA cam = reinterpret_cast<HCAMERA>(1);
-  EXPECT_EQ(lib_->KIVCAM_Open(KIVCAM_UID_ANY, &cam), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(lib_->KIVCAM_Open(KIVCAM_UID_ANY, &cam)), KIVCAM_ERR_NO_CAMERA);
   EXPECT_EQ(cam, nullptr);
-  EXPECT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NOT_SUPPORTED);
-}
-
-TEST_F(Discovery, ReDetectionLoadsProducersAndKeepsOpenCameras) {
-  // Before any structure version no producer is loaded; re-detection loads them.
-  lib_ = std::make_unique<CamLib>();
-  ASSERT_TRUE(lib_->loaded());
-  EXPECT_TRUE(lib_->List().empty());
+  EXPECT_EQ(Err(lib_->KIVCAM_Open(kGigE1, &cam)), KIVCAM_ERR_NOT_SUPPORTED);
+  // Re-detection loads them; a second one keeps them and their open cameras.
   lib_->KIVCAM_ReDetection();
   ASSERT_EQ(lib_->List().size(), 3u);
-  // A second re-detection keeps the loaded producers and their open cameras.
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
+  cam = OpenUid(kUsb1);
   lib_->KIVCAM_ReDetection();
   uint32_t state = 7;
   EXPECT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);

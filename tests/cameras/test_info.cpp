@@ -1,35 +1,29 @@
-// Camera information records, presence, the node map and the command timeout.
+// Camera information records, presence and the bus events that refresh it,
+// the node map and the command timeout.
+#include <unistd.h>
+
 #include <cstring>
 
 #include "cam_env.h"
+#include "child_process.h"
 #include "kivgenapi/KivGenApi.h"
+#include "platform/platform.h"
 
 namespace camtest {
 namespace {
 
 using Info = CameraTest;
 
-TEST_F(Info, GeneralRecordMatchesTheList) {
-  Load();
-  std::vector<CameraListEntry> list = lib_->List();
-  ASSERT_EQ(list.size(), 3u);
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
-  CameraListEntry e;
-  std::memset(&e, 0xA5, sizeof e);
-  ASSERT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_TRUE);
-  EXPECT_EQ(std::memcmp(&e, &list[2], sizeof e), 0);
-  EXPECT_EQ(lib_->KIVCAM_CameraInfo(cam, nullptr), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-}
-
-TEST_F(Info, GigERecordByteForByte) {
+TEST_F(Info, GigEAndUsbRecordsByteForByte) {
   const std::string vendor32(32, 'A');
   World("[camera]\ntransport = gige\ninterface = 0\nuid = 1250999896372\nvendor = " + vendor32 +
-        "\nmodel = Short\nserial = SN-123\nuser_name = front\nversion = 2.5.1\n");
+        "\nmodel = Short\nserial = SN-123\nuser_name = front\nversion = 2.5.1\n"
+        "[camera]\ntransport = usb\nuid = 0x4B49560000000009\nserial = " + std::string(64, 'S') +
+        "\nuser_name = back\n");
   Load();
-  HCAMERA cam = nullptr;
+  HCAMERA cam = nullptr, usb = nullptr;
   ASSERT_EQ(lib_->KIVCAM_Open(1250999896372ull, &cam), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_Open(0x4B49560000000009ull, &usb), KIVCAM_TRUE);
   GigECameraInfo g;
   std::memset(&g, 0xA5, sizeof g);
   ASSERT_EQ(lib_->KIVCAM_CameraInfoGigE(cam, &g), KIVCAM_TRUE);
@@ -43,29 +37,16 @@ TEST_F(Info, GigERecordByteForByte) {
   // 32 characters fill the vendor field with no terminator; the model is
   // followed by zeros.
   EXPECT_EQ(std::memcmp(raw + 20, vendor32.data(), 32), 0);
-  EXPECT_EQ(std::string(g.Model, 5), "Short");
-  for (int i = 5; i < 32; ++i) EXPECT_EQ(g.Model[i], 0) << i;
+  EXPECT_EQ(std::string(g.Model, 32), "Short" + std::string(27, '\0'));
   EXPECT_STREQ(g.DeviceVersion, "2.5.1");
   EXPECT_STREQ(g.ManufacturerInfo, "KivCam virtual camera");
   EXPECT_STREQ(g.SerialNumber, "SN-123");
   EXPECT_STREQ(g.UserDefinedName, "front");
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfoGigE(cam, nullptr)), KIVCAM_ERR_PARAM);
 
-  USBCameraInfo u{};
-  EXPECT_EQ(lib_->KIVCAM_CameraInfoUSB(cam, &u), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NOT_USB);
-  EXPECT_EQ(lib_->KIVCAM_CameraInfoGigE(cam, nullptr), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-}
-
-TEST_F(Info, UsbRecordByteForByte) {
-  World("[camera]\ntransport = usb\nuid = 0x4B49560000000009\nserial = " + std::string(64, 'S') +
-        "\nuser_name = back\n");
-  Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(0x4B49560000000009ull, &cam), KIVCAM_TRUE);
   USBCameraInfo u;
   std::memset(&u, 0xA5, sizeof u);
-  ASSERT_EQ(lib_->KIVCAM_CameraInfoUSB(cam, &u), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_CameraInfoUSB(usb, &u), KIVCAM_TRUE);
   EXPECT_EQ(u.Info1003_1004, 1u << 16);
   EXPECT_EQ(u.Info1002, (1u << 8) | 1u);
   EXPECT_STREQ(u.Vendor, "KivCam");
@@ -74,15 +55,14 @@ TEST_F(Info, UsbRecordByteForByte) {
   EXPECT_EQ(std::string(u.SerialNumber, 64), std::string(64, 'S'));  // no terminator
   EXPECT_STREQ(u.UserDefinedName, "back");
   EXPECT_EQ(u.Info1011, 0x4B49560000000009ull);
-  GigECameraInfo g{};
-  EXPECT_EQ(lib_->KIVCAM_CameraInfoGigE(cam, &g), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NOT_GIGE);
+  // Each record only for its own kind.
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfoUSB(cam, &u)), KIVCAM_ERR_NOT_USB);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfoGigE(usb, &g)), KIVCAM_ERR_NOT_GIGE);
 }
 
 TEST_F(Info, ProducerFailureLeavesAPartialRecord) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   ASSERT_TRUE(GigE().loaded());
   // The export's presence test reads the flag, not the producer, so the
   // record's first query is the one that fails.
@@ -90,8 +70,7 @@ TEST_F(Info, ProducerFailureLeavesAPartialRecord) {
   std::memset(&g, 0xA5, sizeof g);
   CameraListEntry e{};
   ASSERT_EQ(GigE().fail_next("DevGetInfo", -1001, "Injected info", 1), 0);
-  EXPECT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_OTHER);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, &e)), KIVCAM_ERR_OTHER);
   EXPECT_TRUE(log_->Saw("CCamera::CameraInfo", "Injected info"));
   ASSERT_EQ(GigE().fail_next("DevGetInfo", -1001, "Injected info", 1), 0);
   EXPECT_EQ(lib_->KIVCAM_CameraInfoGigE(cam, &g), KIVCAM_FALSE);
@@ -99,10 +78,18 @@ TEST_F(Info, ProducerFailureLeavesAPartialRecord) {
   for (unsigned char b : g.UID) EXPECT_EQ(b, 0);
 }
 
-TEST_F(Info, UnpluggedCameraIsAbsentUntilPluggedAgain) {
+// The general record is the camera's list entry; unplugged, the camera has
+// none until it is back.
+TEST_F(Info, GeneralRecordMatchesTheListUntilTheCameraIsUnplugged) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kUsb1, &cam), KIVCAM_TRUE);
+  std::vector<CameraListEntry> list = lib_->List();
+  ASSERT_EQ(list.size(), 3u);
+  HCAMERA cam = OpenUid(kUsb1);
+  CameraListEntry e;
+  std::memset(&e, 0xA5, sizeof e);
+  ASSERT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_TRUE);
+  EXPECT_EQ(std::memcmp(&e, &list[2], sizeof e), 0);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, nullptr)), KIVCAM_ERR_PARAM);
   uint32_t state = 7;
   ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);
   EXPECT_EQ(state, 1u);
@@ -115,15 +102,11 @@ TEST_F(Info, UnpluggedCameraIsAbsentUntilPluggedAgain) {
   ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);  // the call itself succeeds
   EXPECT_EQ(state, 0u);
   EXPECT_TRUE(log_->Saw("KIVCAM_Camera", "End   Disconnect, HCAMERA=0x"));
-  CameraListEntry e{};
-  EXPECT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, &e)), KIVCAM_ERR_NO_CAMERA);
   void* map = nullptr;
-  EXPECT_EQ(lib_->KIVCAM_GetNodeMap(cam, &map), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(lib_->KIVCAM_GetNodeMap(cam, &map)), KIVCAM_ERR_NO_CAMERA);
   USBCameraInfo u{};
-  EXPECT_EQ(lib_->KIVCAM_CameraInfoUSB(cam, &u), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfoUSB(cam, &u)), KIVCAM_ERR_NO_CAMERA);
 
   ASSERT_EQ(USB().plug(index, 1), 0);
   ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);
@@ -133,32 +116,60 @@ TEST_F(Info, UnpluggedCameraIsAbsentUntilPluggedAgain) {
 
 TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE2, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE2);
   ASSERT_TRUE(GigE().loaded());
   int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE2)).c_str());
   ASSERT_GE(index, 0);
   // The interface's threads see the producer's event; the bus-reset thread
-  // refreshes its cameras, then tells the library from its own thread.
+  // refreshes its cameras, then tells the library from its own thread (the
+  // event thread tells it too, on its own time).
   ASSERT_TRUE(log_->RaiseUntil([&] { GigE().plug(index, 0); }, "CInterface::BusEventGet_Thread",
                                "BusReset Event"));
   ASSERT_TRUE(log_->WaitFor("CInterface::BusReset_Thread", "BusReset "));
   std::string line = log_->LineWith("CInterface::BusReset_Thread", "BusReset ");
   std::string thread = line.substr(line.find("ThreadID="));
-  thread = thread.substr(0, thread.find(','));
-  ASSERT_TRUE(log_->WaitFor("BusReset Detection", thread));
+  ASSERT_TRUE(log_->WaitFor("BusReset Detection", thread.substr(0, thread.find(','))));
   CameraListEntry e{};
-  EXPECT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, &e)), KIVCAM_ERR_NO_CAMERA);
+}
+
+// Interfaces in list order: GigE adapter 0 and 1, then the USB host.
+TEST_F(Info, PowerUpCountsOnlyFromTheFirstProducer) {
+  Load();
+  ASSERT_TRUE(GigE().loaded());
+  ASSERT_TRUE(USB().loaded());
+  // The second producer's power-up wakes its interface but tells the library nothing.
+  ASSERT_TRUE(log_->RaiseUntil([&] { USB().raise_interface_event(0, KIVSIM_EVENT_POWER_UP); },
+                               "CInterface::BusEventGet_Thread", "PowerUP Event"));
+  // A following event of the same thread proves the power-up was handled.
+  ASSERT_TRUE(log_->RaiseUntil([&] { USB().raise_interface_event(0, KIVSIM_EVENT_BUS_RESET); },
+                               "CInterface::BusEventGet_Thread", "BusReset Event"));
+  EXPECT_FALSE(log_->Saw("PowerWakeUP Detection"));
+  // The first producer's power-up reaches the library.
+  ASSERT_TRUE(log_->RaiseUntil([&] { GigE().raise_interface_event(1, KIVSIM_EVENT_POWER_UP); },
+                               "CKivCamDLL::PowerUpEvent", "PowerWakeUP Detection"));
+}
+
+TEST_F(Info, AnotherProcessWakesTheUsbInterface) {
+  Load();
+  const uint32_t parent = static_cast<uint32_t>(getpid());
+  kivtest::ChildProcess child([parent]() -> int {
+    auto e = kivcam::platform::NamedEvent::CreateOrOpen(KIVCAM_PROCESS_USB_EVENT_PREFIX + std::to_string(parent));
+    if (!e) return 2;
+    e->Set();
+    return 0;
+  });
+  ASSERT_EQ(child.Join(), 0);
+  ASSERT_TRUE(log_->WaitFor("CInterface::BusReset_Thread", "BusReset "));
+  ASSERT_TRUE(log_->WaitFor("CKivCamDLL::UserBusEvent", "BusReset Detection"));
+  EXPECT_FALSE(log_->Saw("BusEventGet_Thread", "BusReset Event"));  // not the producer's event
 }
 
 TEST_F(Info, NodeMapReadsThroughTheCamerasPort) {
   Load();
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   void* raw = nullptr;
-  EXPECT_EQ(lib_->KIVCAM_GetNodeMap(cam, nullptr), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_->KIVCAM_GetNodeMap(cam, nullptr)), KIVCAM_ERR_PARAM);
   ASSERT_EQ(lib_->KIVCAM_GetNodeMap(cam, &raw), KIVCAM_TRUE);
   auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
   ASSERT_NE(map->_Ptr, nullptr);
@@ -183,27 +194,18 @@ TEST_F(Info, CommandTimeoutBoundsAndVersion) {
   lib_ = std::make_unique<CamLib>();
   ASSERT_TRUE(lib_->loaded());
   ASSERT_EQ(lib_->KIVCAM_SetStructVersion(10101), KIVCAM_TRUE);
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   // The version is tested before anything else, the handle included.
-  EXPECT_EQ(lib_->KIVCAM_SetCmdTimeOut(cam, 1000), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_VERSION);
-  EXPECT_EQ(lib_->KIVCAM_SetCmdTimeOut(nullptr, 1000), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_VERSION);
+  EXPECT_EQ(Err(lib_->KIVCAM_SetCmdTimeOut(cam, 1000)), KIVCAM_ERR_VERSION);
+  EXPECT_EQ(Err(lib_->KIVCAM_SetCmdTimeOut(nullptr, 1000)), KIVCAM_ERR_VERSION);
   ASSERT_EQ(lib_->KIVCAM_SetStructVersion(KIVCAM_STRUCT_VERSION_CMDTIMEOUT), KIVCAM_TRUE);
-  for (uint32_t ms : {0u, 500u, 600000u}) {
-    EXPECT_EQ(lib_->KIVCAM_SetCmdTimeOut(cam, ms), KIVCAM_TRUE) << ms;
-  }
-  for (uint32_t ms : {1u, 499u, 600001u}) {
-    EXPECT_EQ(lib_->KIVCAM_SetCmdTimeOut(cam, ms), KIVCAM_FALSE) << ms;
-    EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  }
+  for (uint32_t ms : {0u, 500u, 600000u}) EXPECT_EQ(lib_->KIVCAM_SetCmdTimeOut(cam, ms), KIVCAM_TRUE) << ms;
+  for (uint32_t ms : {1u, 499u, 600001u}) EXPECT_EQ(Err(lib_->KIVCAM_SetCmdTimeOut(cam, ms)), KIVCAM_ERR_PARAM) << ms;
   // The producer's refusal: 99 and its text.
   Sim sim(LibDir() + "/KivGigEGenTL.cti");
   ASSERT_TRUE(sim.loaded());
   ASSERT_EQ(sim.fail_next("GCWritePort", -1001, "Injected write", 1), 0);
-  EXPECT_EQ(lib_->KIVCAM_SetCmdTimeOut(cam, 700), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_OTHER);
+  EXPECT_EQ(Err(lib_->KIVCAM_SetCmdTimeOut(cam, 700)), KIVCAM_ERR_OTHER);
   EXPECT_TRUE(log_->Saw("CCamera::SetCmdTimeOut", "Injected write"));
 }
 

@@ -53,10 +53,8 @@ TEST_F(Interfaces, VanishedInterfaceTakesItsCamerasAndPortsWithIt) {
   // The second adapter goes (the first is back): its camera and port object die with it.
   hide_(1);
   lib_->KIVCAM_ReDetection();
-  EXPECT_EQ(lib_->KIVCAM_Camera(gige, &state), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  EXPECT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_FALSE);
-  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_->KIVCAM_Camera(gige, &state)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraRegInfo(port, &e)), KIVCAM_ERR_PARAM);
   EXPECT_EQ(lib_->KIVCAM_Close(gige), KIVCAM_FALSE);
   ASSERT_EQ(lib_->KIVCAM_Camera(usb, &state), KIVCAM_TRUE);  // another producer's camera stays
   std::vector<CameraListEntry> list = lib_->List();
@@ -75,22 +73,20 @@ TEST_F(Interfaces, InterfaceThatCannotBeBuiltIsLeftOut) {
   LoadWithShim();
   Sim real(Temp() + "/lib/KivRealGigEGenTL.cti");
   ASSERT_TRUE(real.loaded());
-  hide_(1);
-  lib_->KIVCAM_ReDetection();
-  // Returning, the adapter can't register its event: logged, its handle closed.
-  ASSERT_EQ(real.fail_next("GCRegisterEvent", -1001, "Injected register", 1), 0);
-  hide_(-1);
-  lib_->KIVCAM_ReDetection();
-  EXPECT_TRUE(log_->Saw("CGenTL::UpdateInterface", "RegisterEvent Error"));
-  EXPECT_EQ(lib_->List().size(), 1u);
-  // Gone and back once more, now refused by the producer itself: its own text.
-  hide_(1);
-  lib_->KIVCAM_ReDetection();
-  ASSERT_EQ(real.fail_next("TLOpenInterface", -1001, "Injected interface open", 1), 0);
-  hide_(-1);
-  lib_->KIVCAM_ReDetection();
-  EXPECT_TRUE(log_->Saw("CGenTL::UpdateInterface", "Injected interface open"));
-  EXPECT_EQ(lib_->List().size(), 1u);
+  // Returning, the adapter can't register its event (logged, its handle
+  // closed), or the producer refuses to open it (its own text).
+  const std::pair<const char*, const char*> failures[] = {{"GCRegisterEvent", "RegisterEvent Error"},
+                                                          {"TLOpenInterface", "Injected TLOpenInterface"}};
+  for (const auto& [call, text] : failures) {
+    SCOPED_TRACE(call);
+    hide_(1);
+    lib_->KIVCAM_ReDetection();
+    ASSERT_EQ(real.fail_next(call, -1001, (std::string("Injected ") + call).c_str(), 1), 0);
+    hide_(-1);
+    lib_->KIVCAM_ReDetection();
+    EXPECT_TRUE(log_->Saw("CGenTL::UpdateInterface", text));
+    EXPECT_EQ(lib_->List().size(), 1u);
+  }
   // A third return works; the interface handles closed on the way were
   // really closed, or the producer would refuse to open it again.
   hide_(1);
@@ -122,21 +118,17 @@ TEST_F(Interfaces, DescriptionUrlsAndTheirFailureTexts) {
     log_->Clear();
     set_url_(c.url);
     HCAMERA cam = reinterpret_cast<HCAMERA>(8);
-    EXPECT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_FALSE);
-    EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_NO_CAMERA);
+    EXPECT_EQ(Err(lib_->KIVCAM_Open(kGigE1, &cam)), KIVCAM_ERR_NO_CAMERA);
     EXPECT_TRUE(log_->Saw("CInterface::OpenCamera", c.text));
   }
   // A FILE: URL names a file of the data folder, in any case of the scheme.
   WriteDataFile("cam.xml", xml);
   set_url_("fIlE:cam.xml");
-  HCAMERA cam = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
+  HCAMERA cam = OpenUid(kGigE1);
   ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
   // Looking in the data folder first also takes a LOCAL: URL's file name there.
   set_url_("LOCAL:cam.xml;FFFFFF00;100");
-  KIVCAM_OPENPARAM p{};
-  p.UID = kGigE1;
-  p.DescriptionIndex = KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST;
+  KIVCAM_OPENPARAM p = Param(kGigE1, "", KIVCAM_DESCRIPTION_DATA_FOLDER_FIRST);
   ASSERT_EQ(lib_->KIVCAM_OpenGigE(&p, &cam), KIVCAM_TRUE);
 }
 

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
-#include <regex>
 #include <vector>
 
 #include "kivcam_loader.h"
@@ -20,13 +20,7 @@ constexpr uint32_t kYUV422_8_UYVY = 0x0210001F;
 constexpr uint32_t kUnsupported = 0x02200016;
 
 KIVCAM_IMAGEDESC Image(uint32_t w, uint32_t h, const void* data, uint32_t format) {
-  KIVCAM_IMAGEDESC d{};
-  d.Width = w;
-  d.Height = h;
-  d.Data = data;
-  d.PixelFormat = format;
-  d.LittleEndian = 1;
-  return d;
+  return KIVCAM_IMAGEDESC{w, h, data, 0, format, 1};
 }
 
 class ConvApiTest : public ::testing::Test {
@@ -38,30 +32,24 @@ class ConvApiTest : public ::testing::Test {
     EXPECT_NE(h, nullptr);
     return h;
   }
+  // The last error after a call that should have failed (~0u if it did not).
+  uint32_t Err(KIVCAM_BOOL result) { return result ? ~0u : lib_.KIVCAM_GetLastError(); }
   KivCamLibrary lib_;
 };
 
 TEST_F(ConvApiTest, CreateChecksItsArguments) {
-  HCTBL h = reinterpret_cast<HCTBL>(uintptr_t{0x1234});
-  EXPECT_EQ(lib_.KIVCAM_CreateConvHandle(nullptr, nullptr, nullptr), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  struct {
+  EXPECT_EQ(Err(lib_.KIVCAM_CreateConvHandle(nullptr, nullptr, nullptr)), KIVCAM_ERR_PARAM);
+  const struct {
     KIVCAM_CONVMODE mode;
     bool ok;
-  } cases[] = {
-      {{0, 0, 0, 0, 0}, true},  {{3, 8, 1, 1, 1}, true},   {{4, 0, 0, 0, 0}, false},
-      {{0, 9, 0, 0, 0}, false}, {{0, -1, 0, 0, 0}, false},  // automatic shift is for cameras only
-      {{0, 0, 2, 0, 0}, false}};
+  } cases[] = {{{3, 8, 1, 1, 1}, true},
+               {{4, 0, 0, 0, 0}, false},
+               {{0, -1, 0, 0, 0}, false}};  // automatic shift is for cameras only
   for (const auto& c : cases) {
-    h = reinterpret_cast<HCTBL>(uintptr_t{0x1234});
-    KIVCAM_BOOL ok = lib_.KIVCAM_CreateConvHandle(&h, &c.mode, nullptr);
-    EXPECT_EQ(ok, c.ok ? KIVCAM_TRUE : KIVCAM_FALSE) << c.mode.Geometry << " " << c.mode.Shift;
+    HCTBL h = reinterpret_cast<HCTBL>(uintptr_t{0x1234});
+    EXPECT_EQ(lib_.KIVCAM_CreateConvHandle(&h, &c.mode, nullptr), c.ok ? KIVCAM_TRUE : KIVCAM_FALSE);
     EXPECT_EQ(lib_.KIVCAM_GetLastError(), c.ok ? KIVCAM_ERR_NONE : KIVCAM_ERR_PARAM);
-    if (c.ok) {
-      EXPECT_NE(h, nullptr);
-    } else {
-      EXPECT_EQ(h, reinterpret_cast<HCTBL>(uintptr_t{0x1234}));  // untouched on a refusal
-    }
+    EXPECT_EQ(h == reinterpret_cast<HCTBL>(uintptr_t{0x1234}), !c.ok);  // untouched on a refusal
   }
 }
 
@@ -75,16 +63,13 @@ TEST_F(ConvApiTest, HandlesLiveOnTheirOwnAndStaleOnesAreRefused) {
   lib_.KIVCAM_CloseConvHandle(a);
   EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_NONE);
   EXPECT_EQ(lib_.KIVCAM_ColorConvExec(b, &img, dst), KIVCAM_TRUE);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(a, &img, dst), KIVCAM_FALSE);  // stale
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(a, &img, dst)), KIVCAM_ERR_PARAM);  // stale
   lib_.KIVCAM_CloseConvHandle(a);  // closing again is refused, nothing breaks
   EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
 
   int foreign = 0;
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(reinterpret_cast<HCTBL>(&foreign), &img, dst), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(nullptr, &img, dst), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(reinterpret_cast<HCTBL>(&foreign), &img, dst)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(nullptr, &img, dst)), KIVCAM_ERR_PARAM);
 
   lib_.KIVCAM_CloseAllConvHandle();
   EXPECT_EQ(lib_.KIVCAM_ColorConvExec(b, &img, dst), KIVCAM_FALSE);
@@ -94,78 +79,58 @@ TEST_F(ConvApiTest, HandlesLiveOnTheirOwnAndStaleOnesAreRefused) {
   Create();
 }
 
-TEST_F(ConvApiTest, ColorConvExecConvertsAndRefusesWhatItCannot) {
+TEST_F(ConvApiTest, ColorConvExecConvertsWithTheHandlesModeAndCoefficientsAndRefusesWhatItCannot) {
   KIVCAM_CONVMODE mode24{1, 0, 1, 0, 0};  // mirrored, 24-bit
   HCTBL h = Create(&mode24);
   uint8_t src[6] = {1, 2, 3, 4, 5, 6};     // 3 x 2 Mono8
   std::vector<uint8_t> dst(2 * 12, 0xEE);  // 24-bit rows of 12 bytes: 9 + 3 padding
   KIVCAM_IMAGEDESC img = Image(3, 2, src, kMono8);
   ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst.data()), KIVCAM_TRUE);
-  // Row 0 mirrored: 3, 2, 1 as grey BGR triples; the padding is left alone.
   const uint8_t row0[12] = {3, 3, 3, 2, 2, 2, 1, 1, 1, 0xEE, 0xEE, 0xEE};
   EXPECT_EQ(std::memcmp(dst.data(), row0, 12), 0);
 
   KIVCAM_IMAGEDESC bad = Image(3, 2, src, kUnsupported);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(h, &bad, dst.data()), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  bad = Image(3, 2, src, kMono8);
-  bad.LittleEndian = 2;
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(h, &bad, dst.data()), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, nullptr), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(h, nullptr, dst.data()), KIVCAM_FALSE);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(h, &bad, dst.data())), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(h, &img, nullptr)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(h, nullptr, dst.data())), KIVCAM_ERR_PARAM);
   KIVCAM_IMAGEDESC tiny = Image(1, 4, src, kBayerRG8);  // a Bayer image needs a 2 x 2 cell
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(h, &tiny, dst.data()), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);
-  KIVCAM_IMAGEDESC empty = Image(3, 0, src, kMono8);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvExec(h, &empty, dst.data()), KIVCAM_TRUE);
-}
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvExec(h, &tiny, dst.data())), KIVCAM_ERR_PARAM);
 
-TEST_F(ConvApiTest, YuvConversionThroughAHandleUsesItsCoefficients) {
-  KIVCAM_YUVCOEF coef{2.0, 0.0, 0.0, 0.0};  // V to R doubled, nothing else
-  HCTBL h = nullptr;
-  ASSERT_EQ(lib_.KIVCAM_CreateConvHandle(&h, nullptr, &coef), KIVCAM_TRUE);
+  // A handle's own YUV coefficients: V to R doubled, nothing else.
+  KIVCAM_YUVCOEF coef{2.0, 0.0, 0.0, 0.0};
+  HCTBL yuv = nullptr;
+  ASSERT_EQ(lib_.KIVCAM_CreateConvHandle(&yuv, nullptr, &coef), KIVCAM_TRUE);
   uint8_t uyvy[4] = {128, 100, 200, 100};  // U, Y0, V, Y1: V - 128 = 72
-  uint8_t dst[8] = {};
-  KIVCAM_IMAGEDESC img = Image(2, 1, uyvy, kYUV422_8_UYVY);
-  ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst), KIVCAM_TRUE);
+  img = Image(2, 1, uyvy, kYUV422_8_UYVY);
+  ASSERT_EQ(lib_.KIVCAM_ColorConvExec(yuv, &img, dst.data()), KIVCAM_TRUE);
   EXPECT_EQ(dst[0], 100);  // B = Y
   EXPECT_EQ(dst[1], 100);  // G = Y
   EXPECT_EQ(dst[2], 244);  // R = Y + 2 * 72
 }
 
+// The header arithmetic is the engine's; here: each handle's own form, and
+// which refusal becomes which code.
 TEST_F(ConvApiTest, BitmapHeadersOfHandlesAndOfMonoImages) {
   KIVCAM_CONVMODE mode24{0, 0, 1, 0, 0};
   HCTBL h24 = Create(&mode24), h32 = Create();
   uint8_t src[1] = {};
   KIVCAM_IMAGEDESC img = Image(5, 3, src, kBayerRG8);
   KIVCAM_BITMAPINFO info;
-  std::memset(&info, 0xAB, sizeof info);
   ASSERT_EQ(lib_.KIVCAM_ColorConvSetBMPINFO(h24, &img, &info), KIVCAM_TRUE);
-  EXPECT_EQ(info.bmiHeader.biSize, 40u);
-  EXPECT_EQ(info.bmiHeader.biWidth, 5);
-  EXPECT_EQ(info.bmiHeader.biHeight, 3);
   EXPECT_EQ(info.bmiHeader.biBitCount, 24);
   EXPECT_EQ(info.bmiHeader.biSizeImage, 16u * 3);
   ASSERT_EQ(lib_.KIVCAM_ColorConvGetBMPINFO(h32, &img, &info), KIVCAM_TRUE);
   EXPECT_EQ(info.bmiHeader.biBitCount, 32);
-  EXPECT_EQ(info.bmiHeader.biSizeImage, 5u * 4 * 3);
-
   KIVCAM_IMAGEDESC unsupported = Image(5, 3, src, kUnsupported);
-  EXPECT_EQ(lib_.KIVCAM_ColorConvSetBMPINFO(h24, &unsupported, &info), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_FORMAT);
+  EXPECT_EQ(Err(lib_.KIVCAM_ColorConvSetBMPINFO(h24, &unsupported, &info)), KIVCAM_ERR_FORMAT);
 
   KIVCAM_BITMAPINFO_GRAY grey;
   KIVCAM_IMAGEDESC mono = Image(5, 3, src, kMono8);
   ASSERT_EQ(lib_.KIVCAM_MonoBMPINFO(&mono, &grey), KIVCAM_TRUE);
   EXPECT_EQ(grey.bmiHeader.biBitCount, 8);
-  EXPECT_EQ(grey.bmiHeader.biSizeImage, 5u * 3);  // rows not padded here
-  EXPECT_EQ(grey.bmiHeader.biClrUsed, 256u);
   EXPECT_EQ(grey.bmiColors[200].rgbRed, 200);
-  EXPECT_EQ(lib_.KIVCAM_MonoBMPINFO(&img, &grey), KIVCAM_FALSE);  // colour format
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_FORMAT);
-  EXPECT_EQ(lib_.KIVCAM_MonoBMPINFO(&unsupported, &grey), KIVCAM_FALSE);
-  EXPECT_EQ(lib_.KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);  // unknown code: 1 here, not 21
+  EXPECT_EQ(Err(lib_.KIVCAM_MonoBMPINFO(&img, &grey)), KIVCAM_ERR_FORMAT);  // colour format
+  EXPECT_EQ(Err(lib_.KIVCAM_MonoBMPINFO(&unsupported, &grey)), KIVCAM_ERR_PARAM);  // unknown: 1, not 21
 }
 
 // The OpenMP team outlives a parallel conversion; unloading the library must
@@ -193,6 +158,14 @@ class ConvApiLogTest : public ConvApiTest {
     log_.Take();
   }
   void TearDown() override { log_.SetLevel(0); }
+  // The lines of the exports (the library's callback thread starts on its own time).
+  std::vector<std::string> Lines() {
+    std::vector<std::string> out;
+    for (auto& l : log_.Take()) {
+      if (l.find("UserCallBack_Thread") == std::string::npos) out.push_back(l);
+    }
+    return out;
+  }
   kivcam::monitor::LogReader log_;
 };
 
@@ -203,25 +176,21 @@ TEST_F(ConvApiLogTest, ExecLogsOnlyWhenVerboseAndRefusedCloseWritesNoErrorLine) 
   KIVCAM_IMAGEDESC img = Image(2, 2, src, kMono8);
   log_.SetLevel(1);
   ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst), KIVCAM_TRUE);
-  EXPECT_TRUE(log_.Take().empty());
+  EXPECT_TRUE(Lines().empty());
   log_.SetLevel(2);
   ASSERT_EQ(lib_.KIVCAM_ColorConvExec(h, &img, dst), KIVCAM_TRUE);
-  auto lines = log_.Take();
+  auto lines = Lines();
   ASSERT_EQ(lines.size(), 2u);
   char handle[32];
   std::snprintf(handle, sizeof handle, "HCTBL=0x%016llX, ",
                 static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(h)));
-  EXPECT_NE(lines[0].find(std::string("KIVCAM_ColorConvExec         Start ") + handle),
-            std::string::npos)
-      << lines[0];
-  EXPECT_NE(lines[1].find(std::string("KIVCAM_ColorConvExec         End   ") + handle),
-            std::string::npos)
-      << lines[1];
+  EXPECT_NE(lines[0].find(std::string("KIVCAM_ColorConvExec         Start ") + handle), std::string::npos);
+  EXPECT_NE(lines[1].find(std::string("KIVCAM_ColorConvExec         End   ") + handle), std::string::npos);
 
   log_.SetLevel(1);
   int foreign = 0;
   lib_.KIVCAM_CloseConvHandle(reinterpret_cast<HCTBL>(&foreign));
-  lines = log_.Take();
+  lines = Lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_NE(lines[0].find("KIVCAM_CloseConvHandle       Start HCTBL="), std::string::npos);
   EXPECT_NE(lines[1].find("KIVCAM_CloseConvHandle       End   HCTBL="), std::string::npos);

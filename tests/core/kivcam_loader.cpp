@@ -21,20 +21,8 @@ std::string LibraryPath() { return BuildDir() + "/lib/libkivcam.so"; }
 KivCamLibrary::KivCamLibrary() {
   handle_ = dlopen(LibraryPath().c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle_) return;
-#define KIVTEST_BIND(name) name = Get<decltype(name)>(#name)
-  KIVTEST_BIND(KIVCAM_SetStructVersion);
-  KIVTEST_BIND(KIVCAM_GetLibraryRevision);
-  KIVTEST_BIND(KIVCAM_FreeLibrary);
-  KIVTEST_BIND(KIVCAM_GetLastError);
-  KIVTEST_BIND(KIVCAM_SetCallBack);
-  KIVTEST_BIND(KIVCAM_LogCommonAreaGet);
-  KIVTEST_BIND(KIVCAM_CreateConvHandle);
-  KIVTEST_BIND(KIVCAM_CloseConvHandle);
-  KIVTEST_BIND(KIVCAM_CloseAllConvHandle);
-  KIVTEST_BIND(KIVCAM_ColorConvExec);
-  KIVTEST_BIND(KIVCAM_ColorConvSetBMPINFO);
-  KIVTEST_BIND(KIVCAM_ColorConvGetBMPINFO);
-  KIVTEST_BIND(KIVCAM_MonoBMPINFO);
+#define KIVTEST_BIND(name) name = Get<decltype(name)>(#name);
+  KIVTEST_EXPORTS(KIVTEST_BIND)
 #undef KIVTEST_BIND
   RaiseEvent = Get<void (*)(uint32_t)>("kivcam_internal_raise_event");
 }

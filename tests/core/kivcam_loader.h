@@ -26,20 +26,13 @@ class KivCamLibrary {
     return reinterpret_cast<F>(dlsym(handle_, name));
   }
 
-#define KIVTEST_FN(name) decltype(&::name) name = nullptr
-  KIVTEST_FN(KIVCAM_SetStructVersion);
-  KIVTEST_FN(KIVCAM_GetLibraryRevision);
-  KIVTEST_FN(KIVCAM_FreeLibrary);
-  KIVTEST_FN(KIVCAM_GetLastError);
-  KIVTEST_FN(KIVCAM_SetCallBack);
-  KIVTEST_FN(KIVCAM_LogCommonAreaGet);
-  KIVTEST_FN(KIVCAM_CreateConvHandle);
-  KIVTEST_FN(KIVCAM_CloseConvHandle);
-  KIVTEST_FN(KIVCAM_CloseAllConvHandle);
-  KIVTEST_FN(KIVCAM_ColorConvExec);
-  KIVTEST_FN(KIVCAM_ColorConvSetBMPINFO);
-  KIVTEST_FN(KIVCAM_ColorConvGetBMPINFO);
-  KIVTEST_FN(KIVCAM_MonoBMPINFO);
+#define KIVTEST_EXPORTS(X)                                                                            \
+  X(KIVCAM_SetStructVersion) X(KIVCAM_GetLibraryRevision) X(KIVCAM_FreeLibrary) X(KIVCAM_GetLastError) \
+  X(KIVCAM_SetCallBack) X(KIVCAM_LogCommonAreaGet) X(KIVCAM_CreateConvHandle) X(KIVCAM_CloseConvHandle)  \
+  X(KIVCAM_CloseAllConvHandle) X(KIVCAM_ColorConvExec) X(KIVCAM_ColorConvSetBMPINFO)                   \
+  X(KIVCAM_ColorConvGetBMPINFO) X(KIVCAM_MonoBMPINFO)
+#define KIVTEST_FN(name) decltype(&::name) name = nullptr;
+  KIVTEST_EXPORTS(KIVTEST_FN)
 #undef KIVTEST_FN
   void (*RaiseEvent)(uint32_t code) = nullptr;
 

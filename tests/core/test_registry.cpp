@@ -1,5 +1,6 @@
-// Handles are raw addresses the application hands back: only live objects
-// of the right kind may come back out, without reading through anything else.
+// The registry of live objects behind every handle check. Stale, foreign,
+// null and wrong-kind handles are refused through every export in the camera
+// and conversion-handle tests; here what those cannot reach.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -15,31 +16,12 @@ using kivcam::core::FindLive;
 namespace registry = kivcam::core::registry;
 
 class Camera : public CBase {};
-class GigECamera : public Camera {};
-class Port : public CBase {};
 
 class RegistryTest : public ::testing::Test {
  protected:
   void SetUp() override { registry::Create(); }
   void TearDown() override { registry::Destroy(); }
 };
-
-TEST_F(RegistryTest, OnlyLiveObjectsOfTheRightKindAreFound) {
-  auto gige = std::make_unique<GigECamera>();
-  auto port = std::make_unique<Port>();
-  void* h = gige->handle();
-  EXPECT_EQ(FindLive<Camera>(h), gige.get());
-  EXPECT_EQ(FindLive<GigECamera>(h), gige.get());
-  EXPECT_EQ(FindLive<Camera>(port->handle()), nullptr);  // wrong kind
-  EXPECT_EQ(FindLive<Port>(h), nullptr);
-  EXPECT_EQ(FindLive<Camera>(nullptr), nullptr);
-
-  int on_stack = 0;  // a foreign address is never dereferenced
-  EXPECT_EQ(registry::Find(&on_stack), nullptr);
-
-  gige.reset();  // stale
-  EXPECT_EQ(FindLive<Camera>(h), nullptr);
-}
 
 TEST_F(RegistryTest, RemovedBeforeDestructionIsNoLongerFound) {
   auto cam = std::make_unique<Camera>();

@@ -39,6 +39,7 @@ class ChildProcess {
     if (pid_ == 0) _exit(body());
   }
   ~ChildProcess() { Join(); }
+  pid_t pid() const { return pid_; }
   // The exit code; -1 when the child did not start or was killed.
   int Join() {
     int status = 0;
