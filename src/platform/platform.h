@@ -183,7 +183,6 @@ bool StartProcess(const std::string& path);
 std::string DataFolder();
 // Joins a path and one more component with exactly one separator.
 std::string PathAppend(const std::string& dir, const std::string& component);
-bool FileExists(const std::string& path);
 
 // ---- modules -----------------------------------------------------------------
 class Module {

@@ -65,9 +65,4 @@ std::string DataFolder() {
   return PathAppend(PathAppend(base, "Valdrix"), "KivCam");
 }
 
-bool FileExists(const std::string& path) {
-  struct stat st;
-  return !path.empty() && stat(path.c_str(), &st) == 0;
-}
-
 }  // namespace kivcam::platform
