@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
