@@ -25,6 +25,10 @@ namespace avx512 {
 // d: where the row's first pixel goes (its rightmost pixel when mirrored).
 // Returns the pixels done; 0 for other kinds.
 uint32_t Yuv24Pixels(uint32_t kind, bool mirror, const uint8_t* s, uint8_t* d, uint32_t w, const int32_t* mul);
+// The leading multiple of 16 pixels of a row of a kind with 4-byte source
+// pixels (RGBA8, BGRA8, RGB10V1 packed, RGB10p32) to 32-bit pixels, every
+// fourth destination byte left as it was; d as above. 0 for other kinds.
+uint32_t Words32Pixels(uint32_t kind, bool mirror, const uint8_t* s, uint8_t* d, uint32_t w);
 }  // namespace avx512
 
 // Computed-entry multipliers for 16-bit lanes that hold each pixel pair's

@@ -479,6 +479,22 @@ uint32_t WideYuv24(uint32_t kind, const uint8_t* s, O& o, uint32_t w, const int3
 }
 #endif
 
+// Hands a 32-bit row of a kind with 4-byte source pixels to the AVX-512
+// loops, which need not read the destination; returns the pixels done, with
+// the cursor moved past them.
+template <class O>
+uint32_t WideWords32(bool wide, uint32_t kind, const uint8_t* s, O& o, uint32_t w) {
+#ifdef __AVX2__
+  if (O::kPixel == 4 && wide) {
+    const uint32_t n = avx512::Words32Pixels(kind, O::kMirror, s, o.d, w);
+    o.d += O::kMirror ? -4 * int64_t{n} : 4 * int64_t{n};
+    return n;
+  }
+#endif
+  (void)wide, (void)kind, (void)s, (void)o, (void)w;
+  return 0;
+}
+
 struct Yuv {
   const int32_t* t;
   const int32_t* mul;
@@ -573,6 +589,7 @@ void Kinds16(const ConvParams& p, const ConvReq& r) {
 template <int P, bool Mirror>
 void Kinds(const ConvParams& p, const ConvReq& r) {
   const Yuv yuv{p.table, p.tableMul, p.avx512};
+  const bool wide = p.avx512;
   switch (r.kind) {
     case KIND_MONO8:
       return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
@@ -629,20 +646,24 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
         for (; x < w; ++x, s += 3) o.Put(s[0], s[1], s[2]);
       });
     case KIND_RGBA8:
-      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x, s += 4) o.Put(s[2], s[1], s[0]);
+      return RunRows<P, Mirror>(p, r, [wide](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = WideWords32(wide, KIND_RGBA8, s, o, w);
+        for (s += 4 * x; x < w; ++x, s += 4) o.Put(s[2], s[1], s[0]);
       });
     case KIND_BGRA8:
-      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x, s += 4) o.Put(s[0], s[1], s[2]);
+      return RunRows<P, Mirror>(p, r, [wide](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = WideWords32(wide, KIND_BGRA8, s, o, w);
+        for (s += 4 * x; x < w; ++x, s += 4) o.Put(s[0], s[1], s[2]);
       });
     case KIND_RGB10V1_PACKED:
-      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        for (uint32_t x = 0; x < w; ++x, s += 4) o.Put(s[1], s[2], s[3]);
+      return RunRows<P, Mirror>(p, r, [wide](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = WideWords32(wide, KIND_RGB10V1_PACKED, s, o, w);
+        for (s += 4 * x; x < w; ++x, s += 4) o.Put(s[1], s[2], s[3]);
       });
     case KIND_RGB10P32:
-      return RunRows<P, Mirror>(p, r, [](const uint8_t* s, auto& o, uint32_t w) {
-        uint32_t x = 0;
+      return RunRows<P, Mirror>(p, r, [wide](const uint8_t* s, auto& o, uint32_t w) {
+        uint32_t x = WideWords32(wide, KIND_RGB10P32, s, o, w);
+        s += 4 * x;
 #ifdef __AVX2__
         x = Rgb10p32Runs<P, Mirror>(s, o.d, x, w);
 #endif

@@ -1,8 +1,15 @@
-// YUV pair kinds and YUV411 to 24-bit rows with AVX-512 (BW, VBMI), 64
-// pixels per step. Byte permutes over whole vectors do the de-interleaving
-// of YUV411 and the 24-bit interleave, which the AVX2 loops build from many
-// in-lane shuffles; the arithmetic is the AVX2 loops' (computed entries,
-// saturating sums, the pack as the clamp), so the bytes are the same.
+// Line converters with AVX-512 (BW, VBMI) that the AVX2 build hands rows to.
+//
+// YUV pair kinds and YUV411 to 24-bit rows, 64 pixels per step: byte
+// permutes over whole vectors do the de-interleaving of YUV411 and the
+// 24-bit interleave, which the AVX2 loops build from many in-lane shuffles;
+// the arithmetic is the AVX2 loops' (computed entries, saturating sums, the
+// pack as the clamp), so the bytes are the same.
+//
+// 4-byte source pixels to 32-bit rows, 16 pixels per step: each pixel's
+// B, G, R word is built in the register and stored under a byte mask that
+// leaves every fourth destination byte alone, so the destination is never
+// read (the AVX2 loops read it to keep that byte).
 #include <immintrin.h>
 
 #include <cstdint>
@@ -118,7 +125,7 @@ struct Mul {
 };
 
 // The two 16-bit halves of each 32-bit word swapped (a pair's lanes).
-inline __m512i SwapPairs(__m512i v) { return _mm512_maskz_rol_epi32(0xFFFF, v, 16); }
+inline __m512i SwapPairs(__m512i v) { return _mm512_rol_epi32(v, 16); }
 
 template <bool Unit>
 __attribute__((always_inline)) inline void Lanes(__m512i y, __m512i c, const Mul& k, __m512i& p1, __m512i& p2,
@@ -188,7 +195,61 @@ uint32_t ForKind(bool mirror, const uint8_t* s, uint8_t* d, uint32_t w, const in
   return k.unit ? Row<Kind411, YLow, ULow, false, true>(s, d, w, k) : Row<Kind411, YLow, ULow, false, false>(s, d, w, k);
 }
 
+// Bytes 0 and 2 of every word exchanged.
+constexpr Idx64 SwapRB() {
+  Idx64 m{};
+  for (int i = 0; i < 64; ++i) m.b[i] = static_cast<int8_t>(i % 4 == 3 || i % 4 == 1 ? i : i ^ 2);
+  return m;
+}
+constexpr Idx64 kSwapRB = SwapRB();
+
+template <uint32_t Kind, bool Mirror>
+uint32_t Words(const uint8_t* s, uint8_t* d, uint32_t w) {
+  const __mmask64 bgr = 0x7777777777777777ull;
+  const __m512i rev = _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  const __m512i swapRB = LoadIdx(kSwapRB);
+  const __m512i ff = _mm512_set1_epi32(0xFF);
+  uint32_t x = 0;
+  for (; x + 16 <= w; x += 16, s += 64) {
+    __m512i v = _mm512_loadu_si512(s);
+    if constexpr (Kind == KIND_RGBA8) {
+      v = _mm512_shuffle_epi8(v, swapRB);
+    } else if constexpr (Kind == KIND_RGB10V1_PACKED) {
+      v = _mm512_srli_epi32(v, 8);  // bytes 1, 2, 3 are B, G, R
+    } else if constexpr (Kind == KIND_RGB10P32) {
+      // The top 8 bits of each 10-bit field.
+      v = _mm512_or_si512(_mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 2), ff),
+                                          _mm512_slli_epi32(_mm512_and_si512(_mm512_srli_epi32(v, 12), ff), 8)),
+                          _mm512_slli_epi32(_mm512_and_si512(_mm512_srli_epi32(v, 22), ff), 16));
+    }
+    if constexpr (Mirror) v = _mm512_permutexvar_epi32(rev, v);
+    _mm512_mask_storeu_epi8(Mirror ? d - 60 : d, bgr, v);
+    d += Mirror ? -64 : 64;
+  }
+  return x;
+}
+
+template <uint32_t Kind>
+uint32_t WordsFor(bool mirror, const uint8_t* s, uint8_t* d, uint32_t w) {
+  return mirror ? Words<Kind, true>(s, d, w) : Words<Kind, false>(s, d, w);
+}
+
 }  // namespace
+
+uint32_t Words32Pixels(uint32_t kind, bool mirror, const uint8_t* s, uint8_t* d, uint32_t w) {
+  switch (kind) {
+    case KIND_RGBA8:
+      return WordsFor<KIND_RGBA8>(mirror, s, d, w);
+    case KIND_BGRA8:
+      return WordsFor<KIND_BGRA8>(mirror, s, d, w);
+    case KIND_RGB10V1_PACKED:
+      return WordsFor<KIND_RGB10V1_PACKED>(mirror, s, d, w);
+    case KIND_RGB10P32:
+      return WordsFor<KIND_RGB10P32>(mirror, s, d, w);
+    default:
+      return 0;
+  }
+}
 
 uint32_t Yuv24Pixels(uint32_t kind, bool mirror, const uint8_t* s, uint8_t* d, uint32_t w, const int32_t* mul) {
   switch (kind) {
