@@ -468,28 +468,19 @@ inline uint32_t Rgb10p32Runs(const uint8_t*& s, uint8_t*& d, uint32_t x, uint32_
 
 #endif
 
-#ifdef __AVX2__
-// Hands the row's leading 64-pixel steps to the AVX-512 loops; returns the
-// pixels done, with the cursor moved past them.
+// Moves the cursor past n pixels that an AVX-512 loop wrote; returns n.
 template <class O>
-uint32_t WideYuv24(uint32_t kind, const uint8_t* s, O& o, uint32_t w, const int32_t* mul) {
-  const uint32_t n = avx512::Yuv24Pixels(kind, O::kMirror, s, o.d, w, mul);
-  o.d += O::kMirror ? -3 * int64_t{n} : 3 * int64_t{n};
+uint32_t Skip(O& o, uint32_t n) {
+  o.d += O::kMirror ? -int64_t{O::kPixel} * n : int64_t{O::kPixel} * n;
   return n;
 }
-#endif
 
 // Hands a 32-bit row of a kind with 4-byte source pixels to the AVX-512
-// loops, which need not read the destination; returns the pixels done, with
-// the cursor moved past them.
+// loops, which need not read the destination; returns the pixels done.
 template <class O>
 uint32_t WideWords32(bool wide, uint32_t kind, const uint8_t* s, O& o, uint32_t w) {
 #ifdef __AVX2__
-  if (O::kPixel == 4 && wide) {
-    const uint32_t n = avx512::Words32Pixels(kind, O::kMirror, s, o.d, w);
-    o.d += O::kMirror ? -4 * int64_t{n} : 4 * int64_t{n};
-    return n;
-  }
+  if (O::kPixel == 4 && wide) return Skip(o, avx512::Words32Pixels(kind, O::kMirror, s, o.d, w));
 #endif
   (void)wide, (void)kind, (void)s, (void)o, (void)w;
   return 0;
@@ -517,7 +508,7 @@ struct PairRow {
     uint32_t x = 0;
 #ifdef __AVX2__
     if (O::kPixel == 3 && yuv.wide && yuv.mul) {
-      x = WideYuv24(kind, s, o, w, yuv.mul);
+      x = Skip(o, avx512::Yuv24Pixels(kind, O::kMirror, s, o.d, w, yuv.mul));
       s += 2 * x;
     }
     if (yuv.mul) {
@@ -717,7 +708,7 @@ void Kinds(const ConvParams& p, const ConvReq& r) {
         uint32_t x = 0;
 #ifdef __AVX2__
         if (o.kPixel == 3 && yuv.wide && yuv.mul) {
-          x = WideYuv24(KIND_YUV411, s, o, w, yuv.mul);
+          x = Skip(o, avx512::Yuv24Pixels(KIND_YUV411, o.kMirror, s, o.d, w, yuv.mul));
           s += 3 * x / 2;
         }
         if (yuv.mul) {
