@@ -85,9 +85,11 @@ LogDrain::~LogDrain() {
   if (ok_) reader_.SetLevel(0);
 }
 
+// Taking and storing under one lock: a line the drain thread has taken but
+// not yet stored would otherwise be missed by a check running meanwhile.
 void LogDrain::Pull() {
-  std::vector<std::string> got = reader_.Take();
   std::lock_guard<std::mutex> g(mutex_);
+  std::vector<std::string> got = reader_.Take();
   seen_.insert(seen_.end(), got.begin(), got.end());
   cv_.notify_all();
 }
