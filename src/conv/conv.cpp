@@ -126,7 +126,11 @@ int CConv::Convert(const ConvReq& r) {
   const bool avx2 = isa >= ConvIsa::kAvx2;
   p.avx512 = isa == ConvIsa::kAvx512;
   if (IsBayerKind(k)) {
-    avx2 ? avx2::BayerConvert(p, r, out24) : base::BayerConvert(p, r, out24);
+    if (p.avx512) {
+      avx512::BayerConvert(p, r, out24);
+    } else {
+      avx2 ? avx2::BayerConvert(p, r, out24) : base::BayerConvert(p, r, out24);
+    }
   } else {
     avx2 ? avx2::LineConvert(p, r, out24) : base::LineConvert(p, r, out24);
   }

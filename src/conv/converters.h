@@ -1,6 +1,7 @@
 // Converter entry points behind the dispatcher. line.cpp and bayer.cpp are
 // compiled twice, for the baseline instruction set and for AVX2, into the
-// namespaces base and avx2; the dispatcher picks one at run time.
+// namespaces base and avx2; bayer.cpp also for AVX-512 into avx512. The
+// dispatcher picks one at run time.
 #pragma once
 
 #include "conv/conv.h"
@@ -18,8 +19,10 @@ KIVCONV_DECLARE_CONVERTERS(base)
 KIVCONV_DECLARE_CONVERTERS(avx2)
 #undef KIVCONV_DECLARE_CONVERTERS
 
-// AVX-512 (BW, VBMI) loops the AVX2 build hands its widest rows to.
+// AVX-512 (BW, VBMI) loops the AVX2 build hands its widest rows to, and the
+// Bayer converters built for AVX-512 (BW, VL).
 namespace avx512 {
+void BayerConvert(const ConvParams& p, const ConvReq& r, bool out24);
 // The leading multiple of 64 pixels of a row of a YUV pair kind or YUV411
 // to 24-bit pixels, with entries computed from the multipliers `mul`.
 // d: where the row's first pixel goes (its rightmost pixel when mirrored).

@@ -48,8 +48,13 @@ inline void StorePixels(uint8_t* d, __m128i b, __m128i g, __m128i r) {
     const __m128i px[4] = {_mm_unpacklo_epi16(bgLo, rLo), _mm_unpackhi_epi16(bgLo, rLo),
                            _mm_unpacklo_epi16(bgHi, rHi), _mm_unpackhi_epi16(bgHi, rHi)};
     for (int k = 0; k < 4; ++k) {
+#ifdef __AVX512BW__
+      (void)keep;
+      _mm_mask_storeu_epi8(d + 16 * k, 0x7777, px[k]);  // skips the fourth bytes, reads nothing
+#else
       __m128i* q = reinterpret_cast<__m128i*>(d + 16 * k);
       _mm_storeu_si128(q, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(q), keep), px[k]));
+#endif
     }
   } else {
     for (int blk = 0; blk < 3; ++blk) {
