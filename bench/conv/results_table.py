@@ -14,8 +14,12 @@ LINE_KINDS = ["Mono8_24", "Mono12_24", "Mono12p_24", "RGB8_24", "BGRA8_32", "UYV
 
 def main():
     exe, extra = sys.argv[1], sys.argv[2:]
-    out = subprocess.run([exe, "--benchmark_format=json", "--benchmark_repetitions=5",
-                          "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.2"] + extra,
+    # Repetitions of all cases interleaved in random order, so that a noisy
+    # spell of a shared machine spreads over the cases instead of spoiling
+    # the few that ran during it.
+    out = subprocess.run([exe, "--benchmark_format=json", "--benchmark_repetitions=9",
+                          "--benchmark_enable_random_interleaving=true",
+                          "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.1"] + extra,
                          check=True, capture_output=True, text=True).stdout
     data = json.loads(out)
     med = {}
