@@ -3,7 +3,7 @@
 add_library(kivformula STATIC
   ${CMAKE_CURRENT_LIST_DIR}/src/formula.cpp
   ${CMAKE_CURRENT_LIST_DIR}/src/formula_eval.cpp)
-set_target_properties(kivformula PROPERTIES POSITION_INDEPENDENT_CODE ON)
+set_target_properties(kivformula PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 target_include_directories(kivformula PUBLIC ${CMAKE_CURRENT_LIST_DIR}/src)
 
 if(KIVCAM_BUILD_TESTS)

@@ -52,7 +52,7 @@ void CNodeMapRef::_LoadXMLFromFileInject(const gcstring& target, const gcstring&
 
 void CNodeMapRef::_LoadXMLFromZIPData(const void* data, size_t size) {
   CheckNotLoaded(_Ptr);
-  _LoadXMLFromString(detail::UnzipFirstEntry(data, size));
+  _LoadXMLFromString(UnzipFirstEntry(data, size));
 }
 
 void CNodeMapRef::_LoadXMLFromZIPFile(const gcstring& file) {

@@ -44,18 +44,20 @@ int ZCALLBACK MemError(voidpf, voidpf) { return 0; }
 }
 
 }  // namespace
+}  // namespace detail
 
 std::string UnzipFirstEntry(const void* data, size_t size) {
+  using detail::Fail;
   if (!data || size == 0) Fail("empty");
-  MemFile mf{static_cast<const unsigned char*>(data), size, 0};
+  detail::MemFile mf{static_cast<const unsigned char*>(data), size, 0};
   zlib_filefunc64_def ff{};
-  ff.zopen64_file = MemOpen;
-  ff.zread_file = MemRead;
-  ff.zwrite_file = MemWrite;
-  ff.ztell64_file = MemTell;
-  ff.zseek64_file = MemSeek;
-  ff.zclose_file = MemClose;
-  ff.zerror_file = MemError;
+  ff.zopen64_file = detail::MemOpen;
+  ff.zread_file = detail::MemRead;
+  ff.zwrite_file = detail::MemWrite;
+  ff.ztell64_file = detail::MemTell;
+  ff.zseek64_file = detail::MemSeek;
+  ff.zclose_file = detail::MemClose;
+  ff.zerror_file = detail::MemError;
   ff.opaque = &mf;
   unzFile z = unzOpen2_64("memory", &ff);
   if (!z) Fail("not an archive");
@@ -78,6 +80,8 @@ std::string UnzipFirstEntry(const void* data, size_t size) {
   if (n < 0 || static_cast<size_t>(n) != out.size() || crc != UNZ_OK) Fail("entry is damaged");
   return out;
 }
+
+namespace detail {
 
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

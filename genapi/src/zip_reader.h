@@ -1,14 +1,14 @@
-// Extracts the first entry of a ZIP archive held in memory.
+// Whole files and ZIP archives as the loader reads them.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
+#include "kivgenapi/Zip.h"
+
 namespace KivGenApi {
 namespace detail {
 
-// Throws RuntimeException when the data is not a readable archive.
-std::string UnzipFirstEntry(const void* data, size_t size);
 std::string ReadWholeFile(const std::string& path);
 
 }  // namespace detail

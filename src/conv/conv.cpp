@@ -21,7 +21,7 @@ bool IsValidConvMode(const ConvMode& mode, bool cameraEngine) {
 CConv::CConv(const ConvMode& mode, const YuvCoef& coef, int threads)
     : geometry_(mode.geometry),
       shift_(static_cast<int32_t>(mode.shift)),
-      requestedShift_(static_cast<int32_t>(mode.shift)),
+      requested_shift_(static_cast<int32_t>(mode.shift)),
       output_(mode.output),
       smoothing_(mode.smoothing != 0),
       parallel_(mode.parallel != 0),
@@ -32,8 +32,8 @@ CConv::CConv(const ConvMode& mode, const YuvCoef& coef, int threads)
 CConv::~CConv() { delete[] table_.load(); }
 
 void CConv::ResolveShift(uint32_t kind, uint32_t bits) {
-  if (requestedShift_ != -1) {
-    shift_ = requestedShift_;
+  if (requested_shift_ != -1) {
+    shift_ = requested_shift_;
   } else if (kind == KIND_MONO16 || kind == KIND_BAYER16) {
     shift_ = static_cast<int32_t>(bits) - 8;
   } else if (kind == KIND_RGB16 || kind == KIND_BGR16) {

@@ -91,7 +91,7 @@ class CConv : public CBaseConv {
 
   uint32_t Geometry() const { return geometry_; }
   int32_t Shift() const { return shift_; }
-  int32_t RequestedShift() const { return requestedShift_; }
+  int32_t RequestedShift() const { return requested_shift_; }
   uint32_t OutputSelector() const { return output_; }
   bool Smoothing() const { return smoothing_; }
   bool Parallel() const { return parallel_; }
@@ -102,7 +102,7 @@ class CConv : public CBaseConv {
   double coef_[4];
   uint32_t geometry_;
   int32_t shift_;
-  int32_t requestedShift_;
+  int32_t requested_shift_;
   uint32_t output_;
   bool smoothing_;
   bool parallel_;

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kivcam/kivcam.h"
+
 namespace kivcam::conv {
 
 #pragma pack(push, 1)
@@ -88,13 +90,13 @@ static_assert(offsetof(BitmapInfoHeader, biSizeImage) == 20);
 static_assert(offsetof(BitmapInfoHeader, biClrUsed) == 32);
 static_assert(sizeof(RgbQuad) == 4);
 
-// Result codes, the same numbers as the library's error codes.
+// Result codes: the library's own error codes.
 enum ConvResult : int {
-  kConvOk = 0,
-  kConvBadArg = 1,         // bad pointer, value or image size
-  kConvBufferSmall = 2,
-  kConvUnsupported = 21,   // pixel format not in the table
-  kConvNoMemory = 99,
+  kConvOk = KIVCAM_ERR_NONE,
+  kConvBadArg = KIVCAM_ERR_PARAM,              // bad pointer, value or image size
+  kConvBufferSmall = KIVCAM_ERR_BUFFER_SIZE,
+  kConvUnsupported = KIVCAM_ERR_FORMAT,        // pixel format not in the table
+  kConvNoMemory = KIVCAM_ERR_OTHER,
 };
 
 }  // namespace kivcam::conv

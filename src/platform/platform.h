@@ -144,6 +144,25 @@ std::string MachineWideName(const std::string& name);
 // tool) removes it with this.
 void RemoveMachineWideName(const std::string& name);
 
+// ---- address space ------------------------------------------------------------
+// A range of addresses reserved and never accessible: no allocation of the
+// process is ever placed inside it, so its values name nothing else. Given
+// back when dropped.
+class AddressReservation {
+ public:
+  static std::unique_ptr<AddressReservation> Reserve(size_t bytes);
+  ~AddressReservation();
+  AddressReservation(const AddressReservation&) = delete;
+  AddressReservation& operator=(const AddressReservation&) = delete;
+  uintptr_t base() const { return base_; }
+  size_t size() const { return size_; }
+
+ private:
+  AddressReservation(uintptr_t base, size_t size) : base_(base), size_(size) {}
+  uintptr_t base_;
+  size_t size_;
+};
+
 // ---- threads -----------------------------------------------------------------
 class Thread {
  public:
@@ -153,6 +172,8 @@ class Thread {
   ~Thread();  // detaches when not joined
   void Join();
   void Detach();
+  // True on the thread itself (while it has not been joined or detached).
+  bool IsCurrent() const;
   // Highest real-time priority when the process may set it; silently nothing otherwise.
   void SetTimeCritical();
 

@@ -53,6 +53,8 @@ void Thread::Join() {
   impl_->joinable = false;
 }
 
+bool Thread::IsCurrent() const { return impl_->joinable && pthread_equal(impl_->handle, pthread_self()); }
+
 void Thread::Detach() {
   if (!impl_->joinable) return;
   pthread_detach(impl_->handle);

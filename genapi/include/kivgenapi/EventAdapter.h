@@ -10,7 +10,7 @@
 
 namespace KivGenApi {
 
-class CEventAdapter {
+class KIVGENAPI_API CEventAdapter {
  public:
   explicit CEventAdapter(INodeMap* pNodeMap = nullptr) : map_(pNodeMap) {}
   void AttachNodeMap(INodeMap* pNodeMap) { map_ = pNodeMap; }

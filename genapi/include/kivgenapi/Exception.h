@@ -4,9 +4,11 @@
 #include <exception>
 #include <string>
 
+#include "kivgenapi/Types.h"
+
 namespace KivGenApi {
 
-class GenericException : public std::exception {
+class KIVGENAPI_API GenericException : public std::exception {
  public:
   GenericException(const std::string& description, const char* file = "", unsigned line = 0,
                    const char* type = "GenericException", const std::string& node = std::string());
@@ -22,7 +24,7 @@ class GenericException : public std::exception {
 };
 
 #define KIVGENAPI_EXCEPTION_CLASS(Name)                                                          \
-  class Name : public GenericException {                                                         \
+  class KIVGENAPI_API Name : public GenericException {                                                   \
    public:                                                                                       \
     Name(const std::string& description, const char* file = "", unsigned line = 0,               \
          const std::string& node = std::string())                                                \

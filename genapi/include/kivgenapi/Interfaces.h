@@ -11,7 +11,7 @@ namespace KivGenApi {
 
 class INodeMap;
 
-class IBase {
+class KIVGENAPI_API IBase {
  public:
   virtual EAccessMode GetAccessMode() const = 0;
   virtual ~IBase() = default;
@@ -21,7 +21,7 @@ class IBase {
 using CallbackHandleType = intptr_t;
 using NodeCallback = std::function<void(INode*)>;
 
-class INode : virtual public IBase {
+class KIVGENAPI_API INode : virtual public IBase {
  public:
   virtual gcstring GetName(bool FullQualified = false) const = 0;
   virtual ENameSpace GetNameSpace() const = 0;
@@ -54,7 +54,7 @@ class INode : virtual public IBase {
   virtual bool IsFeature() const = 0;
 };
 
-class IValue : virtual public IBase {
+class KIVGENAPI_API IValue : virtual public IBase {
  public:
   virtual INode* GetNode() { return dynamic_cast<INode*>(this); }
   virtual gcstring ToString(bool Verify = false, bool IgnoreCache = false) = 0;
@@ -62,7 +62,7 @@ class IValue : virtual public IBase {
   virtual bool IsValueCacheValid() const = 0;
 };
 
-class IInteger : virtual public IValue {
+class KIVGENAPI_API IInteger : virtual public IValue {
  public:
   virtual void SetValue(int64_t Value, bool Verify = true) = 0;
   virtual IInteger& operator=(int64_t Value) { SetValue(Value); return *this; }
@@ -80,7 +80,7 @@ class IInteger : virtual public IValue {
   virtual void ImposeMax(int64_t Value) = 0;
 };
 
-class IFloat : virtual public IValue {
+class KIVGENAPI_API IFloat : virtual public IValue {
  public:
   virtual void SetValue(double Value, bool Verify = true) = 0;
   virtual IFloat& operator=(double Value) { SetValue(Value); return *this; }
@@ -101,7 +101,7 @@ class IFloat : virtual public IValue {
   virtual void ImposeMax(double Value) = 0;
 };
 
-class IBoolean : virtual public IValue {
+class KIVGENAPI_API IBoolean : virtual public IValue {
  public:
   virtual void SetValue(bool Value, bool Verify = true) = 0;
   virtual void operator=(bool Value) { SetValue(Value); }
@@ -109,14 +109,14 @@ class IBoolean : virtual public IValue {
   virtual bool operator()() const { return GetValue(); }
 };
 
-class ICommand : virtual public IValue {
+class KIVGENAPI_API ICommand : virtual public IValue {
  public:
   virtual void Execute(bool Verify = true) = 0;
   virtual void operator()() { Execute(); }
   virtual bool IsDone(bool Verify = true) = 0;
 };
 
-class IEnumEntry : virtual public IValue {
+class KIVGENAPI_API IEnumEntry : virtual public IValue {
  public:
   virtual int64_t GetValue() = 0;
   virtual gcstring GetSymbolic() const = 0;
@@ -124,7 +124,7 @@ class IEnumEntry : virtual public IValue {
   virtual bool IsSelfClearing() = 0;
 };
 
-class IEnumeration : virtual public IValue {
+class KIVGENAPI_API IEnumeration : virtual public IValue {
  public:
   virtual void GetSymbolics(StringList_t& Symbolics) = 0;
   virtual void GetEntries(NodeList_t& Entries) = 0;
@@ -138,7 +138,7 @@ class IEnumeration : virtual public IValue {
   virtual IEnumEntry* GetCurrentEntry(bool Verify = false, bool IgnoreCache = false) = 0;
 };
 
-class IString : virtual public IValue {
+class KIVGENAPI_API IString : virtual public IValue {
  public:
   virtual void SetValue(const gcstring& Value, bool Verify = true) = 0;
   virtual IString& operator=(const gcstring& Value) { SetValue(Value); return *this; }
@@ -148,7 +148,7 @@ class IString : virtual public IValue {
   virtual int64_t GetMaxLength(bool Verify = false) = 0;
 };
 
-class IRegister : virtual public IValue {
+class KIVGENAPI_API IRegister : virtual public IValue {
  public:
   virtual void Set(const uint8_t* pBuffer, int64_t Length, bool Verify = true) = 0;
   virtual void Get(uint8_t* pBuffer, int64_t Length, bool Verify = false, bool IgnoreCache = false) = 0;
@@ -156,12 +156,12 @@ class IRegister : virtual public IValue {
   virtual int64_t GetAddress(bool Verify = false) = 0;
 };
 
-class ICategory : virtual public IValue {
+class KIVGENAPI_API ICategory : virtual public IValue {
  public:
   virtual void GetFeatures(FeatureList_t& Features) const = 0;
 };
 
-class ISelector : virtual public IBase {
+class KIVGENAPI_API ISelector : virtual public IBase {
  public:
   virtual bool IsSelector() const = 0;
   virtual void GetSelectedFeatures(FeatureList_t& Features) const = 0;
@@ -170,13 +170,13 @@ class ISelector : virtual public IBase {
 
 // What the application implements to give the node map its register space.
 // Bytes travel in the device's own order.
-class IPort : virtual public IBase {
+class KIVGENAPI_API IPort : virtual public IBase {
  public:
   virtual void Read(void* pBuffer, int64_t Address, int64_t Length) = 0;
   virtual void Write(const void* pBuffer, int64_t Address, int64_t Length) = 0;
 };
 
-class INodeMap {
+class KIVGENAPI_API INodeMap {
  public:
   virtual ~INodeMap() = default;
   virtual void GetNodes(NodeList_t& Nodes) const = 0;

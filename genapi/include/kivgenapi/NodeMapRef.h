@@ -8,7 +8,7 @@
 
 namespace KivGenApi {
 
-class CNodeMapRef {
+class KIVGENAPI_API CNodeMapRef {
  public:
   explicit CNodeMapRef(const gcstring& DeviceName = "Device");
   virtual ~CNodeMapRef();

@@ -6,6 +6,14 @@
 #include <string>
 #include <vector>
 
+// The engine's API is visible from the shared library it is built into;
+// everything else of it is not.
+#if defined(__GNUC__) || defined(__clang__)
+#define KIVGENAPI_API __attribute__((visibility("default")))
+#else
+#define KIVGENAPI_API
+#endif
+
 namespace KivGenApi {
 
 // A std::string that also builds implicitly from a NULL-safe C string, so
@@ -79,6 +87,6 @@ inline bool IsWritable(EAccessMode m) { return m == WO || m == RW; }
 inline bool IsImplemented(EAccessMode m) { return m != NI; }
 inline bool IsAvailable(EAccessMode m) { return m != NI && m != NA; }
 
-const char* AccessModeName(EAccessMode m);
+KIVGENAPI_API const char* AccessModeName(EAccessMode m);
 
 }  // namespace KivGenApi
