@@ -1,5 +1,7 @@
 #include "api/frame.h"
 
+#include "camera/camera.h"
+
 namespace kivcam::api {
 
 void Frame::Line(const char* event) const {
@@ -30,15 +32,30 @@ void Frame::Error(uint32_t code) const {
   }
 }
 
-bool Require(core::CKivCamDLL& lib, const void* p) {
-  if (p) return true;
-  lib.SetErrorCode(kErrParam);
-  return false;
+void OnFailure(core::CKivCamDLL& lib, const Frame& f, const kivcam::Error* e) {
+  if (!e) {
+    diag::LogEvent(false, f.name, kOtherErrorText);
+    lib.SetErrorCode(KIVCAM_ERR_OTHER);
+    return;
+  }
+  if (e->has_text()) diag::LogEvent(false, f.name, e->what());
+  lib.SetErrorCode(e->code());
 }
 
-void OnFailure(core::CKivCamDLL& lib, const Frame& f, const char* text) {
-  diag::LogEvent(false, f.name, text ? text : "Other Error");
-  lib.SetErrorCode(kErrOther);
+std::shared_ptr<camera::CCamera> CameraOf(core::CKivCamDLL& lib, const void* handle) {
+  std::shared_ptr<camera::CCamera> c = lib.FindCamera(handle);
+  Require(c.get());
+  return c;
 }
+
+CameraLock::CameraLock(camera::CCamera& camera) : camera_(camera) {
+  camera_.lock().Lock();
+  if (camera_.closed()) {
+    camera_.lock().Unlock();
+    throw kivcam::Error(KIVCAM_ERR_PARAM);
+  }
+}
+
+CameraLock::~CameraLock() { camera_.lock().Unlock(); }
 
 }  // namespace kivcam::api

@@ -1,18 +1,21 @@
 // The call frame every export runs: Start line, last error 0, checks, one
-// lock, the work, End or Error line. Exceptions never cross an export.
+// lock, the work, End or Error line. Exceptions never cross an export: an
+// Error's code becomes the caller's last error (its text, if any, goes to
+// the call log under the export's name); anything else is 99, "Other Error".
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
-#include "core/failure.h"
 #include "core/kivcam_dll.h"
 #include "diag/call_log.h"
+#include "diag/error.h"
+
+namespace kivcam::camera {
+class CCamera;
+}
 
 namespace kivcam::api {
-
-// Error codes the frame itself sets.
-constexpr uint32_t kErrParam = 1;
-constexpr uint32_t kErrOther = 99;
 
 // How an export names itself in its lines.
 struct Frame {
@@ -57,16 +60,18 @@ struct Frame {
   void Error(uint32_t code) const;
 };
 
-// Sets code 1 and returns false when `p` is null; for `if (!Require(...)) return false;`.
-bool Require(core::CKivCamDLL& lib, const void* p);
+// Raises Error (1) when `p` is null.
+inline void Require(const void* p) {
+  if (!p) throw kivcam::Error(KIVCAM_ERR_PARAM);
+}
 
-// Logs a failure under the export's name and leaves code 99.
-void OnFailure(core::CKivCamDLL& lib, const Frame& f, const char* text);
+// Turns what `work` raised into the caller's last error.
+void OnFailure(core::CKivCamDLL& lib, const Frame& f, const kivcam::Error* e);
 
-// Runs `work(lib)` in the frame. `work` checks its arguments (code 1 and
-// false on a bad one), takes its lock and does the operation; it returns
-// true on success, false with the code set on failure. With `always_end`
-// the End line closes the call whatever happened (exports without result).
+// Runs `work(lib)` in the frame. `work` checks its arguments, takes its lock
+// and does the operation; it raises Error on failure and returns normally on
+// success. With `always_end` the End line closes the call whatever happened
+// (exports without a result). False after KIVCAM_FreeLibrary.
 template <typename Work>
 bool Run(const Frame& f, Work&& work, bool always_end = false) {
   core::ArmExitDetection();
@@ -76,9 +81,10 @@ bool Run(const Frame& f, Work&& work, bool always_end = false) {
   lib->SetErrorCode(0);
   bool ok = false;
   try {
-    ok = work(*lib);
-  } catch (const core::Failure& e) {
-    OnFailure(*lib, f, e.text());
+    work(*lib);
+    ok = true;
+  } catch (const kivcam::Error& e) {
+    OnFailure(*lib, f, &e);
   } catch (...) {
     OnFailure(*lib, f, nullptr);
   }
@@ -89,5 +95,27 @@ bool Run(const Frame& f, Work&& work, bool always_end = false) {
   }
   return ok;
 }
+
+// Run for a KIVCAM_BOOL export.
+template <typename Work>
+KIVCAM_BOOL RunBool(const Frame& f, Work&& work) {
+  return Run(f, std::forward<Work>(work)) ? KIVCAM_TRUE : KIVCAM_FALSE;
+}
+
+// The live camera behind `handle`, or Error (1).
+std::shared_ptr<camera::CCamera> CameraOf(core::CKivCamDLL& lib, const void* handle);
+
+// The camera lock, and the test that the camera was not closed while the
+// caller waited for it (a closed camera's handle is as good as stale).
+class CameraLock {
+ public:
+  explicit CameraLock(camera::CCamera& camera);
+  ~CameraLock();
+  CameraLock(const CameraLock&) = delete;
+  CameraLock& operator=(const CameraLock&) = delete;
+
+ private:
+  camera::CCamera& camera_;
+};
 
 }  // namespace kivcam::api

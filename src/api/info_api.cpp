@@ -1,16 +1,18 @@
 // Camera information: identity records, the node map and the command timeout.
 #include "api/frame.h"
 #include "camera/camera.h"
-#include "core/base.h"
+#include "camera/camera_gige.h"
+#include "camera/camera_usb.h"
 #include "core/kivcam_dll.h"
 #include "kivcam/kivcam.h"
 
+using kivcam::api::CameraLock;
+using kivcam::api::CameraOf;
 using kivcam::api::Frame;
 using kivcam::api::Require;
-using kivcam::api::Run;
+using kivcam::api::RunBool;
 using kivcam::camera::CCamera;
 using kivcam::core::CKivCamDLL;
-using kivcam::platform::LockGuard;
 
 namespace {
 
@@ -22,22 +24,16 @@ constexpr uint32_t kTimeoutMax = 600000;
 // lock, the camera must be present before `work` runs.
 template <typename Kind, typename Work>
 KIVCAM_BOOL OnCamera(const char* name, HCAMERA handle, const void* out, uint32_t wrong_kind, Work&& work) {
-  return Run(Frame::Camera(name, handle), [&](CKivCamDLL& lib) {
-    CCamera* c = kivcam::core::FindLive<CCamera>(handle);
-    if (!Require(lib, c) || !Require(lib, out)) return false;
-    Kind* k = dynamic_cast<Kind*>(c);
-    if (!k) {
-      lib.SetErrorCode(wrong_kind);
-      return false;
-    }
+  return RunBool(Frame::Camera(name, handle), [&](CKivCamDLL& lib) {
+    auto c = CameraOf(lib, handle);
+    Require(out);
+    Kind* k = dynamic_cast<Kind*>(c.get());
+    if (!k) throw kivcam::Error(wrong_kind);
     c->PreCall();
-    LockGuard g(c->lock());
-    if (!c->visible()) {
-      lib.SetErrorCode(KIVCAM_ERR_NO_CAMERA);
-      return false;
-    }
-    return work(*k);
-  }) ? KIVCAM_TRUE : KIVCAM_FALSE;
+    CameraLock g(*c);
+    if (!c->visible()) throw kivcam::Error(KIVCAM_ERR_NO_CAMERA);
+    work(*k);
+  });
 }
 
 }  // namespace
@@ -45,46 +41,37 @@ KIVCAM_BOOL OnCamera(const char* name, HCAMERA handle, const void* out, uint32_t
 extern "C" {
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_CameraInfo(HCAMERA camera, CameraListEntry* info) {
-  return OnCamera<CCamera>("KIVCAM_CameraInfo", camera, info, 0,
-                           [&](CCamera& c) { return c.CameraInfo(info); });
+  return OnCamera<CCamera>("KIVCAM_CameraInfo", camera, info, KIVCAM_ERR_PARAM,
+                           [&](CCamera& c) { c.CameraInfo(info); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_CameraInfoGigE(HCAMERA camera, GigECameraInfo* info) {
   return OnCamera<kivcam::camera::CCameraGigE>("KIVCAM_CameraInfoGigE", camera, info, KIVCAM_ERR_NOT_GIGE,
-                                               [&](kivcam::camera::CCameraGigE& c) { return c.CameraInfo(info); });
+                                               [&](kivcam::camera::CCameraGigE& c) { c.CameraInfo(info); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_CameraInfoUSB(HCAMERA camera, USBCameraInfo* info) {
   return OnCamera<kivcam::camera::CCameraUSB>("KIVCAM_CameraInfoUSB", camera, info, KIVCAM_ERR_NOT_USB,
-                                              [&](kivcam::camera::CCameraUSB& c) { return c.CameraInfo(info); });
+                                              [&](kivcam::camera::CCameraUSB& c) { c.CameraInfo(info); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_GetNodeMap(HCAMERA camera, void** node_map) {
-  return OnCamera<CCamera>("KIVCAM_GetNodeMap", camera, node_map, 0, [&](CCamera& c) {
-    *node_map = c.node_map();
-    return true;
-  });
+  return OnCamera<CCamera>("KIVCAM_GetNodeMap", camera, node_map, KIVCAM_ERR_PARAM,
+                           [&](CCamera& c) { *node_map = c.node_map(); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_SetCmdTimeOut(HCAMERA camera, uint32_t milliseconds) {
-  return Run(Frame::Camera("KIVCAM_SetCmdTimeOut", camera), [&](CKivCamDLL& lib) {
+  return RunBool(Frame::Camera("KIVCAM_SetCmdTimeOut", camera), [&](CKivCamDLL& lib) {
     if (kivcam::core::StructVersion() < KIVCAM_STRUCT_VERSION_CMDTIMEOUT) {
-      lib.SetErrorCode(KIVCAM_ERR_VERSION);
-      return false;
+      throw kivcam::Error(KIVCAM_ERR_VERSION);
     }
-    CCamera* c = kivcam::core::FindLive<CCamera>(camera);
-    if (!Require(lib, c)) return false;
-    if (milliseconds != 0 && (milliseconds < kTimeoutMin || milliseconds > kTimeoutMax)) {
-      return Require(lib, nullptr);
-    }
+    auto c = CameraOf(lib, camera);
+    if (milliseconds != 0 && (milliseconds < kTimeoutMin || milliseconds > kTimeoutMax)) Require(nullptr);
     c->PreCall();
-    LockGuard g(c->lock());
-    if (c->watch()) {
-      lib.SetErrorCode(KIVCAM_ERR_MODE);
-      return false;
-    }
-    return c->SetCmdTimeOut(milliseconds);
-  }) ? KIVCAM_TRUE : KIVCAM_FALSE;
+    CameraLock g(*c);
+    if (c->watch()) throw kivcam::Error(KIVCAM_ERR_MODE);
+    c->SetCmdTimeOut(milliseconds);
+  });
 }
 
 }  // extern "C"

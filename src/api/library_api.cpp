@@ -9,11 +9,6 @@ using kivcam::api::Frame;
 using kivcam::api::Run;
 using kivcam::core::CKivCamDLL;
 
-namespace {
-constexpr uint32_t kLibraryRevision = 10106;
-constexpr uint32_t kErrVersion = 16;
-}  // namespace
-
 extern "C" {
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_SetStructVersion(uint32_t version) {
@@ -23,25 +18,26 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_SetStructVersion(uint32_t version) {
   return Run(f, [&](CKivCamDLL& lib) {
     kivcam::platform::LockGuard api(lib.api_lock());
     uint32_t current = kivcam::core::StructVersion();
-    if (version > kLibraryRevision || version < current) {
-      lib.SetErrorCode(kErrVersion);
-      f.Error(lib.GetErrorCode());
-      return false;
+    if (version > KIVCAM_LIBRARY_REVISION || version < current) {
+      lib.SetErrorCode(KIVCAM_ERR_VERSION);
+      f.Error(KIVCAM_ERR_VERSION);
+      throw kivcam::Error(KIVCAM_ERR_VERSION);
     }
     if (version > current) {
       kivcam::core::SetStructVersionValue(version);
       kivcam::platform::LockGuard library(lib.library_lock());
       lib.CreateDrvList();
     }
-    return true;
   }, /*always_end=*/true) ? KIVCAM_TRUE : KIVCAM_FALSE;
 }
 
 KIVCAM_API uint32_t KIVCAM_GetLibraryRevision(void) {
   if (CKivCamDLL* lib = kivcam::core::Library()) lib->SetErrorCode(0);
-  return kLibraryRevision;
+  return KIVCAM_LIBRARY_REVISION;
 }
 
+// Also from the library's own callback: the object then ends on that thread
+// once the application's function returns; exports fail from now on.
 KIVCAM_API void KIVCAM_FreeLibrary(void) { kivcam::core::DestroyLibrary(); }
 
 KIVCAM_API uint32_t KIVCAM_GetLastError(void) {
@@ -53,7 +49,6 @@ KIVCAM_API void KIVCAM_SetCallBack(void* context, KIVCAM_CALLBACK function) {
   Run(Frame::Plain("KIVCAM_SetCallBack"), [&](CKivCamDLL& lib) {
     kivcam::platform::LockGuard api(lib.api_lock());
     lib.SetCallBack(reinterpret_cast<kivcam::core::BusEventCallback>(function), context);
-    return true;
   }, /*always_end=*/true);
 }
 
@@ -70,13 +65,3 @@ KIVCAM_API void KIVCAM_LogCommonAreaGet(uint32_t monitor_process_id, void** buil
 }
 
 }  // extern "C"
-
-// Diagnostics entry, not part of the public header: lets tests and tools
-// raise the happenings that producers' interfaces report (1 bus reset,
-// 2 power wake-up of the first producer).
-extern "C" KIVCAM_API void kivcam_internal_raise_event(uint32_t code) {
-  CKivCamDLL* lib = kivcam::core::Library();
-  if (!lib) return;
-  if (code == 1) lib->UserBusEvent();
-  if (code == 2) lib->FirstProducerPowerUp();
-}

@@ -5,13 +5,13 @@
 
 using kivcam::api::Frame;
 using kivcam::api::Require;
-using kivcam::api::Run;
+using kivcam::api::RunBool;
 using kivcam::core::CKivCamDLL;
 
 extern "C" KIVCAM_API KIVCAM_BOOL KIVCAM_GetList(CameraList* list) {
-  return Run(Frame::Plain("KIVCAM_GetList"), [&](CKivCamDLL& lib) {
-    if (!Require(lib, list)) return false;
+  return RunBool(Frame::Plain("KIVCAM_GetList"), [&](CKivCamDLL& lib) {
+    Require(list);
     kivcam::platform::LockGuard api(lib.api_lock());
-    return lib.GetList(list);
-  }) ? KIVCAM_TRUE : KIVCAM_FALSE;
+    lib.GetList(list);
+  });
 }

@@ -1,6 +1,6 @@
-// The camera class family: one opened camera device with its remote port, its
-// two data streams, its node map and its state flags. The handle the
-// application holds is the address of the object.
+// The camera class family: one opened camera device with its two data
+// streams, its node map and its state flags. The interface that opened it
+// owns it; Close (of transport::CDevice) is its one teardown.
 #pragma once
 
 #include <atomic>
@@ -8,17 +8,17 @@
 #include <memory>
 #include <string>
 
-#include "core/base.h"
+#include "camera/stream_thread.h"
+#include "camera/streams.h"
 #include "kivcam/kivcam.h"
 #include "kivgenapi/KivGenApi.h"
 #include "kivgentl/gentl.h"
 #include "platform/platform.h"
+#include "transport/device.h"
 
 namespace kivcam::transport {
-class CGenTL;
-class CInterface;
 class CPort;
-}  // namespace kivcam::transport
+}
 
 namespace kivcam::camera {
 
@@ -32,56 +32,40 @@ constexpr uint32_t kStateStarted = 0x20;
 constexpr uint32_t kStateStopped = 0x40;
 constexpr uint32_t kStateMulticast = 0x80;
 
-// Open parameter meaning "look for a copy in the data folder first".
-constexpr uint32_t kDescriptionDataFolderFirst = 0xFFFFFFFFu;
-
-class CCamera : public core::CBase {
+class CCamera : public transport::CDevice {
  public:
-  // Opens the streams and loads the description; raises core::Failure. The
-  // device handle stays the caller's to close when construction fails.
+  // Opens the streams and loads the description; raises Error with the
+  // failure's text. The device closes again when construction fails.
   CCamera(transport::CGenTL* producer, transport::CInterface* owner, const std::string& device_id,
-          DEV_HANDLE device, uint32_t description_index, bool watch);
+          transport::DeviceHandle device, uint32_t description_index, bool watch);
   ~CCamera() override;
 
-  virtual bool CheckVisible(bool* visible);
+  // Refreshes the presence flag and reports it; *query_ok is false when the
+  // producer could not be asked (its text is logged).
+  virtual bool CheckVisible(bool* query_ok);
   virtual void PreCall() = 0;
+  // Raw 32-bit registers in host order; false when the access failed.
   virtual bool ReadRegister(uint32_t address, uint32_t* value) = 0;
   virtual bool WriteRegister(uint32_t address, uint32_t value) = 0;
+  // The last multicast test's result (GigE only).
+  virtual bool multicast() const { return false; }
 
-  // First failing test of `mask` sets its error code and gives false.
-  bool CheckState(uint32_t mask);
-  // Re-reads the device's presence (information 1000).
-  void SetVisibleFlag();
-  bool CameraInfo(CameraListEntry* info);
-  bool SetCmdTimeOut(uint32_t milliseconds);
-  // True when the node map is built and bound; false only when the data
-  // folder was to be searched first and holds no copy. Raises otherwise.
-  bool LoadDeviceDescription();
+  // Raises Error with the code of the first failing test of `mask`.
+  void CheckState(uint32_t mask);
+  // Raise Error (99) when a producer call fails; its text is logged.
+  void CameraInfo(CameraListEntry* info);
+  void SetCmdTimeOut(uint32_t milliseconds);
 
   platform::RecursiveLock& lock() { return m_csCamera; }
-  transport::CGenTL* producer() const { return m_pGenTL; }
-  transport::CInterface* owner() const { return m_pInterface; }
-  const std::string& device_id() const { return m_strDeviceID; }
-  DEV_HANDLE device() const { return m_hDevice; }
-  PORT_HANDLE port() const { return m_hPort; }
-  DS_HANDLE image_stream() const { return m_hDataStream; }
   KivGenApi::CNodeMapRef* node_map() const { return m_pNodeMap.get(); }
-  bool visible() const { return m_bVisible.load(std::memory_order_relaxed); }
   bool watch() const { return m_bWatch; }
   uint32_t description_index() const { return m_nDescriptionIndex; }
 
  protected:
-  // Sets the calling thread's last error.
-  static void SetError(uint32_t code);
-  // A derived constructor that fails hands the device back to the opener.
-  void DisownDevice() { m_bOwnsDevice = false; }
+  void ReleaseDevice() override;
 
   platform::RecursiveLock m_csCamera;
   platform::RecursiveLock m_csConv;
-  transport::CGenTL* m_pGenTL;
-  transport::CInterface* m_pInterface;
-  std::string m_strDeviceID;
-  DEV_HANDLE m_hDevice;
   uint32_t m_nDescriptionIndex;
   std::unique_ptr<KivGenApi::CNodeMapRef> m_pNodeMap;
   std::unique_ptr<transport::CPort> m_pPort;
@@ -92,57 +76,20 @@ class CCamera : public core::CBase {
   KivGenApi::CIntegerPtr m_ptrTLParamsLocked;
   KivGenApi::CCommandPtr m_ptrAcquisitionStart;
   KivGenApi::CCommandPtr m_ptrAcquisitionStop;
-  PORT_HANDLE m_hPort = nullptr;
-  DS_HANDLE m_hDataStream = nullptr;
-  DS_HANDLE m_hVSyncStream = nullptr;
-  EVENT_HANDLE m_hImageEvent = nullptr;
-  EVENT_HANDLE m_hVSyncEvent = nullptr;
-  // Written by the interface's bus-reset thread without the camera lock.
-  std::atomic<bool> m_bVisible{true};
-  bool m_bWatch;
+  CImageStream m_imageStream;
+  CVSyncStream m_vsyncStream;
+  CStreamThread m_streamThread;
+  const bool m_bWatch;
   bool m_bStarted = false;
-  bool m_bMulticast = false;
-  bool m_bIoError = false;
-  std::unique_ptr<platform::Event> m_hStopEvent;
-  std::unique_ptr<platform::Event> m_hStartedEvent;
-  std::unique_ptr<platform::Event> m_hEndedEvent;
 
  private:
-  void CloseStreams();
-  bool m_bOwnsDevice = true;
-};
-
-class CCameraGigE : public CCamera {
- public:
-  CCameraGigE(transport::CGenTL* producer, transport::CInterface* owner, const std::string& device_id,
-              DEV_HANDLE device, uint32_t description_index, bool watch);
-  bool CheckVisible(bool* visible) override;
-  void PreCall() override {}
-  bool ReadRegister(uint32_t address, uint32_t* value) override;
-  bool WriteRegister(uint32_t address, uint32_t value) override;
-  bool CameraInfo(GigECameraInfo* info);
-  using CCamera::CameraInfo;
-  bool TestStream();
-
- private:
-  void SelectFirstChannels();
-  void Configure();
-  uint32_t m_nPacketCount = 0;
-};
-
-class CCameraUSB : public CCamera {
- public:
-  CCameraUSB(transport::CGenTL* producer, transport::CInterface* owner, const std::string& device_id,
-             DEV_HANDLE device, uint32_t description_index);
-  void PreCall() override {}
-  bool ReadRegister(uint32_t address, uint32_t* value) override;
-  bool WriteRegister(uint32_t address, uint32_t value) override;
-  bool CameraInfo(USBCameraInfo* info);
-  using CCamera::CameraInfo;
-
- private:
-  uint32_t m_nTrailerOffset = 0;
-  uint32_t m_nStreamParam = 0;
+  // Loads the description (the data-folder copy first when asked, then the
+  // device's first URL) and binds the standard features.
+  void LoadDescription();
+  void BindFeatures(std::unique_ptr<KivGenApi::CNodeMapRef> map);
+  // What the camera holds on the device, released in order; runs once.
+  void Teardown();
+  bool torn_down_ = false;
 };
 
 class CCameraIIDC : public CCamera {
@@ -153,14 +100,11 @@ class CCameraIIDC : public CCamera {
   bool WriteRegister(uint32_t, uint32_t) override { return false; }
 };
 
-// The camera class of the producer's kind, or null for an unknown kind.
-// Raises core::Failure when the construction fails ("Not Support" for a
-// read-only USB camera).
-CCamera* CreateCamera(transport::CGenTL* producer, transport::CInterface* owner,
-                      const std::string& device_id, DEV_HANDLE device, uint32_t description_index,
-                      bool read_only);
-
-// Takes the camera out of the live set, then destroys it.
-void DestroyCamera(CCamera* camera);
+// The camera class of the producer's kind, made of an opened device; null for
+// a kind without one. Raises Error when the construction fails ("Not
+// Support" for a read-only USB camera).
+std::shared_ptr<CCamera> CreateCamera(transport::CGenTL* producer, transport::CInterface* owner,
+                                      const std::string& device_id, transport::DeviceHandle& device,
+                                      uint32_t description_index, bool read_only);
 
 }  // namespace kivcam::camera

@@ -2,11 +2,11 @@
 // stream test, the control-channel presence test and big-endian registers.
 #include <cstring>
 
-#include "camera/camera.h"
-#include "core/failure.h"
-#include "diag/call_log.h"
+#include "camera/camera_gige.h"
+#include "diag/error.h"
 #include "transport/device_info.h"
 #include "transport/gentl.h"
+#include "transport/ids.h"
 
 namespace kivcam::camera {
 
@@ -44,15 +44,13 @@ KivGenApi::CIntegerPtr IntegerOf(KivGenApi::CNodeMapRef& map, const char* first,
 }  // namespace
 
 CCameraGigE::CCameraGigE(transport::CGenTL* producer, transport::CInterface* owner,
-                         const std::string& device_id, DEV_HANDLE device, uint32_t description_index,
-                         bool watch)
-    : CCamera(producer, owner, device_id, device, description_index, watch) {
+                         const std::string& device_id, transport::DeviceHandle device,
+                         uint32_t description_index, bool watch)
+    : CCamera(producer, owner, device_id, std::move(device), description_index, watch) {
   try {
     SelectFirstChannels();
   } catch (...) {
-    // The opener closes the device when no camera results.
-    DisownDevice();
-    throw core::Failure();
+    throw Failure(kOtherErrorText);
   }
   if (m_bWatch) return;
   try {
@@ -74,9 +72,9 @@ void CCameraGigE::Configure() {
   uint32_t host = 0;
   INFO_DATATYPE type = 0;
   size_t size = sizeof host;
-  fn.DevGetInfo(m_hDevice, 1002, &type, &host, &size);
+  fn.DevGetInfo(device(), 1002, &type, &host, &size);
   size = sizeof host;
-  fn.GCWritePort(m_hDevice, kDevStreamDestination, &host, &size);
+  fn.GCWritePort(device(), kDevStreamDestination, &host, &size);
 
   KivGenApi::CIntegerPtr heartbeat = IntegerOf(*m_pNodeMap, "GevHeartbeatTimeout", "DeviceLinkHeartbeatTimeout");
   if (heartbeat.IsValid()) {
@@ -85,7 +83,7 @@ void CCameraGigE::Configure() {
       heartbeat->SetValue(value);
       uint32_t low = static_cast<uint32_t>(value);
       size = sizeof low;
-      fn.GCWritePort(m_hDevice, kDevHeartbeat, &low, &size);
+      fn.GCWritePort(device(), kDevHeartbeat, &low, &size);
     }
     KivGenApi::CBooleanPtr disable = m_pNodeMap->_GetNode("GevGVCPHeartbeatDisable");
     KivGenApi::CEnumerationPtr mode = m_pNodeMap->_GetNode("DeviceLinkHeartbeatMode");
@@ -104,35 +102,30 @@ void CCameraGigE::Configure() {
     int64_t value = Quantise(*packet, target);
     if (packet->GetValue() != value) packet->SetValue(value);
     if (value <= kPacketStandard) return;
-    if (TestStream()) return;
+    if (TestStream() == 0) return;
     target = kPacketStandard;
   }
 }
 
-bool CCameraGigE::TestStream() {
+uint32_t CCameraGigE::TestStream() {
   const transport::EntryPoints& fn = m_pGenTL->fn();
   CameraListEntry scratch;
-  transport::FillEntryFromDevice(m_pGenTL, m_hDevice, "CCamera::CameraInfo", &scratch);
+  transport::FillEntryFromDevice(m_pGenTL, device(), "CCamera::CameraInfo", &scratch);
   uint32_t value = scratch.Info1002;
   size_t size = sizeof value;
-  fn.GCWritePort(m_hDataStream, kStreamDestination, &value, &size);
+  fn.GCWritePort(m_imageStream.handle(), kStreamDestination, &value, &size);
   value = 100;
   size = sizeof value;
-  fn.GCWritePort(m_hDevice, kDevStreamTest, &value, &size);
+  fn.GCWritePort(device(), kDevStreamTest, &value, &size);
   uint32_t result = 0;
   size = sizeof result;
-  if (fn.GCReadPort(m_hDevice, kDevStreamTestResult, &result, &size) != GC_ERR_SUCCESS) {
-    // No answer is no pass.
-    SetError(KIVCAM_ERR_OTHER);
-    return false;
-  }
-  if (result == 0) return true;
-  SetError(result);
-  return false;
+  // No answer is no pass.
+  if (fn.GCReadPort(device(), kDevStreamTestResult, &result, &size) != GC_ERR_SUCCESS) return KIVCAM_ERR_OTHER;
+  return result;
 }
 
-bool CCameraGigE::CheckVisible(bool* visible_out) {
-  SetVisibleFlag();
+bool CCameraGigE::CheckVisible(bool* query_ok) {
+  *query_ok = SetVisibleFlag();
   bool present = visible();
   if (present) {
     uint32_t privilege = 0;
@@ -140,18 +133,14 @@ bool CCameraGigE::CheckVisible(bool* visible_out) {
     // A camera that no longer answers its control channel is gone.
     present = m_pGenTL->fn().GCReadPort(m_hPort, kRegPrivilege, &privilege, &size) == GC_ERR_SUCCESS;
   }
-  if (!present) m_bVisible.store(false, std::memory_order_relaxed);
-  *visible_out = present;
-  return true;
+  if (!present) MarkAbsent();
+  return present;
 }
 
 bool CCameraGigE::ReadRegister(uint32_t address, uint32_t* value) {
   uint32_t raw = 0;
   size_t size = sizeof raw;
-  if (m_pGenTL->fn().GCReadPort(m_hPort, address, &raw, &size) < 0) {
-    SetError(KIVCAM_ERR_ACCESS);
-    return false;
-  }
+  if (m_pGenTL->fn().GCReadPort(m_hPort, address, &raw, &size) < 0) return false;
   *value = ByteSwap(raw);
   return true;
 }
@@ -159,16 +148,12 @@ bool CCameraGigE::ReadRegister(uint32_t address, uint32_t* value) {
 bool CCameraGigE::WriteRegister(uint32_t address, uint32_t value) {
   uint32_t raw = ByteSwap(value);
   size_t size = sizeof raw;
-  if (m_pGenTL->fn().GCWritePort(m_hPort, address, &raw, &size) < 0) {
-    SetError(KIVCAM_ERR_ACCESS);
-    return false;
-  }
-  return true;
+  return m_pGenTL->fn().GCWritePort(m_hPort, address, &raw, &size) >= 0;
 }
 
-bool CCameraGigE::CameraInfo(GigECameraInfo* info) {
+void CCameraGigE::CameraInfo(GigECameraInfo* info) {
   std::memset(info, 0, sizeof *info);
-  transport::DeviceInfoReader r(m_pGenTL, m_hDevice, "CCameraGigE::CameraInfo");
+  transport::DeviceInfoReader r(m_pGenTL, device(), "CCameraGigE::CameraInfo");
   bool ok = r.Query(DEVICE_INFO_ID);
   if (ok) {
     uint64_t uid = transport::ParseUid(r.text());
@@ -185,8 +170,7 @@ bool CCameraGigE::CameraInfo(GigECameraInfo* info) {
        r.Text(1008, info->SerialNumber, sizeof info->SerialNumber) &&
        r.Text(1009, info->UserDefinedName, sizeof info->UserDefinedName);
   ok = ok && r.Query(1002, 4) && ((info->Info1002 = r.Word()), true);
-  if (!ok) SetError(KIVCAM_ERR_OTHER);
-  return ok;
+  if (!ok) throw Error(KIVCAM_ERR_OTHER);
 }
 
 }  // namespace kivcam::camera

@@ -2,11 +2,10 @@
 #pragma once
 
 #include "conv/conv.h"
-#include "core/base.h"
 
 namespace kivcam::core {
 
-class CConvHandle : public CBase {
+class CConvHandle {
  public:
   CConvHandle(const conv::ConvMode& mode, const conv::YuvCoef& coef) : engine(mode, coef) {}
   conv::CConv engine;

@@ -1,9 +1,12 @@
 #include "core/kivcam_dll.h"
 
+#include <algorithm>
+
 #include "camera/camera.h"
-#include "core/base.h"
-#include "core/failure.h"
+#include "core/conv_handle.h"
 #include "diag/call_log.h"
+#include "diag/error.h"
+#include "transport/camera_port.h"
 #include "transport/gentl.h"
 #include "transport/interface.h"
 
@@ -16,38 +19,34 @@ const char kThreadName[] = "CKivCamDLL::UserCallBack_Thread";
 
 CKivCamDLL::CKivCamDLL() {
   exit_event_ = std::make_unique<platform::Event>(true, false);
-  thread_ended_event_ = std::make_unique<platform::Event>(true, false);
   bus_reset_event_ = std::make_unique<platform::Event>(false, false);
   power_up_event_ = std::make_unique<platform::Event>(false, false);
-  if (!exit_event_->ok() || !thread_ended_event_->ok() || !bus_reset_event_->ok() ||
-      !power_up_event_->ok()) {
+  if (!exit_event_->ok() || !bus_reset_event_->ok() || !power_up_event_->ok()) {
     diag::LogEvent(false, kCtorName, "CreateEvent Error");
-    throw 1;
+    throw Error(KIVCAM_ERR_OTHER);
   }
   callback_thread_ = platform::Thread::Start(&UserCallBack_Thread, this);
-  if (!callback_thread_) throw 1;
+  if (!callback_thread_) throw Error(KIVCAM_ERR_OTHER);
   callback_thread_->SetTimeCritical();
 }
 
 CKivCamDLL::~CKivCamDLL() {
+  ReleaseAll();
+  exit_event_->Set();
+  // Joined, not only signalled: a dynamic unload must not unmap the thread's
+  // code under it. On the thread itself (DestroyFromCallback) the handle is
+  // already gone to whoever unloads.
+  if (callback_thread_) callback_thread_->Join();
+}
+
+void CKivCamDLL::ReleaseAll() {
   // Producers come first: they own the interfaces, which own the cameras.
   interface_locks_.clear();
   first_producer_ = nullptr;
-  while (!producers_.empty()) {
-    transport::CGenTL* p = producers_.front();
-    producers_.erase(producers_.begin());
-    delete p;
-  }
+  while (!producers_.empty()) producers_.erase(producers_.begin());
   ReleaseAllConvHandles();
-  {
-    platform::LockGuard g(error_map_lock_);
-    error_map_.clear();
-  }
-  exit_event_->Set();
-  thread_ended_event_->Wait(platform::kInfinite);
-  // The thread still runs its last line after the event; a dynamic unload
-  // must not unmap that code under it.
-  callback_thread_->Join();
+  platform::LockGuard g(error_map_lock_);
+  error_map_.clear();
 }
 
 void CKivCamDLL::SetErrorCode(uint32_t code) {
@@ -75,43 +74,82 @@ uint32_t CKivCamDLL::GetErrorCode() {
 void CKivCamDLL::CreateDrvList() {
   static const char kName[] = "CKivCamDLL::CreateDrvList";
   for (const transport::ProducerRow* row = transport::kProducerTable; row->kind != -1; ++row) {
-    bool loaded = false;
-    for (transport::CGenTL* p : producers_) loaded |= p->kind() == row->kind;
+    bool loaded = std::any_of(producers_.begin(), producers_.end(),
+                              [&](const auto& p) { return p->kind() == row->kind; });
     if (loaded) continue;
     try {
-      producers_.push_back(new transport::CGenTL(row->kind, row->file));
-    } catch (const Failure& f) {
-      diag::LogEvent(false, kName, f.text());
+      producers_.push_back(std::make_unique<transport::CGenTL>(row->kind, row->file, this));
+    } catch (const Error& e) {
+      diag::LogEvent(false, kName, LogText(e));
     } catch (...) {
-      diag::LogEvent(false, kName, "Other Error");
+      diag::LogEvent(false, kName, kOtherErrorText);
     }
   }
-  if (!producers_.empty()) first_producer_ = producers_.front();
-  for (transport::CGenTL* p : producers_) p->UpdateInterface();
+  if (!producers_.empty()) first_producer_ = producers_.front().get();
+  for (const auto& p : producers_) p->UpdateInterface();
   interface_locks_.clear();
-  for (transport::CGenTL* p : producers_) {
-    for (transport::CInterface* i : p->interfaces()) interface_locks_.push_back(&i->lock());
+  for (const auto& p : producers_) {
+    for (const auto& i : p->interfaces()) interface_locks_.push_back(&i->lock());
   }
 }
 
-void CKivCamDLL::LockAll() {
-  platform::LockGuard g(library_lock_);
-  for (platform::RecursiveLock* l : interface_locks_) l->Lock();
+std::shared_ptr<camera::CCamera> CKivCamDLL::FindCamera(const void* handle) {
+  return handles_.Get<camera::CCamera>(handle, HandleKind::kCamera);
 }
 
-void CKivCamDLL::UnlockAll() {
-  // Without the library lock: taking it here, behind the interface locks,
-  // would invert the order LockAll takes them in. The list only changes
-  // under the API lock, which every caller of the pair holds.
-  for (auto it = interface_locks_.rbegin(); it != interface_locks_.rend(); ++it) (*it)->Unlock();
+std::shared_ptr<transport::CCameraPort> CKivCamDLL::FindPort(const void* handle) {
+  return handles_.Get<transport::CCameraPort>(handle, HandleKind::kPort);
+}
+
+std::shared_ptr<CConvHandle> CKivCamDLL::FindConvHandle(const void* handle) {
+  return handles_.Get<CConvHandle>(handle, HandleKind::kConv);
+}
+
+void* CKivCamDLL::Adopt(HandleKind kind, const std::shared_ptr<transport::CDevice>& object) {
+  // A camera object is a CDevice first: the table keeps the same address
+  // for both views.
+  std::shared_ptr<void> as_void;
+  if (kind == HandleKind::kCamera) {
+    as_void = std::static_pointer_cast<camera::CCamera>(object);
+  } else {
+    as_void = std::static_pointer_cast<transport::CCameraPort>(object);
+  }
+  void* handle = handles_.Add(kind, as_void);
+  if (!handle) {
+    object->owner()->Destroy(object.get());
+    throw Failure("Handle Space Exhausted");
+  }
+  object->set_handle(handle);
+  return handle;
+}
+
+void CKivCamDLL::Close(transport::CDevice& object) {
+  handles_.Remove(object.handle());
+  object.owner()->Destroy(&object);
 }
 
 void CKivCamDLL::CloseAllCameras() {
-  for (transport::CGenTL* p : producers_) {
-    for (transport::CInterface* i : p->interfaces()) {
-      while (!i->cameras().empty()) camera::DestroyCamera(i->cameras().front());
-    }
+  for (const auto& p : producers_) {
+    for (const auto& i : p->interfaces()) i->DestroyAllCameras();
   }
+}
+
+HCTBL CKivCamDLL::AddConvHandle(std::shared_ptr<CConvHandle> handle) {
+  void* h = handles_.Add(HandleKind::kConv, handle);
+  if (!h) throw Failure("Handle Space Exhausted");
+  conv_handles_.push_back(std::move(handle));
+  return static_cast<HCTBL>(h);
+}
+
+void CKivCamDLL::ReleaseConvHandle(const void* handle) {
+  std::shared_ptr<CConvHandle> h = FindConvHandle(handle);
+  handles_.Remove(handle);
+  conv_handles_.erase(std::remove(conv_handles_.begin(), conv_handles_.end(), h), conv_handles_.end());
+}
+
+void CKivCamDLL::ReleaseAllConvHandles() {
+  // One by one from the front; the table forgets each with its object.
+  while (!conv_handles_.empty()) conv_handles_.erase(conv_handles_.begin());
 }
 
 void CKivCamDLL::SetCallBack(BusEventCallback fn, void* context) {
@@ -128,34 +166,18 @@ void CKivCamDLL::UserBusEvent() {
 void CKivCamDLL::PowerUpEvent(const transport::CGenTL* producer) {
   // Only the first producer (GigE, when loaded) speaks for power wake-ups.
   if (producer == nullptr || first_producer_.load() != producer) return;
-  FirstProducerPowerUp();
-}
-
-void CKivCamDLL::FirstProducerPowerUp() {
   diag::LogEvent(false, "CKivCamDLL::PowerUpEvent", "PowerWakeUP Detection");
   power_up_event_->Set();
 }
 
-void CKivCamDLL::AdoptConvHandle(CBase* handle) { conv_handles_.push_back(handle); }
-
-bool CKivCamDLL::ReleaseConvHandle(CBase* handle) {
-  for (auto it = conv_handles_.begin(); it != conv_handles_.end(); ++it) {
-    if (*it != handle) continue;
-    conv_handles_.erase(it);
-    registry::Remove(handle);
-    delete handle;
-    return true;
-  }
-  return false;
-}
-
-void CKivCamDLL::ReleaseAllConvHandles() {
-  while (!conv_handles_.empty()) {
-    CBase* h = conv_handles_.front();
-    conv_handles_.erase(conv_handles_.begin());
-    registry::Remove(h);
-    delete h;
-  }
+std::unique_ptr<platform::Thread> CKivCamDLL::DestroyFromCallback() {
+  // Everything that unloads producers happens now, on this thread: once the
+  // function returns, an unload may hold the loader's lock while it waits for
+  // the thread, which then must need nothing but to end.
+  ReleaseAll();
+  destroy_on_callback_thread_ = true;
+  exit_event_->Set();
+  return std::move(callback_thread_);
 }
 
 void CKivCamDLL::UserCallBack_Thread(void* self) {
@@ -178,16 +200,18 @@ void CKivCamDLL::CallbackLoop() {
     if (!fn) continue;  // the happening is dropped
     if (which == 1) {
       diag::LogEvent(false, kThreadName, "BusReset User Proc Start");
-      fn(kEventBusReset, context);
+      fn(KIVCAM_EVENT_BUSRESET, context);
       diag::LogEvent(false, kThreadName, "BusReset User Proc End  ");
     } else {
       diag::LogEvent(false, kThreadName, "PowerWakeUP User Proc Start");
-      fn(kEventPowerUp, context);
+      fn(KIVCAM_EVENT_POWERUP, context);
       diag::LogEvent(false, kThreadName, "PowerWakeUP User Proc End  ");
     }
   }
-  thread_ended_event_->Set();
   diag::LogEvent(false, kThreadName, "End  ");
+  // The application's function freed the library: the object ends here, on
+  // its own thread, which nothing waits for but the unload.
+  if (destroy_on_callback_thread_) delete this;
 }
 
 }  // namespace kivcam::core

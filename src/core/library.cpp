@@ -3,8 +3,9 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 
-#include "core/base.h"
 #include "core/kivcam_dll.h"
 #include "core/process_table.h"
 #include "diag/call_log.h"
@@ -33,6 +34,23 @@ void StartMonitor() {
 
 std::atomic<bool> g_exit_handler_late{false};
 
+// The callback thread of a library object that was freed from its own
+// callback; the unload joins it so that none of our code runs after it.
+// A raw pointer: static destructors may run before the unload's.
+std::mutex g_retired_lock;
+platform::Thread* g_retired_callback_thread = nullptr;
+
+void JoinRetiredThread() {
+  platform::Thread* t;
+  {
+    std::lock_guard<std::mutex> g(g_retired_lock);
+    t = g_retired_callback_thread;
+    g_retired_callback_thread = nullptr;
+  }
+  if (t) t->Join();
+  delete t;
+}
+
 // Tied to this library, so that a dynamic unload removes the handler (plain
 // atexit can lose that tie under some runtimes).
 void RegisterExitHandler() { __cxa_atexit(OnProcessExit, nullptr, &__dso_handle); }
@@ -53,7 +71,6 @@ __attribute__((constructor)) void LibraryAttach() {
   RegisterProcess();
   StartMonitor();
 
-  registry::Create();
   try {
     g_library.store(new CKivCamDLL);
   } catch (...) {
@@ -65,7 +82,7 @@ __attribute__((constructor)) void LibraryAttach() {
 __attribute__((destructor)) void LibraryDetach() {
   if (!g_process_ending) {
     DestroyLibrary();
-    registry::Destroy();
+    JoinRetiredThread();
   }
   UnregisterProcess();
   diag::LogLoad("DLL DETACH");
@@ -91,7 +108,16 @@ void ArmExitDetection() {
 
 void DestroyLibrary() {
   CKivCamDLL* lib = g_library.exchange(nullptr);
-  delete lib;
+  if (!lib) return;
+  if (!lib->OnCallbackThread()) {
+    delete lib;
+    return;
+  }
+  // Freed from its own callback: the object can't wait for the thread it
+  // runs on. Exports find no object from now on; the thread destroys it
+  // once the application's function returns.
+  std::lock_guard<std::mutex> g(g_retired_lock);
+  g_retired_callback_thread = lib->DestroyFromCallback().release();
 }
 
 uint32_t StructVersion() { return g_struct_version; }

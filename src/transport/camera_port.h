@@ -5,50 +5,34 @@
 #include <cstdint>
 #include <string>
 
-#include "core/base.h"
 #include "kivcam/kivcam.h"
 #include "kivgentl/gentl.h"
 #include "platform/platform.h"
+#include "transport/device.h"
 
 namespace kivcam::transport {
 
-class CGenTL;
-class CInterface;
-
-// Root of the port-only family; a live handle like every object the
-// application holds.
-class CBasePort : public core::CBase {
- public:
-  ~CBasePort() override = default;
-};
-
-class CCameraPort : public CBasePort {
+class CCameraPort : public CDevice {
  public:
   // Takes the device's remote port; raises the producer's text on failure.
-  CCameraPort(CGenTL* producer, CInterface* owner, const std::string& device_id, DEV_HANDLE device);
-  ~CCameraPort() override;
+  CCameraPort(CGenTL* producer, CInterface* owner, const std::string& device_id, DeviceHandle device)
+      : CDevice(producer, owner, device_id, std::move(device)) {}
 
   platform::RecursiveLock& lock() { return lock_; }
-  CGenTL* producer() const { return producer_; }
-  CInterface* owner() const { return owner_; }
-  PORT_HANDLE port() const { return port_; }
-  bool CameraInfo(CameraListEntry* info);
+  // Raises Error (99) when a query fails; its text is logged.
+  void CameraInfo(CameraListEntry* info);
+
+ protected:
+  // A transfer still running finishes before the device closes.
+  void ReleaseDevice() override { platform::LockGuard g(lock_); }
 
  private:
   platform::RecursiveLock lock_;
-  CGenTL* producer_;
-  CInterface* owner_;
-  std::string device_id_;
-  DEV_HANDLE device_;
-  PORT_HANDLE port_ = nullptr;
 };
 
-// Takes the object out of the live set, then destroys it.
-void DestroyPort(CCameraPort* port);
-
-// Reads or writes registers for an export: a negative producer result is
-// error 7, otherwise the size moved is written back.
-bool PortTransfer(CGenTL* producer, PORT_HANDLE port, bool write, uint32_t address, void* buffer,
-                  uint32_t* size, uint32_t* error);
+// Reads or writes registers for an export; a negative producer result
+// raises Error (7), otherwise the size moved is written back.
+void PortTransfer(CGenTL* producer, PORT_HANDLE port, bool write, uint32_t address, void* buffer,
+                  uint32_t* size);
 
 }  // namespace kivcam::transport

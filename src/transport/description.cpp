@@ -1,22 +1,17 @@
 // Device descriptions: read from the device (plain or ZIP) or from the data
-// folder, optionally extended by an additional file, loaded into the node map
-// and bound to the features the acquisition code relies on.
+// folder, optionally extended by an additional file, loaded into a node map.
+#include "transport/description.h"
+
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
-#include <unzip.h>
-
-#include "camera/camera.h"
-#include "core/failure.h"
+#include "diag/error.h"
+#include "kivgenapi/Zip.h"
 #include "platform/platform.h"
-#include "transport/ids.h"
 #include "transport/gentl.h"
-#include "transport/port.h"
+#include "transport/ids.h"
 
 namespace kivcam::transport {
 
@@ -29,6 +24,7 @@ constexpr uint64_t kMaxDescriptionBytes = 256ull << 20;
 // Bytes of a file or archive entry, terminated after `size`.
 struct Text {
   std::vector<char> bytes;
+  uint64_t size = 0;
   bool present = false;
   const char* c_str() const { return bytes.data(); }
 };
@@ -49,143 +45,88 @@ bool ReadFile(const std::string& path, Text* out) {
     ok = std::fread(out->bytes.data(), 1, static_cast<size_t>(size), f) == static_cast<size_t>(size);
   }
   std::fclose(f);
-  if (!ok) throw core::Failure("Memory Alloc Error");
+  if (!ok) throw Failure("Memory Alloc Error");
   out->bytes[static_cast<size_t>(size)] = '\0';
+  out->size = static_cast<uint64_t>(size);
   out->present = true;
   return true;
 }
 
-// A ZIP archive held in memory, read through minizip's I/O hooks.
-struct MemoryZip {
-  const unsigned char* data;
-  uint64_t size;
-  uint64_t pos = 0;
-};
-
-voidpf ZipOpen(voidpf opaque, const void*, int) { return opaque; }
-uLong ZipRead(voidpf, voidpf stream, void* buf, uLong size) {
-  auto* z = static_cast<MemoryZip*>(stream);
-  uint64_t n = std::min<uint64_t>(size, z->size - z->pos);
-  std::memcpy(buf, z->data + z->pos, n);
-  z->pos += n;
-  return static_cast<uLong>(n);
+// A ZIP archive ends with its central directory's end record (signature
+// PK 5 6) within the last 64 KiB and 22 bytes; a file without one is no
+// archive at all.
+bool IsZipArchive(const Text& t) {
+  static const char kEnd[] = {'P', 'K', 5, 6};
+  uint64_t from = t.size > 65557 ? t.size - 65557 : 0;
+  const char* begin = t.c_str() + from;
+  const char* end = t.c_str() + t.size;
+  return std::search(begin, end, kEnd, kEnd + 4) != end;
 }
-uLong ZipWrite(voidpf, voidpf, const void*, uLong) { return 0; }
-ZPOS64_T ZipTell(voidpf, voidpf stream) { return static_cast<MemoryZip*>(stream)->pos; }
-long ZipSeek(voidpf, voidpf stream, ZPOS64_T offset, int origin) {
-  auto* z = static_cast<MemoryZip*>(stream);
-  uint64_t base = origin == ZLIB_FILEFUNC_SEEK_SET ? 0 : origin == ZLIB_FILEFUNC_SEEK_CUR ? z->pos : z->size;
-  if (base + offset > z->size) return -1;
-  z->pos = base + offset;
-  return 0;
-}
-int ZipClose(voidpf, voidpf) { return 0; }
-int ZipError(voidpf, voidpf) { return 0; }
 
-// Extracts the archive's first entry; raises "Memory Alloc Error" on any failure.
-Text ExtractFirst(unzFile zip) {
+// The first entry of an archive; any failure is "Memory Alloc Error".
+Text Unzip(const char* data, uint64_t size) {
   Text out;
-  unz_file_info64 info{};
-  bool ok = unzGoToFirstFile(zip) == UNZ_OK &&
-            unzGetCurrentFileInfo64(zip, &info, nullptr, 0, nullptr, 0, nullptr, 0) == UNZ_OK &&
-            info.uncompressed_size < (1ull << 31);
-  if (ok) {
-    out.bytes = TextBuffer(info.uncompressed_size);
-    ok = unzOpenCurrentFile(zip) == UNZ_OK;
-    if (ok) {
-      uint64_t done = 0;
-      while (ok && done < info.uncompressed_size) {
-        int n = unzReadCurrentFile(zip, out.bytes.data() + done,
-                                   static_cast<unsigned>(info.uncompressed_size - done));
-        ok = n > 0;
-        if (ok) done += static_cast<uint64_t>(n);
-      }
-      // A damaged entry fails its check at the end.
-      if (unzCloseCurrentFile(zip) != UNZ_OK) ok = false;
-    }
+  try {
+    std::string entry = KivGenApi::UnzipFirstEntry(data, static_cast<size_t>(size));
+    out.bytes = TextBuffer(entry.size());
+    std::copy(entry.begin(), entry.end(), out.bytes.begin());
+    out.size = entry.size();
+  } catch (...) {
+    throw Failure("Memory Alloc Error");
   }
-  unzClose(zip);
-  if (!ok) throw core::Failure("Memory Alloc Error");
-  out.bytes[info.uncompressed_size] = '\0';
   out.present = true;
   return out;
 }
 
-Text UnzipMemory(const char* data, uint64_t size) {
-  MemoryZip z{reinterpret_cast<const unsigned char*>(data), size};
-  zlib_filefunc64_def io{};
-  io.zopen64_file = &ZipOpen;
-  io.zread_file = &ZipRead;
-  io.zwrite_file = &ZipWrite;
-  io.ztell64_file = &ZipTell;
-  io.zseek64_file = &ZipSeek;
-  io.zclose_file = &ZipClose;
-  io.zerror_file = &ZipError;
-  io.opaque = &z;
-  unzFile zip = unzOpen2_64("memory", &io);
-  if (!zip) throw core::Failure("Memory Alloc Error");
-  return ExtractFirst(zip);
-}
-
 }  // namespace
 
-}  // namespace kivcam::transport
-
-namespace kivcam::camera {
-
-using transport::Text;
-
-bool CCamera::LoadDeviceDescription() {
-  const transport::EntryPoints& fn = m_pGenTL->fn();
-  const bool folder_first = m_nDescriptionIndex == kDescriptionDataFolderFirst;
+std::unique_ptr<KivGenApi::CNodeMapRef> LoadDeviceDescription(CGenTL* producer, PORT_HANDLE port,
+                                                              uint32_t index) {
+  const EntryPoints& fn = producer->fn();
+  const bool folder_first = index == kDescriptionDataFolderFirst;
   uint32_t urls = 0;
-  if (fn.GCGetNumPortURLs(m_hPort, &urls) != GC_ERR_SUCCESS) m_pGenTL->RaiseLastError();
-  uint32_t index = folder_first || m_nDescriptionIndex >= urls ? 0 : m_nDescriptionIndex;
-  char url[transport::kUrlBytes] = {};
+  if (fn.GCGetNumPortURLs(port, &urls) != GC_ERR_SUCCESS) producer->RaiseLastError();
+  uint32_t url_index = folder_first || index >= urls ? 0 : index;
+  char url[kUrlBytes] = {};
   size_t size = sizeof url;
   INFO_DATATYPE type = 0;
-  if (fn.GCGetPortURLInfo(m_hPort, index, URL_INFO_URL, &type, url, &size) != GC_ERR_SUCCESS) {
-    m_pGenTL->RaiseLastError();
+  if (fn.GCGetPortURLInfo(port, url_index, URL_INFO_URL, &type, url, &size) != GC_ERR_SUCCESS) {
+    producer->RaiseLastError();
   }
   url[size > 0 && size <= sizeof url ? size - 1 : sizeof url - 1] = '\0';
-  transport::DescriptionUrl u = transport::ParseDescriptionUrl(url);
-  if (!u.valid) throw core::Failure("URL Error");
+  DescriptionUrl u = ParseDescriptionUrl(url);
+  if (!u.valid) throw Failure("URL Error");
 
   Text extra;
-  transport::ReadFile(platform::PathAppend(platform::DataFolder(), transport::AdditionalFileName(u.location)),
-                      &extra);
+  ReadFile(platform::PathAppend(platform::DataFolder(), AdditionalFileName(u.location)), &extra);
 
   Text description;
   if (u.scheme == "LOCAL:" && !folder_first) {
-    if (u.length > transport::kMaxDescriptionBytes) throw core::Failure("Memory Alloc Error");
+    if (u.length > kMaxDescriptionBytes) throw Failure("Memory Alloc Error");
     // Whole 512-byte blocks plus a word of slack; the port reads whole words.
     std::vector<char> raw(((u.length + 511) / 512) * 512 + 4, '\0');
     size_t want = static_cast<size_t>((u.length + 3) / 4 * 4);
-    if (fn.GCReadPort(m_hPort, u.address, raw.data(), &want) != GC_ERR_SUCCESS) {
-      throw core::Failure("XML Data Read Error");
+    if (fn.GCReadPort(port, u.address, raw.data(), &want) != GC_ERR_SUCCESS) {
+      throw Failure("XML Data Read Error");
     }
     raw[u.length] = '\0';
     if (u.zip) {
-      description = transport::UnzipMemory(raw.data(), u.length);
+      description = Unzip(raw.data(), u.length);
     } else {
       description.bytes = std::move(raw);
+      description.size = u.length;
       description.present = true;
     }
   } else {
-    if (!folder_first && u.scheme != "FILE:") throw core::Failure("URL Error");
-    std::string path = platform::PathAppend(platform::DataFolder(), u.location);
-    bool found;
-    if (u.zip) {
-      unzFile zip = unzOpen64(path.c_str());
-      found = zip != nullptr;
-      if (found) description = transport::ExtractFirst(zip);
-    } else {
-      found = transport::ReadFile(path, &description);
+    if (!folder_first && u.scheme != "FILE:") throw Failure("URL Error");
+    Text file;
+    // A file that is no archive where one is expected counts as no file.
+    if (!ReadFile(platform::PathAppend(platform::DataFolder(), u.location), &file) ||
+        (u.zip && !IsZipArchive(file))) {
+      if (!folder_first) throw Failure("Local File Error");
+      return nullptr;
     }
-    if (!found) {
-      if (!folder_first) throw core::Failure("Local File Error");
-      return false;
-    }
+    description = u.zip ? Unzip(file.c_str(), file.size) : std::move(file);
   }
 
   auto map = std::make_unique<KivGenApi::CNodeMapRef>("Device");
@@ -196,44 +137,9 @@ bool CCamera::LoadDeviceDescription() {
       map->_LoadXMLFromString(description.c_str());
     }
   } catch (...) {
-    throw core::Failure("xml File Not Found Error");
+    throw Failure("xml File Not Found Error");
   }
-  std::unique_ptr<transport::CPort> port;
-  try {
-    port = std::make_unique<transport::CPort>(this, m_pGenTL, m_hPort, m_bWatch);
-    if (!map->_Connect(port.get(), "Device")) throw core::Failure();
-  } catch (...) {
-    throw core::Failure("CPort Error");
-  }
-
-  KivGenApi::CIntegerPtr width = map->_GetNode("Width");
-  KivGenApi::CIntegerPtr height = map->_GetNode("Height");
-  KivGenApi::CEnumerationPtr pixel_format = map->_GetNode("PixelFormat");
-  KivGenApi::CIntegerPtr payload = map->_GetNode("PayloadSize");
-  KivGenApi::CIntegerPtr locked = map->_GetNode("TLParamsLocked");
-  KivGenApi::CCommandPtr start = map->_GetNode("AcquisitionStart");
-  KivGenApi::CCommandPtr stop = map->_GetNode("AcquisitionStop");
-  if (!width.IsValid() || !height.IsValid() || !pixel_format.IsValid() || !payload.IsValid() ||
-      !locked.IsValid() || !start.IsValid() || !stop.IsValid()) {
-    throw core::Failure("Std Node NotFound");
-  }
-  m_pNodeMap = std::move(map);
-  m_pPort = std::move(port);
-  m_ptrWidth = width;
-  m_ptrHeight = height;
-  m_ptrPixelFormat = pixel_format;
-  m_ptrPayloadSize = payload;
-  m_ptrTLParamsLocked = locked;
-  m_ptrAcquisitionStart = start;
-  m_ptrAcquisitionStop = stop;
-
-  KivGenApi::CBooleanPtr pending_ack = m_pNodeMap->_GetNode("GevGVCPPendingAck");
-  if (!m_bWatch) {
-    // A camera left streaming by an earlier owner is stopped.
-    if (KivGenApi::IsWritable(m_ptrAcquisitionStop)) m_ptrAcquisitionStop->Execute();
-    if (KivGenApi::IsWritable(pending_ack)) pending_ack->SetValue(true);
-  }
-  return true;
+  return map;
 }
 
-}  // namespace kivcam::camera
+}  // namespace kivcam::transport

@@ -1,9 +1,10 @@
 #include "transport/gentl.h"
 
+#include <algorithm>
 #include <cstring>
 
-#include "core/failure.h"
 #include "diag/call_log.h"
+#include "diag/error.h"
 #include "transport/interface.h"
 
 namespace kivcam::transport {
@@ -29,10 +30,10 @@ std::string SecondProducerPath(const char* file) {
   return platform::PathAppend(path, file);
 }
 
-CGenTL::CGenTL(int32_t kind, const char* file) : kind_(kind) {
+CGenTL::CGenTL(int32_t kind, const char* file, IBusEvents* events) : kind_(kind), events_(events) {
   module_ = platform::Module::Load(file);
   if (!module_) module_ = platform::Module::Load(SecondProducerPath(file));
-  if (!module_) throw core::Failure("GenTL Module Not Found");
+  if (!module_) throw Failure("GenTL Module Not Found");
 
   // Stop at the first missing entry point: a partial table is never used.
   bool complete = true;
@@ -45,29 +46,26 @@ CGenTL::CGenTL(int32_t kind, const char* file) : kind_(kind) {
 #undef KIVCAM_GENTL_RESOLVE
   if (!complete) {
     module_.reset();
-    throw core::Failure("GenTL Load Entry Error");
+    throw Failure("GenTL Load Entry Error");
   }
 
   if (fn_.GCInitLib() != GC_ERR_SUCCESS) {
-    core::Failure f(LastErrorText().c_str());
+    Error e = Failure(LastErrorText());
     module_.reset();
-    throw f;
+    throw e;
   }
   if (fn_.TLOpen(&system_) != GC_ERR_SUCCESS) {
-    core::Failure f(LastErrorText().c_str());
+    Error e = Failure(LastErrorText());
     fn_.GCCloseLib();
     module_.reset();
-    throw f;
+    throw e;
   }
 }
 
 CGenTL::~CGenTL() {
-  // Interfaces first: they stop their threads and close their cameras.
-  while (!interfaces_.empty()) {
-    CInterface* i = interfaces_.front();
-    interfaces_.erase(interfaces_.begin());
-    delete i;
-  }
+  // Interfaces first, in list order: they stop their threads and close
+  // their cameras.
+  while (!interfaces_.empty()) interfaces_.erase(interfaces_.begin());
   fn_.TLClose(system_);
   fn_.GCCloseLib();
   module_.reset();
@@ -98,7 +96,7 @@ void CGenTL::LogLastError(const char* op) const {
   if (diag::LogWanted(false)) diag::WriteEvent(false, op, LastErrorText().c_str());
 }
 
-void CGenTL::RaiseLastError() const { throw core::Failure(LastErrorText().c_str()); }
+void CGenTL::RaiseLastError() const { throw Failure(LastErrorText()); }
 
 void CGenTL::UpdateInterface() {
   bool8_t changed = 0;
@@ -112,7 +110,7 @@ void CGenTL::UpdateInterface() {
     LogLastError(kUpdateName);
     return;
   }
-  std::vector<CInterface*> old;
+  std::vector<std::unique_ptr<CInterface>> old;
   old.swap(interfaces_);
   for (uint32_t i = 0; i < count; ++i) {
     char id[kIdBytes] = {};
@@ -123,32 +121,29 @@ void CGenTL::UpdateInterface() {
     }
     id[sizeof id - 1] = '\0';
     // A surviving interface keeps its object, and with it its open cameras.
-    bool kept = false;
-    for (auto it = old.begin(); it != old.end(); ++it) {
-      if ((*it)->id() == id) {
-        interfaces_.push_back(*it);
-        old.erase(it);
-        kept = true;
-        break;
-      }
+    auto kept = std::find_if(old.begin(), old.end(), [&](const auto& o) { return o->id() == id; });
+    if (kept != old.end()) {
+      interfaces_.push_back(std::move(*kept));
+      old.erase(kept);
+      continue;
     }
-    if (kept) continue;
     IF_HANDLE handle = nullptr;
     if (fn_.TLOpenInterface(system_, id, &handle) != GC_ERR_SUCCESS) {
       LogLastError(kUpdateName);
       continue;
     }
     try {
-      interfaces_.push_back(new CInterface(this, handle, id));
-    } catch (const core::Failure& f) {
-      diag::LogEvent(false, kUpdateName, f.text());
+      interfaces_.push_back(std::make_unique<CInterface>(this, handle, id, events_));
+    } catch (const Error& e) {
+      diag::LogEvent(false, kUpdateName, LogText(e));
       fn_.IFClose(handle);
     } catch (...) {
-      diag::LogEvent(false, kUpdateName, "Other Error");
+      diag::LogEvent(false, kUpdateName, kOtherErrorText);
       fn_.IFClose(handle);
     }
   }
-  for (CInterface* gone : old) delete gone;
+  // Interfaces gone from the producer's list end here, with their cameras.
+  old.clear();
 }
 
 }  // namespace kivcam::transport

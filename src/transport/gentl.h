@@ -15,6 +15,7 @@
 namespace kivcam::transport {
 
 class CInterface;
+class IBusEvents;
 
 // The entry points in the order they are held and resolved.
 #define KIVCAM_GENTL_ENTRIES(X)                                                                    \
@@ -45,8 +46,9 @@ std::string SecondProducerPath(const char* file);
 
 class CGenTL {
  public:
-  // Loads and opens the producer; raises core::Failure with the reason.
-  CGenTL(int32_t kind, const char* file);
+  // Loads and opens the producer; raises Error with the reason. Its
+  // interfaces report bus happenings to `events`, which outlives them.
+  CGenTL(int32_t kind, const char* file, IBusEvents* events);
   virtual ~CGenTL();
   CGenTL(const CGenTL&) = delete;
   CGenTL& operator=(const CGenTL&) = delete;
@@ -57,7 +59,7 @@ class CGenTL {
   const EntryPoints& fn() const { return fn_; }
   int32_t kind() const { return kind_; }
   TL_HANDLE system() const { return system_; }
-  std::vector<CInterface*>& interfaces() { return interfaces_; }
+  const std::vector<std::unique_ptr<CInterface>>& interfaces() const { return interfaces_; }
 
   // Called first by every thread of the library that calls the producer.
   void PrepareThread() const;
@@ -73,7 +75,8 @@ class CGenTL {
   std::unique_ptr<platform::Module> module_;
   int32_t kind_;
   TL_HANDLE system_ = nullptr;
-  std::vector<CInterface*> interfaces_;
+  IBusEvents* events_;
+  std::vector<std::unique_ptr<CInterface>> interfaces_;
 };
 
 }  // namespace kivcam::transport

@@ -2,14 +2,14 @@
 
 #include <cstring>
 
-#include "camera/camera.h"
-#include "core/base.h"
-#include "core/failure.h"
-#include "core/kivcam_dll.h"
+#include <algorithm>
+
 #include "diag/call_log.h"
+#include "diag/error.h"
 #include "kivcam/kivcam.h"
-#include "transport/camera_port.h"
+#include "transport/events.h"
 #include "transport/gentl.h"
+#include "transport/ids.h"
 
 namespace kivcam::transport {
 
@@ -31,18 +31,16 @@ const char kAlreadyOpen[] = "Device already open";
 
 std::unique_ptr<platform::Event> NewEvent(bool manual) {
   auto e = std::make_unique<platform::Event>(manual, false);
-  if (!e->ok()) throw core::Failure("CreateEvent Error");
+  if (!e->ok()) throw Failure("CreateEvent Error");
   return e;
 }
 
 }  // namespace
 
-CInterface::CInterface(CGenTL* producer, IF_HANDLE handle, const char* id)
-    : id_(id), handle_(handle), producer_(producer) {
-  event_thread_ended_ = NewEvent(true);
+CInterface::CInterface(CGenTL* producer, IF_HANDLE handle, const char* id, IBusEvents* events)
+    : id_(id), handle_(handle), producer_(producer), events_(events) {
   started_ = NewEvent(true);
   stop_ = NewEvent(true);
-  reset_thread_ended_ = NewEvent(true);
   reset_trigger_ = NewEvent(false);
 
   // Other processes wake the USB and IIDC interfaces through a per-process name.
@@ -57,26 +55,18 @@ CInterface::CInterface(CGenTL* producer, IF_HANDLE handle, const char* id)
   }
   if (!table_event_) {
     diag::LogEvent(false, kCtorName, "CreateEvent Error");
-    throw core::Failure("CreateEvent Error");
+    throw Failure("CreateEvent Error");
   }
 
   const EntryPoints& fn = producer_->fn();
   if (fn.GCRegisterEvent(handle_, kInterfaceEvent, &event_) != GC_ERR_SUCCESS) {
-    throw core::Failure("RegisterEvent Error");
+    throw Failure("RegisterEvent Error");
   }
   try {
     StartThread(&BusReset_Thread, &reset_thread_);
-  } catch (...) {
-    fn.GCUnregisterEvent(handle_, kInterfaceEvent);
-    throw;
-  }
-  try {
     StartThread(&BusEventGet_Thread, &event_thread_);
   } catch (...) {
-    stop_->Set();
-    reset_thread_ended_->Wait(platform::kInfinite);
-    reset_thread_->Join();
-    fn.GCUnregisterEvent(handle_, kInterfaceEvent);
+    StopThreads();
     throw;
   }
   fn.IFUpdateDeviceList(handle_, nullptr, kTimeoutMs);
@@ -84,26 +74,27 @@ CInterface::CInterface(CGenTL* producer, IF_HANDLE handle, const char* id)
 
 void CInterface::StartThread(void (*proc)(void*), std::unique_ptr<platform::Thread>* thread) {
   *thread = platform::Thread::Start(proc, this);
-  if (!*thread) throw core::Failure("CreateThread Error");
+  if (!*thread) throw Failure("CreateThread Error");
   (*thread)->SetTimeCritical();
   started_->Wait(platform::kInfinite);
   started_->Reset();
 }
 
-CInterface::~CInterface() {
-  const EntryPoints& fn = producer_->fn();
+void CInterface::StopThreads() {
   stop_->Set();
   // Unregistering also wakes the event thread out of its wait.
-  fn.GCUnregisterEvent(handle_, kInterfaceEvent);
-  fn.EventFlush(event_);
-  event_thread_ended_->Wait(platform::kInfinite);
-  reset_thread_ended_->Wait(platform::kInfinite);
+  producer_->fn().GCUnregisterEvent(handle_, kInterfaceEvent);
+  producer_->fn().EventFlush(event_);
   // Joined, not only signalled: no thread may outlive the library's code.
-  event_thread_->Join();
-  reset_thread_->Join();
-  while (!cameras_.empty()) camera::DestroyCamera(cameras_.front());
-  while (!ports_.empty()) DestroyPort(ports_.front());
-  fn.IFClose(handle_);
+  if (event_thread_) event_thread_->Join();
+  if (reset_thread_) reset_thread_->Join();
+}
+
+CInterface::~CInterface() {
+  StopThreads();
+  DestroyAllCameras();
+  while (!ports_.empty()) Destroy(ports_.front().get());
+  producer_->fn().IFClose(handle_);
 }
 
 void CInterface::BusReset_Thread(void* self) { static_cast<CInterface*>(self)->BusResetLoop(); }
@@ -123,12 +114,11 @@ void CInterface::BusResetLoop() {
       bool8_t changed = 0;
       if (producer_->fn().IFUpdateDeviceList(handle_, &changed, kTimeoutMs) == GC_ERR_SUCCESS &&
           changed) {
-        for (camera::CCamera* c : cameras_) c->SetVisibleFlag();
+        for (const auto& c : cameras_) c->SetVisibleFlag();
       }
     }
-    if (core::CKivCamDLL* lib = core::Library()) lib->UserBusEvent();
+    events_->UserBusEvent();
   }
-  reset_thread_ended_->Set();
   diag::LogEvent(false, kResetThreadName, "End  ");
 }
 
@@ -144,16 +134,16 @@ void CInterface::BusEventLoop() {
     if (rc == GC_ERR_SUCCESS && (data == 1 || data == 2)) {
       diag::LogEvent(false, kEventThreadName, data == 1 ? "BusReset Event" : "PowerUP Event");
       reset_trigger_->Set();
-      if (core::CKivCamDLL* lib = core::Library()) {
-        if (data == 1) lib->UserBusEvent();
-        else lib->PowerUpEvent(producer_);
+      if (data == 1) {
+        events_->UserBusEvent();
+      } else {
+        events_->PowerUpEvent(producer_);
       }
     }
     data = 0;
     size = sizeof data;
     rc = fn.EventGetData(event_, &data, &size, kTimeoutMs);
   }
-  event_thread_ended_->Set();
   diag::LogEvent(false, kEventThreadName, "End  ");
 }
 
@@ -227,104 +217,106 @@ bool CInterface::GetDevInfo(const std::string& id, DevInfo* out) {
   return true;
 }
 
-uint32_t CInterface::OpenDevice(Match how, uint64_t uid, const std::string& key,
-                                DEVICE_ACCESS_FLAGS access, std::string* id, DEV_HANDLE* device) {
+OpenResult CInterface::OpenDevice(const DeviceMatch& match, DEVICE_ACCESS_FLAGS access, std::string* id,
+                                  DeviceHandle* device) {
   const EntryPoints& fn = producer_->fn();
-  *device = nullptr;
   uint32_t count = GetDevCount();
   for (uint32_t i = 0; i < count; ++i) {
-    if (!ReadDeviceId(i, id)) return kOpenFailed;
-    if (how == Match::kUid && ParseUid(id->c_str()) != uid) continue;
-    if (how == Match::kKey) {
+    if (!ReadDeviceId(i, id)) return OpenResult::kFailed;
+    if (match.kind == DeviceMatch::kUid && ParseUid(id->c_str()) != match.uid) continue;
+    if (match.kind == DeviceMatch::kKey) {
       char buf[kInfoBytes + 1] = {};
       INFO_DATATYPE type = 0;
       size_t size = kInfoBytes;
       if (fn.IFGetDeviceInfo(handle_, id->c_str(), kInfoKey, &type, buf, &size) != GC_ERR_SUCCESS) {
-        return kOpenFailed;
+        return OpenResult::kFailed;
       }
-      if (key != buf) continue;
+      if (match.key != buf) continue;
     }
-    if (fn.IFOpenDevice(handle_, id->c_str(), access, device) == GC_ERR_SUCCESS) return kOpenDone;
-    *device = nullptr;
+    DEV_HANDLE opened = nullptr;
+    if (fn.IFOpenDevice(handle_, id->c_str(), access, &opened) == GC_ERR_SUCCESS) {
+      *device = DeviceHandle(producer_, opened);
+      return OpenResult::kOpened;
+    }
     bool busy = producer_->LastErrorText(kInfoBytes) == kAlreadyOpen;
-    if (how == Match::kFirst) {
+    if (match.kind == DeviceMatch::kFirst) {
       if (!busy) break;  // a refusal other than "in use" ends the search
     } else if (busy) {
-      return kOpenBusy;
+      return OpenResult::kBusy;
     }
   }
-  return kOpenNone;
+  return OpenResult::kNone;
 }
 
 // Wraps an opened device in its object and keeps it in `list`. A failing
 // construction is logged under `op`; the device is closed again.
-template <typename T, typename Make>
-uint32_t CInterface::Adopt(const char* op, DEV_HANDLE device, std::vector<T*>* list, T** out, Make&& make) {
-  T* object = nullptr;
+OpenResult CInterface::Adopt(const char* op, const std::string& id, DeviceHandle device,
+                             const DeviceFactory& make, Devices* list, std::shared_ptr<CDevice>* out) {
+  std::shared_ptr<CDevice> object;
   try {
-    object = make();
-  } catch (const core::Failure& f) {
-    diag::LogEvent(false, op, f.text());
+    object = make(device, id);
+  } catch (const Error& e) {
+    diag::LogEvent(false, op, LogText(e));
   } catch (...) {
-    diag::LogEvent(false, op, "Other Error");
+    diag::LogEvent(false, op, kOtherErrorText);
   }
-  if (!object) {
-    producer_->fn().DevClose(device);
-    return kOpenFailed;
-  }
+  if (!object) return OpenResult::kFailed;  // `device` closes with this frame
   list->push_back(object);
-  *out = object;
-  return kOpenDone;
+  *out = std::move(object);
+  return OpenResult::kOpened;
 }
 
-uint32_t CInterface::OpenCamera(camera::CCamera** out, Match how, uint64_t uid, const std::string& key,
-                                uint32_t param, bool read_only) {
+OpenResult CInterface::OpenCamera(const DeviceMatch& match, bool read_only, const DeviceFactory& make,
+                                  std::shared_ptr<CDevice>* out) {
   std::string id;
-  DEV_HANDLE device;
-  uint32_t rc =
-      OpenDevice(how, uid, key, read_only ? DEVICE_ACCESS_READONLY : DEVICE_ACCESS_EXCLUSIVE, &id, &device);
-  if (rc != kOpenDone) return rc;
-  return Adopt(kOpenName, device, &cameras_, out,
-               [&] { return camera::CreateCamera(producer_, this, id, device, param, read_only); });
+  DeviceHandle device;
+  OpenResult rc = OpenDevice(match, read_only ? DEVICE_ACCESS_READONLY : DEVICE_ACCESS_EXCLUSIVE, &id, &device);
+  if (rc != OpenResult::kOpened) return rc;
+  return Adopt(kOpenName, id, std::move(device), make, &cameras_, out);
 }
 
-uint32_t CInterface::OpenCamera(camera::CCamera** out, uint32_t param, bool read_only) {
-  return OpenCamera(out, Match::kFirst, 0, std::string(), param, read_only);
-}
-
-uint32_t CInterface::OpenCamera(camera::CCamera** out, uint64_t uid, uint32_t param, bool read_only) {
-  return OpenCamera(out, Match::kUid, uid, std::string(), param, read_only);
-}
-
-uint32_t CInterface::OpenCamera(camera::CCamera** out, const std::string& key, uint32_t param,
-                                bool read_only) {
-  return OpenCamera(out, Match::kKey, 0, key, param, read_only);
-}
-
-uint32_t CInterface::OpenCameraPort(CCameraPort** out) {
+OpenResult CInterface::OpenCameraPort(const DeviceFactory& make, std::shared_ptr<CDevice>* out) {
   std::string id;
-  DEV_HANDLE device;
-  uint32_t rc = OpenDevice(Match::kFirst, 0, std::string(), DEVICE_ACCESS_EXCLUSIVE, &id, &device);
-  if (rc != kOpenDone) return rc;
-  return Adopt(kOpenPortName, device, &ports_, out, [&] { return new CCameraPort(producer_, this, id, device); });
+  DeviceHandle device;
+  OpenResult rc = OpenDevice(DeviceMatch{}, DEVICE_ACCESS_EXCLUSIVE, &id, &device);
+  if (rc != OpenResult::kOpened) return rc;
+  return Adopt(kOpenPortName, id, std::move(device), make, &ports_, out);
 }
 
-void CInterface::RemoveCamera(const camera::CCamera* c) {
-  for (auto it = cameras_.begin(); it != cameras_.end(); ++it) {
-    if (*it == c) {
-      cameras_.erase(it);
-      return;
+bool CInterface::Destroy(const CDevice* object) {
+  std::shared_ptr<CDevice> held;
+  {
+    platform::LockGuard g(lock_);
+    for (Devices* list : {&cameras_, &ports_}) {
+      auto it = std::find_if(list->begin(), list->end(), [&](const auto& d) { return d.get() == object; });
+      if (it == list->end()) continue;
+      held = std::move(*it);
+      list->erase(it);
+      break;
     }
+  }
+  if (!held) return false;
+  // Outside the interface lock: closing a camera may wait for its own
+  // threads, which never take this lock but must not be kept from ending.
+  held->Close();
+  return true;
+}
+
+void CInterface::DestroyAllCameras() {
+  for (;;) {
+    const CDevice* first = nullptr;
+    {
+      platform::LockGuard g(lock_);
+      if (cameras_.empty()) return;
+      first = cameras_.front().get();
+    }
+    Destroy(first);
   }
 }
 
-void CInterface::RemovePort(const CCameraPort* p) {
-  for (auto it = ports_.begin(); it != ports_.end(); ++it) {
-    if (*it == p) {
-      ports_.erase(it);
-      return;
-    }
-  }
+size_t CInterface::camera_count() {
+  platform::LockGuard g(lock_);
+  return cameras_.size();
 }
 
 }  // namespace kivcam::transport

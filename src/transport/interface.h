@@ -1,30 +1,22 @@
 // One interface of a producer (a network adapter, a USB host): its handle,
 // its lock, the two threads that follow bus resets and power-up events, and
-// the cameras and port-only objects opened through it.
+// the cameras and port-only objects opened through it, which it owns.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "kivgentl/gentl.h"
 #include "platform/platform.h"
-
-namespace kivcam::camera {
-class CCamera;
-}
+#include "transport/device.h"
 
 namespace kivcam::transport {
 
 class CGenTL;
-class CCameraPort;
-
-// Results of the interface's open operations.
-constexpr uint32_t kOpenDone = 0;
-constexpr uint32_t kOpenBusy = 4;      // the device matched but is open elsewhere
-constexpr uint32_t kOpenNone = 5;      // nothing could be opened
-constexpr uint32_t kOpenFailed = 99;   // a producer call or the object failed
+class IBusEvents;
 
 // What the camera list needs of one device.
 struct DevInfo {
@@ -36,12 +28,33 @@ struct DevInfo {
   uint32_t link = 0;
 };
 
+// Which device an open takes.
+struct DeviceMatch {
+  enum Kind { kFirst, kUid, kKey };
+  Kind kind = kFirst;
+  uint64_t uid = 0;
+  std::string key;
+};
+
+// Outcome of an open on one interface.
+enum class OpenResult {
+  kOpened,
+  kBusy,    // the device matched but the producer reports it open elsewhere
+  kNone,    // nothing could be opened
+  kFailed,  // a producer call or the object's construction failed
+};
+
+// What an open makes of the device it opened: a camera or a port-only
+// object. It takes the handle over; raising Error leaves the handle to be
+// closed by the interface.
+using DeviceFactory = std::function<std::shared_ptr<CDevice>(DeviceHandle& device, const std::string& id)>;
+
 class CInterface {
  public:
-  // Raises core::Failure ("CreateEvent Error", "RegisterEvent Error",
-  // "CreateThread Error"); the caller then closes `handle`.
-  CInterface(CGenTL* producer, IF_HANDLE handle, const char* id);
-  virtual ~CInterface();
+  // Raises Error ("CreateEvent Error", "RegisterEvent Error", "CreateThread
+  // Error"); the caller then closes `handle`.
+  CInterface(CGenTL* producer, IF_HANDLE handle, const char* id, IBusEvents* events);
+  ~CInterface();
   CInterface(const CInterface&) = delete;
   CInterface& operator=(const CInterface&) = delete;
 
@@ -57,46 +70,48 @@ class CInterface {
   bool GetNextDevID(std::string* id);
   bool GetDevInfo(const std::string& id, DevInfo* out);
 
-  uint32_t OpenCamera(camera::CCamera** out, uint32_t param, bool read_only);
-  uint32_t OpenCamera(camera::CCamera** out, uint64_t uid, uint32_t param, bool read_only);
-  uint32_t OpenCamera(camera::CCamera** out, const std::string& key, uint32_t param, bool read_only);
-  uint32_t OpenCameraPort(CCameraPort** out);
+  // Opens the matching device (read-only or exclusive) and keeps what `make`
+  // builds of it in the camera array. A failing construction is logged under
+  // "CInterface::OpenCamera" and closes the device again.
+  OpenResult OpenCamera(const DeviceMatch& match, bool read_only, const DeviceFactory& make,
+                        std::shared_ptr<CDevice>* out);
+  // The same for a port-only object: the first free device, exclusive.
+  OpenResult OpenCameraPort(const DeviceFactory& make, std::shared_ptr<CDevice>* out);
 
-  const std::vector<camera::CCamera*>& cameras() const { return cameras_; }
-  const std::vector<CCameraPort*>& ports() const { return ports_; }
-  // Called by the objects' destructors.
-  void RemoveCamera(const camera::CCamera* c);
-  void RemovePort(const CCameraPort* p);
+  // The one way an object leaves the interface: out of its array (so no bus
+  // reset reaches it any more), then closed. False when it is not held here.
+  bool Destroy(const CDevice* object);
+  // Destroys every camera, first to last.
+  void DestroyAllCameras();
+  size_t camera_count();
 
  private:
-  enum class Match { kFirst, kUid, kKey };
-  uint32_t OpenDevice(Match how, uint64_t uid, const std::string& key, DEVICE_ACCESS_FLAGS access,
-                      std::string* id, DEV_HANDLE* device);
-  uint32_t OpenCamera(camera::CCamera** out, Match how, uint64_t uid, const std::string& key,
-                      uint32_t param, bool read_only);
-  template <typename T, typename Make>
-  uint32_t Adopt(const char* op, DEV_HANDLE device, std::vector<T*>* list, T** out, Make&& make);
+  using Devices = std::vector<std::shared_ptr<CDevice>>;
+  OpenResult OpenDevice(const DeviceMatch& match, DEVICE_ACCESS_FLAGS access, std::string* id,
+                        DeviceHandle* device);
+  OpenResult Adopt(const char* op, const std::string& id, DeviceHandle device, const DeviceFactory& make,
+                   Devices* list, std::shared_ptr<CDevice>* out);
   bool ReadDeviceId(uint32_t index, std::string* id);
   static void BusReset_Thread(void* self);
   static void BusEventGet_Thread(void* self);
   void BusResetLoop();
   void BusEventLoop();
   void StartThread(void (*proc)(void*), std::unique_ptr<platform::Thread>* thread);
+  void StopThreads();
 
   platform::RecursiveLock lock_;
   std::string id_;
   IF_HANDLE handle_;
   CGenTL* producer_;
+  IBusEvents* events_;
   EVENT_HANDLE event_ = nullptr;
-  std::unique_ptr<platform::Event> event_thread_ended_;
   std::unique_ptr<platform::Event> started_;
   std::unique_ptr<platform::Event> stop_;
-  std::unique_ptr<platform::Event> reset_thread_ended_;
   std::unique_ptr<platform::Event> reset_trigger_;
   std::unique_ptr<platform::Waitable> table_event_;
   uint32_t cursor_ = 0;
-  std::vector<camera::CCamera*> cameras_;
-  std::vector<CCameraPort*> ports_;
+  Devices cameras_;
+  Devices ports_;
   std::unique_ptr<platform::Thread> reset_thread_;
   std::unique_ptr<platform::Thread> event_thread_;
 };

@@ -1,26 +1,21 @@
 // The node map's way to the camera: every feature access becomes a register
-// read or write on the camera's remote device, refused while the camera is
+// read or write on the device's remote port, refused while the device is
 // absent, and read-only for a camera opened in watch mode.
 #pragma once
 
 #include "kivgenapi/KivGenApi.h"
 #include "kivgentl/gentl.h"
 
-namespace kivcam::camera {
-class CCamera;
-}
-
 namespace kivcam::transport {
 
-class CGenTL;
+class CDevice;
 
 class CPort : public KivGenApi::IPort {
  public:
-  CPort(camera::CCamera* camera, CGenTL* producer, PORT_HANDLE port, bool read_only)
-      : camera_(camera), producer_(producer), port_(port), read_only_(read_only) {}
+  CPort(CDevice* device, bool read_only) : device_(device), read_only_(read_only) {}
   ~CPort() override = default;
 
-  // Raise std::runtime_error ("Unable to Read Register" / "Unable to Write Register").
+  // Raise Error (7, "Unable to Read Register" / "Unable to Write Register").
   void Read(void* buffer, int64_t address, int64_t length) override;
   void Write(const void* buffer, int64_t address, int64_t length) override;
   KivGenApi::EAccessMode GetAccessMode() const override {
@@ -28,9 +23,7 @@ class CPort : public KivGenApi::IPort {
   }
 
  private:
-  camera::CCamera* camera_;
-  CGenTL* producer_;
-  PORT_HANDLE port_;
+  CDevice* device_;
   bool read_only_;
 };
 

@@ -18,7 +18,7 @@
 
 #include "kivcam/kivcam.h"
 #include "kivsim/kivsim.h"
-#include "log_reader.h"
+#include "diag/log_reader.h"
 
 namespace camtest {
 
@@ -31,7 +31,9 @@ std::string LibDir();  // where libkivcam.so and the producers are
   X(KIVCAM_Open) X(KIVCAM_OpenGigE) X(KIVCAM_OpenUSB) X(KIVCAM_Close) X(KIVCAM_CloseAll) X(KIVCAM_Camera) \
   X(KIVCAM_Reset) X(KIVCAM_ReDetection) X(KIVCAM_ReadPort) X(KIVCAM_WritePort) X(KIVCAM_OpenReg)       \
   X(KIVCAM_CloseReg) X(KIVCAM_ReadReg) X(KIVCAM_WriteReg) X(KIVCAM_CameraRegInfo) X(KIVCAM_CameraInfo) \
-  X(KIVCAM_CameraInfoGigE) X(KIVCAM_CameraInfoUSB) X(KIVCAM_GetNodeMap) X(KIVCAM_SetCmdTimeOut)
+  X(KIVCAM_CameraInfoGigE) X(KIVCAM_CameraInfoUSB) X(KIVCAM_GetNodeMap) X(KIVCAM_SetCmdTimeOut)     \
+  X(KIVCAM_SetCallBack) X(KIVCAM_FreeLibrary) X(KIVCAM_GetLibraryRevision) X(KIVCAM_CreateConvHandle)  \
+  X(KIVCAM_CloseConvHandle) X(KIVCAM_CloseAllConvHandle) X(KIVCAM_ColorConvExec) X(KIVCAM_MonoBMPINFO)
 
 // Last-error value Err gives for a call that did not fail.
 constexpr uint32_t kSucceeded = 0xFFFFFFFFu;
@@ -98,7 +100,7 @@ class LogDrain {
  private:
   void Pull();
   bool Has(const std::string& a, const std::string& b) const;  // mutex_ held
-  kivcam::monitor::LogReader reader_;
+  kivcam::diag::LogReader reader_;
   bool ok_ = false;
   std::mutex mutex_;
   std::condition_variable cv_;

@@ -1,6 +1,7 @@
 // Every export of the camera layer refuses stale, foreign and wrong-kind
 // handles with error 1, without reading through them.
 #include <functional>
+#include <vector>
 
 #include "cam_env.h"
 
@@ -15,13 +16,14 @@ TEST_F(Handles, EveryExportRefusesWhatIsNotItsLiveObject) {
   Load();
   HCAMERA live = nullptr, stale = nullptr;
   HCAMERAPORT port = nullptr, stale_port = nullptr;
-  // The live objects exist before the stale ones die, so no address is reused for them.
-  ASSERT_EQ(lib_->KIVCAM_Open(KIVCAM_UID_ANY, &live), KIVCAM_TRUE);
-  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);
+  // The stale objects die first, so the live ones may well take their place
+  // in memory: their handles must stay apart all the same.
   ASSERT_EQ(lib_->KIVCAM_Open(KIVCAM_UID_ANY, &stale), KIVCAM_TRUE);
   ASSERT_EQ(lib_->KIVCAM_OpenReg(&stale_port), KIVCAM_TRUE);
   ASSERT_EQ(lib_->KIVCAM_Close(stale), KIVCAM_TRUE);
   ASSERT_EQ(lib_->KIVCAM_CloseReg(stale_port), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_Open(KIVCAM_UID_ANY, &live), KIVCAM_TRUE);
+  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);
   long foreign[64] = {};  // looks like memory, is nobody's object
 
   CamLib& l = *lib_;
@@ -72,6 +74,24 @@ TEST_F(Handles, EveryExportRefusesWhatIsNotItsLiveObject) {
   log_->Clear();
   EXPECT_EQ(l.KIVCAM_ReadReg(nullptr, 0, buf, &size), KIVCAM_FALSE);
   EXPECT_TRUE(log_->Saw("KIVCAM_ReadReg", "Error=1, HCAMERA=0x0000000000000000"));
+}
+
+// The same camera opened and closed again and again: every handle is new,
+// and none of the closed ones comes back, whatever memory the new object got.
+TEST_F(Handles, AClosedHandleNeverComesBack) {
+  Load();
+  std::vector<HCAMERA> closed;
+  for (int i = 0; i < 50; ++i) {
+    HCAMERA cam = OpenUid(kGigE1);
+    ASSERT_NE(cam, nullptr);
+    for (HCAMERA old : closed) ASSERT_NE(cam, old);
+    ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
+    closed.push_back(cam);
+  }
+  HCAMERA live = OpenUid(kGigE1);
+  uint32_t state = 0;
+  for (HCAMERA old : closed) EXPECT_EQ(Err(lib_->KIVCAM_Camera(old, &state)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(lib_->KIVCAM_Camera(live, &state), KIVCAM_TRUE);
 }
 
 }  // namespace

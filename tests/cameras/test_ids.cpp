@@ -22,24 +22,6 @@ TEST(DeviceIds, UidIsTheDecimalNumberAfterTheFirstSeparator) {
   for (const auto& c : cases) EXPECT_EQ(ParseUid(c.id), c.uid) << (c.id ? c.id : "null");
 }
 
-TEST(DeviceIds, LinkCodesAndKindsByTransport) {
-  EXPECT_EQ(LinkCode(kKindGigE, 100), 0u);
-  EXPECT_EQ(LinkCode(kKindGigE, 1000), 6u);
-  EXPECT_EQ(LinkCode(kKindUSB, 0x200), 7u);
-  EXPECT_EQ(LinkCode(kKindUSB, 0x300), 8u);
-  EXPECT_EQ(LinkCode(kKindIIDC, 42), 42u);
-  EXPECT_EQ(LinkCode(9, 100), 0u);
-  const int32_t producer_kinds[] = {kKindIIDC, kKindGigE, kKindUSB};
-  for (uint32_t expected = 0; expected < 3; ++expected) {
-    uint32_t kind = 77;
-    EXPECT_TRUE(CameraKindOf(producer_kinds[expected], &kind));
-    EXPECT_EQ(kind, expected);
-  }
-  uint32_t kind = 77;
-  EXPECT_FALSE(CameraKindOf(4, &kind));
-  EXPECT_EQ(kind, 77u);
-}
-
 // Schemes, their case and broken URLs are tried through real opens in the
 // interface tests; here the fields and names those do not reach.
 TEST(DescriptionUrls, LocalUrlFieldsAndAdditionalFileNames) {

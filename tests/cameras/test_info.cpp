@@ -134,23 +134,6 @@ TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, &e)), KIVCAM_ERR_NO_CAMERA);
 }
 
-// Interfaces in list order: GigE adapter 0 and 1, then the USB host.
-TEST_F(Info, PowerUpCountsOnlyFromTheFirstProducer) {
-  Load();
-  ASSERT_TRUE(GigE().loaded());
-  ASSERT_TRUE(USB().loaded());
-  // The second producer's power-up wakes its interface but tells the library nothing.
-  ASSERT_TRUE(log_->RaiseUntil([&] { USB().raise_interface_event(0, KIVSIM_EVENT_POWER_UP); },
-                               "CInterface::BusEventGet_Thread", "PowerUP Event"));
-  // A following event of the same thread proves the power-up was handled.
-  ASSERT_TRUE(log_->RaiseUntil([&] { USB().raise_interface_event(0, KIVSIM_EVENT_BUS_RESET); },
-                               "CInterface::BusEventGet_Thread", "BusReset Event"));
-  EXPECT_FALSE(log_->Saw("PowerWakeUP Detection"));
-  // The first producer's power-up reaches the library.
-  ASSERT_TRUE(log_->RaiseUntil([&] { GigE().raise_interface_event(1, KIVSIM_EVENT_POWER_UP); },
-                               "CKivCamDLL::PowerUpEvent", "PowerWakeUP Detection"));
-}
-
 TEST_F(Info, AnotherProcessWakesTheUsbInterface) {
   Load();
   const uint32_t parent = static_cast<uint32_t>(getpid());

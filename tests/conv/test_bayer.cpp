@@ -21,8 +21,8 @@ int SourceColour(uint32_t phase, uint32_t x, uint32_t y) {
 }
 
 // The model: samples and colours placed at their output positions, then each
-// missing channel from the neighbours that exist, then smoothing in its
-// documented order. Returns B, G, R per pixel.
+// missing channel from the neighbours that exist, then the green smoothing,
+// rows top to bottom. Returns B, G, R per pixel.
 std::vector<uint8_t> Model(const std::vector<int>& sample, uint32_t w, uint32_t h, uint32_t phase,
                            uint32_t geo, bool smooth) {
   std::vector<int> M(w * h), C(w * h);
@@ -151,7 +151,7 @@ TEST(Bayer, MatchesModelForEveryPhaseGeometryFormAndReader) {
   });
 }
 
-// M(x, y) = 10y + x, the image of the documented examples.
+// M(x, y) = 10y + x: every sample tells where it came from.
 std::vector<uint8_t> Ramp(uint32_t w, uint32_t h) {
   std::vector<uint8_t> v(w * h);
   for (uint32_t y = 0; y < h; ++y) {
@@ -160,7 +160,7 @@ std::vector<uint8_t> Ramp(uint32_t w, uint32_t h) {
   return v;
 }
 
-TEST(Bayer, DocumentedPixels) {
+TEST(Bayer, RampPixelsAverageTheirNeighbours) {
   const auto m = Ramp(6, 6);
   Dst d(6, 6, 0);
   ASSERT_EQ(kConvOk, ConvertInto(d, m.data(), KIND_BAYER8, PHASE_RG, Mode(0, 0)));

@@ -27,7 +27,7 @@ std::vector<Bgr> Row(uint32_t kind, std::vector<uint8_t> bytes, uint32_t w, uint
 
 Bgr Grey(int v) { return {v, v, v}; }
 
-TEST(Line, DocumentedDecodings) {
+TEST(Line, KnownSamplesDecodeToKnownPixels) {
   EXPECT_EQ((std::vector<Bgr>{Grey(200), Grey(50)}), Row(KIND_YUV422_UYVY, {128, 200, 128, 50}, 2));
   EXPECT_EQ((std::vector<Bgr>{{100, 29, 240}}), Row(KIND_YUV444, {128, 100, 228}, 1));
   EXPECT_EQ(255, Row(KIND_YUV444, {128, 250, 255}, 1)[0][2]);

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kivcam_loader.h"
-#include "log_reader.h"
+#include "diag/log_reader.h"
 
 namespace {
 
@@ -166,7 +166,7 @@ class ConvApiLogTest : public ConvApiTest {
     }
     return out;
   }
-  kivcam::monitor::LogReader log_;
+  kivcam::diag::LogReader log_;
 };
 
 TEST_F(ConvApiLogTest, ExecLogsOnlyWhenVerboseAndRefusedCloseWritesNoErrorLine) {

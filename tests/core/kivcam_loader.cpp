@@ -24,7 +24,6 @@ KivCamLibrary::KivCamLibrary() {
 #define KIVTEST_BIND(name) name = Get<decltype(name)>(#name);
   KIVTEST_EXPORTS(KIVTEST_BIND)
 #undef KIVTEST_BIND
-  RaiseEvent = Get<void (*)(uint32_t)>("kivcam_internal_raise_event");
 }
 
 KivCamLibrary::~KivCamLibrary() { Unload(); }

@@ -34,7 +34,6 @@ class KivCamLibrary {
 #define KIVTEST_FN(name) decltype(&::name) name = nullptr;
   KIVTEST_EXPORTS(KIVTEST_FN)
 #undef KIVTEST_FN
-  void (*RaiseEvent)(uint32_t code) = nullptr;
 
  private:
   void* handle_ = nullptr;

@@ -9,7 +9,7 @@
 
 #include "child_process.h"
 #include "diag/call_log.h"
-#include "log_reader.h"
+#include "diag/log_reader.h"
 #include "platform/platform.h"
 
 namespace {
@@ -37,20 +37,20 @@ class CallLogTest : public ::testing::Test {
     ASSERT_TRUE(reader_.Open());
     reader_.SetLevel(0);
     reader_.Take();
-    std::memset(reader_.area()->Line, 0, sizeof reader_.area()->Line);
     diag::OpenCallLog();
+    std::memset(diag::CurrentLogArea()->Line, 0, sizeof diag::CurrentLogArea()->Line);
     if (diag::CurrentSharedData()) diag::CurrentSharedData()->MonitorProcessId = 0;
   }
   void TearDown() override {
     reader_.SetLevel(0);
     diag::CloseCallLog();
   }
-  kivcam::monitor::LogReader reader_;
+  kivcam::diag::LogReader reader_;
 };
 
 TEST_F(CallLogTest, LevelZeroWritesNothingAndVerboseNeedsLevelTwo) {
   diag::LogEvent(false, "CTest::Op", "hidden");
-  EXPECT_EQ(reader_.area()->Pending, 0u);
+  EXPECT_EQ(diag::CurrentLogArea()->Pending, 0u);
 
   reader_.SetLevel(1);
   diag::LogEvent(true, "CTest::Op", "verbose at 1");
@@ -102,20 +102,20 @@ TEST_F(CallLogTest, FullLogDropsLinesAndLongLinesAreCutToTheirSlot) {
   for (unsigned i = 0; i < kLogSlots + 1; ++i) {
     diag::WriteLine(false, "line %u\n", i);
   }
-  EXPECT_EQ(reader_.area()->Pending, kLogSlots);
+  EXPECT_EQ(diag::CurrentLogArea()->Pending, kLogSlots);
   auto lines = reader_.Take();
   ASSERT_EQ(lines.size(), kLogSlots);
   EXPECT_EQ(Body(lines[31]), "line 31\n");  // the 33rd never made it
 
   diag::WriteLine(false, "after reset\n");
-  ASSERT_EQ(reader_.area()->Pending, 1u);
-  EXPECT_EQ(Body(std::string(reader_.area()->Line[0])), "after reset\n");
+  ASSERT_EQ(diag::CurrentLogArea()->Pending, 1u);
+  EXPECT_EQ(Body(std::string(diag::CurrentLogArea()->Line[0])), "after reset\n");
   // A line too long for its slot is cut, spilling nothing into the next.
   reader_.Take();
-  std::memset(reader_.area()->Line, 0, sizeof reader_.area()->Line);
+  std::memset(diag::CurrentLogArea()->Line, 0, sizeof diag::CurrentLogArea()->Line);
   diag::WriteLine(false, "%s\n", std::string(3000, 'x').c_str());
-  EXPECT_EQ(strnlen(reader_.area()->Line[0], diag::kLogSlotSize), diag::kLogSlotSize - 1);
-  EXPECT_EQ(reader_.area()->Line[1][0], '\0');
+  EXPECT_EQ(strnlen(diag::CurrentLogArea()->Line[0], diag::kLogSlotSize), diag::kLogSlotSize - 1);
+  EXPECT_EQ(diag::CurrentLogArea()->Line[1][0], '\0');
 }
 
 // Two processes writing at once: every slot holds one whole line, the slots

@@ -18,7 +18,7 @@
 #include "child_process.h"
 #include "core/process_table.h"
 #include "kivcam_loader.h"
-#include "log_reader.h"
+#include "diag/log_reader.h"
 #include "platform/platform.h"
 
 namespace {
@@ -59,7 +59,7 @@ class LibraryTest : public ::testing::Test {
     log_.Take();  // whatever earlier tests of this process left
   }
   void TearDown() override { log_.SetLevel(0); }
-  kivcam::monitor::LogReader log_;
+  kivcam::diag::LogReader log_;
 };
 
 TEST_F(LibraryTest, StructureVersionOnlyRisesAndRevisionClearsTheError) {
@@ -172,115 +172,6 @@ TEST(ProcessTable, LoadRegistersUnloadRemovesAndAFullTableLeavesTheProcessOut) {
   }
   EXPECT_EQ(table->Count, 256u);
   for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(table->ProcessId[i], 1000 + i);
-}
-
-// ---- bus-event callbacks ------------------------------------------------------
-
-// What the application's function saw; it can hold the callback thread in
-// its first call until released.
-struct CallbackLog {
-  std::mutex m;
-  std::condition_variable cv;
-  std::vector<std::pair<uint32_t, void*>> calls;
-  bool block_first = false, release = false, returned = false;
-
-  void WaitFor(size_t n) {
-    std::unique_lock<std::mutex> g(m);
-    ASSERT_TRUE(cv.wait_for(g, std::chrono::seconds(10), [&] { return calls.size() >= n; }));
-  }
-  void Release() {
-    std::lock_guard<std::mutex> g(m);
-    release = true;
-    cv.notify_all();
-  }
-};
-
-class CallbackTest : public LibraryTest {
- protected:
-  static void Fn(uint32_t event, void* context) {
-    std::unique_lock<std::mutex> g(calls_.m);
-    calls_.calls.emplace_back(event, context);
-    calls_.cv.notify_all();
-    if (calls_.block_first && calls_.calls.size() == 1) calls_.cv.wait(g, [] { return calls_.release; });
-    calls_.returned = true;
-  }
-  void SetUp() override {
-    LibraryTest::SetUp();
-    std::lock_guard<std::mutex> g(calls_.m);
-    calls_.calls.clear();
-    calls_.block_first = calls_.release = calls_.returned = false;
-  }
-  static CallbackLog calls_;
-};
-CallbackLog CallbackTest::calls_;
-
-TEST_F(CallbackTest, PendingHappeningsArriveBusResetFirstOncePerKind) {
-  log_.SetLevel(1);
-  KivCamLibrary lib;
-  int ctx = 0;
-  calls_.block_first = true;
-  lib.KIVCAM_SetCallBack(&ctx, &Fn);
-  lib.RaiseEvent(1);
-  calls_.WaitFor(1);  // the thread is inside the first callback
-  lib.RaiseEvent(2);  // power-up first, then two bus resets: all pending together
-  lib.RaiseEvent(1);
-  lib.RaiseEvent(1);
-  calls_.Release();
-  calls_.WaitFor(3);
-  lib.Unload();
-  ASSERT_EQ(calls_.calls.size(), 3u);
-  EXPECT_EQ(calls_.calls[0], std::make_pair(1u, static_cast<void*>(&ctx)));
-  EXPECT_EQ(calls_.calls[1], std::make_pair(1u, static_cast<void*>(&ctx)));
-  EXPECT_EQ(calls_.calls[2], std::make_pair(2u, static_cast<void*>(&ctx)));
-  auto lines = Bodies(log_.Take());
-  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    BusReset User Proc Start "));
-  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    BusReset User Proc End   "));
-  EXPECT_TRUE(Contains(lines, "CKivCamDLL::UserCallBack_Thread    PowerWakeUP User Proc End   "));
-}
-
-TEST_F(CallbackTest, NullFunctionStopsCallbacksAndANewOneSeesOnlyNewHappenings) {
-  KivCamLibrary lib;
-  int first = 1, second = 2;
-  lib.KIVCAM_SetCallBack(&first, &Fn);
-  lib.RaiseEvent(1);
-  calls_.WaitFor(1);
-  lib.KIVCAM_SetCallBack(nullptr, nullptr);
-  EXPECT_EQ(lib.KIVCAM_GetLastError(), 0u);
-  lib.RaiseEvent(1);  // dropped: nobody to tell
-  lib.RaiseEvent(2);
-  lib.KIVCAM_SetStructVersion(0);
-  lib.Unload();  // the thread has consumed (or drops) everything before it ends
-  ASSERT_EQ(calls_.calls.size(), 1u);
-
-  KivCamLibrary again;
-  again.KIVCAM_SetCallBack(&second, &Fn);
-  again.RaiseEvent(2);
-  calls_.WaitFor(2);
-  ASSERT_EQ(calls_.calls.size(), 2u);
-  EXPECT_EQ(calls_.calls[1], std::make_pair(2u, static_cast<void*>(&second)));
-}
-
-TEST_F(CallbackTest, UnloadWaitsForARunningCallback) {
-  auto lib = std::make_unique<KivCamLibrary>();
-  int ctx = 0;
-  calls_.block_first = true;
-  lib->KIVCAM_SetCallBack(&ctx, &Fn);
-  lib->RaiseEvent(1);
-  calls_.WaitFor(1);
-  std::atomic<bool> unloaded{false};
-  std::atomic<bool> returned_before_unload{false};
-  std::thread unloader([&] {
-    lib->Unload();
-    std::lock_guard<std::mutex> g(calls_.m);
-    returned_before_unload = calls_.returned;
-    unloaded = true;
-  });
-  // Give the unload a head start; the assertion below holds whatever the timing.
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(unloaded.load());
-  calls_.Release();
-  unloader.join();
-  EXPECT_TRUE(returned_before_unload.load());
 }
 
 }  // namespace

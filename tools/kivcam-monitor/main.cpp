@@ -8,15 +8,12 @@
 #include <string>
 
 #include "kivcam/kivcam.h"
-#include "log_reader.h"
-#include "platform/platform.h"
+#include "diag/log_reader.h"
 
 namespace {
 
 volatile std::sig_atomic_t g_stop = 0;
 void OnSignal(int) { g_stop = 1; }
-
-const char kInstanceMutex[] = "KIVCAMMonitorInstance_Orvanta";
 
 void Usage(FILE* out) {
   std::fprintf(out,
@@ -81,21 +78,20 @@ int main(int argc, char** argv) {
 
   // The library may start a monitor at every load in every process: only
   // the first one stays.
-  auto instance = kivcam::platform::NamedMutex::CreateOrOpen(kInstanceMutex);
-  if (!instance) {
+  kivcam::diag::MonitorInstance instance;
+  if (!instance.ok()) {
     std::fprintf(stderr, "kivcam-monitor: cannot create the instance lock\n");
     return 1;
   }
-  kivcam::platform::MutexWait w = instance->Wait(0);
-  if (w != kivcam::platform::MutexWait::kAcquired && w != kivcam::platform::MutexWait::kAbandoned) {
+  if (!instance.TryAcquire()) {
     std::printf("kivcam-monitor: another monitor is already running\n");
     return 0;
   }
 
   void* build_date = nullptr;
-  KIVCAM_LogCommonAreaGet(kivcam::platform::ProcessId(), &build_date);
+  KIVCAM_LogCommonAreaGet(kivcam::diag::CurrentProcessId(), &build_date);
 
-  kivcam::monitor::LogReader reader;
+  kivcam::diag::LogReader reader;
   if (!reader.Open()) {
     std::fprintf(stderr, "kivcam-monitor: cannot open the shared call log\n");
     return 1;
@@ -127,6 +123,5 @@ int main(int argc, char** argv) {
   Print(reader.Take(), file);
   if (!opt.keep_level) reader.SetLevel(0);
   if (file) std::fclose(file);
-  instance->Release();
   return 0;
 }

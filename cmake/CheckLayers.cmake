@@ -1,0 +1,37 @@
+cmake_minimum_required(VERSION 3.25)
+# Reads every #include of the library's sources and fails when one points
+# up the layer order (api > core > camera > transport > diag > platform, conv
+# beside) or when code outside src/platform includes an operating-system
+# header. Run as a test: cmake -DSRC=<src dir> -P CheckLayers.cmake
+set(allowed_api api core camera transport diag conv platform)
+set(allowed_core core camera transport diag conv platform)
+set(allowed_camera camera transport diag conv platform)
+set(allowed_transport transport diag platform)
+set(allowed_diag diag platform)
+set(allowed_conv conv)
+set(allowed_platform platform)
+set(layers api core camera transport diag conv platform)
+set(os_headers "unistd\\.h|sys/|dlfcn\\.h|pthread\\.h|windows\\.h|fcntl\\.h|poll\\.h|sched\\.h|spawn\\.h|link\\.h|semaphore\\.h")
+
+set(failures "")
+foreach(layer IN LISTS layers)
+  file(GLOB files ${SRC}/${layer}/*.h ${SRC}/${layer}/*.cpp)
+  foreach(f IN LISTS files)
+    file(STRINGS ${f} lines REGEX "^[ \t]*#[ \t]*include")
+    foreach(line IN LISTS lines)
+      if(line MATCHES "#[ \t]*include[ \t]*\"([a-z_]+)/")
+        set(target ${CMAKE_MATCH_1})
+        if(target IN_LIST layers AND NOT target IN_LIST allowed_${layer})
+          string(APPEND failures "${f}: ${layer} must not include ${target}: ${line}\n")
+        endif()
+      elseif(line MATCHES "#[ \t]*include[ \t]*<(${os_headers})" AND NOT layer STREQUAL "platform")
+        string(APPEND failures "${f}: only src/platform includes system headers: ${line}\n")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+if(failures)
+  message(FATAL_ERROR "Includes against the layer order:\n${failures}")
+endif()
+message(STATUS "Every include points down the layer order.")
