@@ -12,8 +12,11 @@
  *    always leaves 0. The KIVCAMFILTER_ functions return their own status and
  *    never touch the last-error code.
  *  - Handles (HCAMERA, HCTBL, HCAMERAPORT, HVSYNC) are opaque pointers. The
- *    library refuses a handle of the wrong kind, a null one or one it did not
- *    issue with KIVCAM_ERR_PARAM; a closed handle must not be passed again.
+ *    library refuses a handle of the wrong kind, a null one, one it did not
+ *    issue and one whose object is gone with KIVCAM_ERR_PARAM; handle values
+ *    are never issued twice, so a closed handle stays refused.
+ *  - Callbacks may call any function: it works or fails at once with its
+ *    documented error, and never waits for the thread the callback runs on.
  *  - All integers are fixed-width; every record's size and field offsets are
  *    pinned below with static assertions. The library is 64-bit only.
  *  - BOOL: this header does not define BOOL, BITMAPINFOHEADER, RGBQUAD or
@@ -144,8 +147,9 @@ typedef struct KivCamVSync_ *HVSYNC;
 #define KIVCAM_EVENT_POWERUP  2u  /* the first loaded producer reported a power wake-up */
 
 /* Bus-event function (KIVCAM_SetCallBack). Runs on the library's callback
- * thread, never inside a library lock; it may call any export but must return
- * for the library to unload. */
+ * thread, never inside a library lock; it may call any export (also
+ * KIVCAM_FreeLibrary, which then returns at once) but must return for the
+ * library to unload. */
 typedef void (*KIVCAM_CALLBACK)(uint32_t event, void *context);
 
 /* ------------------------------------------------------------------------ */
@@ -713,7 +717,10 @@ KIVCAM_API uint32_t KIVCAM_GetLibraryRevision(void);
 /* Destroys the library's object tree now (cameras, ports, producers,
  * conversion handles, callback thread) if it still exists; unloading later
  * destroys nothing twice. Afterwards only KIVCAM_LogCommonAreaGet and the
- * KIVCAMFILTER_ functions may be called. No log line, no lock, no error code. */
+ * KIVCAMFILTER_ functions may be called; every other function returns 0
+ * (failure) at once. Called from the bus-event callback it releases
+ * everything before it returns, and the callback thread ends once the
+ * callback returns. No log line, no lock, no error code. */
 KIVCAM_API void KIVCAM_FreeLibrary(void);
 
 /* ---- Last error --------------------------------------------------------- */

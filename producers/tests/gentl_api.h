@@ -204,7 +204,7 @@ class UsbProducerTest : public ProducerTest {
   UsbProducerTest() : ProducerTest(true) {}
 };
 
-// Reference value of the documented test pattern.
+// The test pattern, computed independently of the producer.
 inline uint32_t Pattern8(uint32_t x, uint32_t y, uint64_t frame, uint32_t c) {
   return (x + (y + 2 * (frame % 128)) % 256 + 85 * c) % 256;
 }

@@ -338,7 +338,7 @@ TEST_F(Acquisition, FreeRunDeliversWithoutControlCallsAtARateOrAsFastAsBuffersRe
   }
 }
 
-// Each format's payload follows its layout, and a delivered frame matches the documented pattern.
+// Each format's payload follows its layout, and a delivered frame matches the recomputed pattern.
 TEST_F(UsbAcquisition, EveryOfferedPixelFormatIsDeliveredAtItsSize) {
   // Every format the description offers, read from the camera itself.
   std::string url, xml = UrlFile(port, 1, &url);
