@@ -1,5 +1,6 @@
 #include "diag/call_log.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -27,6 +28,12 @@ platform::NamedMutex* g_mutex = nullptr;
 platform::NamedEvent* g_event = nullptr;
 platform::SharedMapping* g_mapping = nullptr;
 platform::SharedMapping* g_shared_mapping = nullptr;
+
+// The mutex guards one line at a time: only a holder that is stuck (or an
+// object someone scribbled on) makes a line wait this long, and then the
+// line is dropped rather than the caller held up.
+constexpr uint32_t kLogWaitMs = 500;
+std::atomic<uint32_t> g_dropped{0};
 
 }  // namespace
 
@@ -67,12 +74,15 @@ void CloseCallLog() {
 
 SharedData* CurrentSharedData() { return g_shared; }
 
+uint32_t DroppedLines() { return g_dropped.load(std::memory_order_relaxed); }
+
 void WriteLineV(bool verbose, const char* fmt, va_list ap) {
   if (!LogWanted(verbose) || !g_mutex) return;
-  platform::MutexWait w = g_mutex->Wait(platform::kInfinite);
+  platform::MutexWait w = g_mutex->Wait(kLogWaitMs);
   if (w != platform::MutexWait::kAcquired) {
     // An owner that died mid-line: drop this line, leave the mutex usable.
     if (w == platform::MutexWait::kAbandoned) g_mutex->Release();
+    g_dropped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   LogArea* area = g_area;
@@ -81,6 +91,7 @@ void WriteLineV(bool verbose, const char* fmt, va_list ap) {
                                  platform::ProcessId();
   if (monitor || pending >= kLogSlots) {
     g_mutex->Release();
+    if (!monitor) g_dropped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   char* slot = area->Line[pending];

@@ -42,6 +42,10 @@ inline bool LogWanted(bool verbose) {
 // Formats "<local time>  " + fmt into the next slot. `fmt` is the part of the
 // line after the time; pointers must be passed through Ptr() and printed
 // with KIVCAM_PTR so that they read like the Windows rendering.
+// Lines this process wanted to write but dropped: the log was full, or its
+// mutex could not be had within a bounded wait.
+uint32_t DroppedLines();
+
 void WriteLine(bool verbose, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void WriteLineV(bool verbose, const char* fmt, va_list ap);
 
