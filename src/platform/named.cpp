@@ -210,11 +210,17 @@ Held* FreeHeld() {
   return nullptr;
 }
 
-// This thread's start time, read once per thread.
+// This thread's start time, read once per thread; kept with the id it was
+// read for, since a forked child inherits the parent thread's copy.
+thread_local uint32_t t_start_tid = 0;
 thread_local uint64_t t_start = 0;
 
 uint64_t OwnStart() {
-  if (!t_start) t_start = ThreadStartTime(ThreadId());
+  const uint32_t me = ThreadId();
+  if (t_start_tid != me) {
+    t_start = ThreadStartTime(me);
+    t_start_tid = me;
+  }
   return t_start;
 }
 

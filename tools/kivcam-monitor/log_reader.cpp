@@ -20,7 +20,9 @@ std::vector<std::string> LogReader::Peek() { return Read(false); }
 
 std::vector<std::string> LogReader::Read(bool take) {
   std::vector<std::string> lines;
-  platform::MutexWait w = mutex_->Wait(platform::kInfinite);
+  // Bounded: a holder that never lets go (or a scribbled mutex object) costs
+  // one round of lines, never the reader itself.
+  platform::MutexWait w = mutex_->Wait(kWaitMs);
   if (w != platform::MutexWait::kAcquired && w != platform::MutexWait::kAbandoned) return lines;
   uint32_t pending = area_->Pending;
   if (pending > diag::kLogSlots) pending = diag::kLogSlots;

@@ -29,6 +29,7 @@ class LogReader {
   bool Wait(uint32_t timeout_ms);
 
  private:
+  static constexpr uint32_t kWaitMs = 1000;
   std::vector<std::string> Read(bool take);
 
   std::unique_ptr<platform::NamedMutex> mutex_;
