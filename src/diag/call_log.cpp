@@ -50,7 +50,8 @@ void OpenCallLog() {
       platform::SharedMapping::CreateOrOpen(KIVCAM_SHARED_DATA_NAME, kSharedDataSize).release();
   if (g_shared_mapping && g_shared_mapping->data()) {
     g_shared = static_cast<SharedData*>(g_shared_mapping->data());
-    if (!g_shared_mapping->already_existed()) {
+    // Also when a monitor made the mapping before any library was loaded.
+    if (!g_shared_mapping->already_existed() || g_shared->BuildDate[0] == '\0') {
       // The compiler's date form, e.g. "Nov 22 2026".
       std::snprintf(g_shared->BuildDate, sizeof g_shared->BuildDate, "%s", __DATE__);
     }

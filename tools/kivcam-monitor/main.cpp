@@ -1,5 +1,7 @@
 // kivcam-monitor: shows what every process using KivCam does, by taking the
-// lines of the machine-wide call log as they are written.
+// lines of the machine-wide call log as they are written. It does not load
+// the library: it maps the shared objects as any outside reader does, so
+// nothing of its own ever appears in the log.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -17,6 +19,7 @@ volatile std::sig_atomic_t g_stop = 0;
 void OnSignal(int) { g_stop = 1; }
 
 const char kInstanceMutex[] = "KIVCAMMonitorInstance_Orvanta";
+constexpr int kAlreadyRunning = 3;
 
 void Usage(FILE* out) {
   std::fprintf(out,
@@ -28,7 +31,9 @@ void Usage(FILE* out) {
                "  --file PATH   also append the lines to PATH\n"
                "  --once        take the lines pending now, print them and exit\n"
                "  --keep-level  leave the level set on exit (default: logging off again)\n"
-               "Environment: KIVCAM_IPC_NAMESPACE selects a private set of shared objects.\n");
+               "Environment: KIVCAM_IPC_NAMESPACE selects a private set of shared objects.\n"
+               "Exit codes: 0 done, 1 the shared objects cannot be opened, 2 usage,\n"
+               "3 another monitor is already running.\n");
 }
 
 struct Options {
@@ -88,12 +93,23 @@ int main(int argc, char** argv) {
   }
   kivcam::platform::MutexWait w = instance->Wait(0);
   if (w != kivcam::platform::MutexWait::kAcquired && w != kivcam::platform::MutexWait::kAbandoned) {
-    std::printf("kivcam-monitor: another monitor is already running\n");
-    return 0;
+    std::fprintf(stderr, "kivcam-monitor: another monitor is already running\n");
+    return kAlreadyRunning;
   }
 
-  void* build_date = nullptr;
-  KIVCAM_LogCommonAreaGet(kivcam::platform::ProcessId(), &build_date);
+  // What KIVCAM_LogCommonAreaGet does, without loading the library: every
+  // process sees at once that this one is the monitor and writes no line for it.
+  auto shared = kivcam::platform::SharedMapping::CreateOrOpen(KIVCAM_SHARED_DATA_NAME,
+                                                             kivcam::diag::kSharedDataSize);
+  if (!shared) {
+    std::fprintf(stderr, "kivcam-monitor: cannot open the shared data of the library\n");
+    return 1;
+  }
+  auto* data = static_cast<KIVCAM_SHAREDDATA*>(shared->data());
+  __atomic_store_n(&data->MonitorProcessId, kivcam::platform::ProcessId(), __ATOMIC_RELAXED);
+  // Anyone may have written there: the date is read within its field.
+  std::string build_date(data->BuildDate, strnlen(data->BuildDate, sizeof data->BuildDate));
+  if (build_date.empty()) build_date = "?";
 
   kivcam::monitor::LogReader reader;
   if (!reader.Open()) {
@@ -115,7 +131,7 @@ int main(int argc, char** argv) {
   if (!opt.once) {
     // Printed once the level is set: from here on every line is seen.
     std::printf("kivcam-monitor: level %u, library built %s; Ctrl-C ends\n", opt.level,
-                build_date ? static_cast<const char*>(build_date) : "?");
+                build_date.c_str());
     std::fflush(stdout);
   }
   // The event wakes us for new lines; the short timeout is the fallback
