@@ -173,19 +173,41 @@ namespace {
 // The shared-memory object of a named mutex. It holds integers only, so
 // whatever another process writes into it can cost a wait, never a stray
 // pointer; all zero is a free mutex, so a new object needs no set-up.
+//
+// The owner is named in one word, taken and given back with one atomic
+// operation: bits 0-21 its thread id (Linux ids stay below 2^22), bits 22-30
+// a stamp of that thread's start time (1 to 511, never 0, so a word without
+// a stamp names nobody), bit 31 set while someone may sleep on the word. The
+// stamp tells a live owner from a later thread that got the same id.
 struct MutexBlock {
-  std::atomic<uint32_t> word;         // 0 free, else the owner's thread id | kWaiters
-  std::atomic<uint32_t> reserved;
-  std::atomic<uint64_t> owner_start;  // the owner thread's start time; 0 while unknown
+  std::atomic<uint32_t> word;
+  uint32_t reserved[3];
 };
-static_assert(std::atomic<uint32_t>::is_always_lock_free && std::atomic<uint64_t>::is_always_lock_free,
-              "shared atomics must be lock-free");
+static_assert(std::atomic<uint32_t>::is_always_lock_free, "shared atomics must be lock-free");
 
 constexpr uint32_t kWaiters = 0x80000000u;
-constexpr uint32_t kOwnerMask = 0x3FFFFFFFu;  // thread ids stay below 2^22 on Linux
+constexpr uint32_t kTidMask = 0x003FFFFFu;
+constexpr int kStampShift = 22;
+constexpr uint32_t kStampMask = 0x1FFu;
 // A waiter looks at the owner once per slice: a holder that ended (or an
 // owner word that names nobody) is found within this time.
 constexpr uint32_t kSliceMs = 50;
+
+uint32_t Stamp(uint64_t start) {
+  return 1 + static_cast<uint32_t>(((start + 1) * 0x9E3779B97F4A7C15ull) >> 40) % kStampMask;
+}
+
+uint32_t Stamped(uint32_t tid, uint64_t start) { return tid | Stamp(start) << kStampShift; }
+
+// True when the owner the word names is no live thread: no stamp, no thread
+// of that id, or a thread of that id that started at another time.
+bool OwnerGone(uint32_t word) {
+  const uint32_t tid = word & kTidMask, stamp = (word >> kStampShift) & kStampMask;
+  if (stamp == 0 || ThreadGone(tid, 0)) return true;
+  uint64_t start = ThreadStartTime(tid);
+  // Unreadable (another user's thread under hidepid): it exists, so it lives.
+  return start != 0 && Stamp(start) != stamp;
+}
 
 // Re-entrancy is counted by the owning thread itself, never in the shared
 // block, so a scribbled block cannot make a holder keep the mutex forever.
@@ -210,18 +232,18 @@ Held* FreeHeld() {
   return nullptr;
 }
 
-// This thread's start time, read once per thread; kept with the id it was
-// read for, since a forked child inherits the parent thread's copy.
-thread_local uint32_t t_start_tid = 0;
-thread_local uint64_t t_start = 0;
+// This thread's owner word, made once per thread; kept with the id it was
+// made for, since a forked child inherits the parent thread's copy.
+thread_local uint32_t t_self_tid = 0;
+thread_local uint32_t t_self_word = 0;
 
-uint64_t OwnStart() {
+uint32_t SelfWord() {
   const uint32_t me = ThreadId();
-  if (t_start_tid != me) {
-    t_start = ThreadStartTime(me);
-    t_start_tid = me;
+  if (t_self_tid != me) {
+    t_self_word = Stamped(me, ThreadStartTime(me));
+    t_self_tid = me;
   }
-  return t_start;
+  return t_self_word;
 }
 
 uint64_t MonotonicMs() {
@@ -259,9 +281,9 @@ NamedMutex::~NamedMutex() { munmap(impl_->block, sizeof(MutexBlock)); }
 
 MutexWait NamedMutex::Wait(uint32_t timeout_ms) {
   MutexBlock* b = impl_->block;
-  const uint32_t me = ThreadId();
+  const uint32_t me = SelfWord();
   if (Held* h = FindHeld(impl_->dev, impl_->ino)) {
-    if ((b->word.load(std::memory_order_relaxed) & kOwnerMask) == me) {
+    if ((b->word.load(std::memory_order_relaxed) & ~kWaiters) == me) {
       ++h->depth;
       return MutexWait::kAcquired;
     }
@@ -272,21 +294,20 @@ MutexWait NamedMutex::Wait(uint32_t timeout_ms) {
 
   const uint64_t deadline = timeout_ms == kInfinite ? 0 : MonotonicMs() + timeout_ms;
   uint32_t waiters = 0;  // once we have slept, others may be asleep too
-  uint32_t watched = 0;  // the owner seen at the previous look
+  uint32_t watched = 0;  // the owner word seen at the previous look
   MutexWait result = MutexWait::kAcquired;
   for (;;) {
     uint32_t w = b->word.load(std::memory_order_relaxed);
-    uint32_t owner = w & kOwnerMask;
+    uint32_t owner = w & ~kWaiters;
     if (owner == 0) {
       if (b->word.compare_exchange_weak(w, me | waiters | (w & kWaiters), std::memory_order_acquire)) break;
       continue;
     }
-    // The same owner for a whole slice (or a wait that must not block):
-    // take the mutex over when that owner is gone.
-    // Our own id with no hold counted by us is nobody's hold.
-    if (owner == watched || timeout_ms == 0 || owner == me) {
-      uint64_t start = b->owner_start.load(std::memory_order_relaxed);
-      if (w == b->word.load(std::memory_order_relaxed) && (owner == me || ThreadGone(owner, start)) &&
+    // The same owner for a whole slice (or a wait that must not block): take
+    // the mutex over when that owner is gone. This thread named as owner
+    // without a hold it counted is nobody's hold either.
+    if (owner == watched || timeout_ms == 0 || (owner & kTidMask) == (me & kTidMask)) {
+      if (((owner & kTidMask) == (me & kTidMask) || OwnerGone(owner)) &&
           b->word.compare_exchange_strong(w, me | waiters | (w & kWaiters), std::memory_order_acquire)) {
         result = MutexWait::kAbandoned;
         break;
@@ -306,7 +327,6 @@ MutexWait NamedMutex::Wait(uint32_t timeout_ms) {
     Futex(&b->word, FUTEX_WAIT, w | kWaiters, &rel);
     waiters = kWaiters;
   }
-  b->owner_start.store(OwnStart(), std::memory_order_relaxed);
   *slot = Held{impl_->dev, impl_->ino, 1};
   return result;
 }
@@ -316,11 +336,10 @@ void NamedMutex::Release() {
   Held* h = FindHeld(impl_->dev, impl_->ino);
   if (!h) return;  // like ReleaseMutex by a non-owner: refused
   if (--h->depth > 0) return;
-  const uint32_t me = ThreadId();
-  b->owner_start.store(0, std::memory_order_relaxed);
+  const uint32_t me = SelfWord();
   uint32_t w = b->word.load(std::memory_order_relaxed);
   // Only our own ownership is given up; one taken from us stays with its taker.
-  while ((w & kOwnerMask) == me) {
+  while ((w & ~kWaiters) == me) {
     if (b->word.compare_exchange_weak(w, 0, std::memory_order_release)) {
       if (w & kWaiters) Futex(&b->word, FUTEX_WAKE, 1, nullptr);
       return;

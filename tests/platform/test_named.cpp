@@ -152,52 +152,62 @@ TEST_F(Named, MutexIsReentrantByItsOwningThreadAcrossHandles) {
   EXPECT_EQ(WaitOnOtherThread(*second, 0), MW::kAcquired);
 }
 
-// The object of a named mutex as another process may leave it: the owner's
-// thread id in the first word, its start time in the 64 bits at offset 8.
-struct MutexImage {
-  uint32_t word, reserved;
-  uint64_t start;
-};
+// The object of a named mutex as another process may leave it: its first
+// word names the owner, bits 0-21 the thread id, bits 22-30 a stamp of that
+// thread's start time (never 0), bit 31 waiters.
+constexpr uint32_t kStampBits = 0x1FFu << 22;
 
 // Whatever is written into the object, a wait ends: an owner that is no live
-// thread (garbage, a thread that ended, an id now used by a younger thread)
-// is taken over as abandoned, while a live owner is never joined by a second.
+// thread (garbage, a word without a stamp, an id now used by a thread of
+// another start) is taken over as abandoned, while a live owner is never
+// joined by a second holder.
 TEST_F(Named, MutexWithAGoneOrMadeUpOwnerIsTakenOverButALiveOwnerIsNot) {
   const std::string name = Name("mutex");
   auto m = kp::NamedMutex::CreateOrOpen(name);
-  auto raw = kp::SharedMapping::CreateOrOpen(name, sizeof(MutexImage));
+  auto raw = kp::SharedMapping::CreateOrOpen(name, 16);
   ASSERT_TRUE(m && raw);
-  auto* image = static_cast<MutexImage*>(raw->data());
+  auto* word = static_cast<uint32_t*>(raw->data());
 
-  std::memset(image, 0x11, sizeof *image);
+  std::memset(word, 0x11, 16);
   uint32_t start = kp::TickCount();
   EXPECT_EQ(m->Wait(kBoundMs), MW::kAbandoned);
   EXPECT_LT(kp::TickCount() - start, 2000u);
   m->Release();
-  EXPECT_EQ(WaitOnOtherThread(*m, 0), MW::kAcquired);  // released for real
+  EXPECT_EQ(*word, 0u);  // released for real
 
-  // A live thread of this process holds it (as far as the object says).
+  // Another thread of this process really holds it.
   Pipe held, done;
-  uint32_t tid = 0;
+  uint32_t owner = 0, holder_tid = 0;
   std::thread holder([&] {
-    tid = kp::ThreadId();
+    holder_tid = kp::ThreadId();
+    auto own = kp::NamedMutex::CreateOrOpen(name);
+    if (!own || own->Wait() != MW::kAcquired) return;
     held.Send('h');
     done.Receive();
+    own->Release();  // taken over meanwhile: gives up nothing
   });
   ASSERT_EQ(held.Receive(), 'h');
-  *image = MutexImage{tid, 0, kp::ThreadStartTime(tid)};
+  owner = *word & ~0x80000000u;
+  EXPECT_EQ(owner & 0x3FFFFFu, holder_tid);
+  EXPECT_NE(owner & kStampBits, 0u);
   EXPECT_EQ(m->Wait(150), MW::kTimeout);
-  image->start += 1;  // the id now names a thread younger than the owner
+  // The same id, but the stamp of a thread started at another time.
+  uint32_t stamp = (owner & kStampBits) >> 22;
+  *word = (owner & ~kStampBits) | ((stamp % 511 + 1) << 22);
+  EXPECT_EQ(m->Wait(kBoundMs), MW::kAbandoned);
+  m->Release();
+  *word = owner & ~kStampBits;  // a live thread's id without a stamp
   EXPECT_EQ(m->Wait(kBoundMs), MW::kAbandoned);
   m->Release();
   done.Send('d');
   holder.join();
+  EXPECT_EQ(*word, 0u);
 
   // This thread's own id with no hold counted: nobody's hold.
-  *image = MutexImage{kp::ThreadId(), 0, 0};
+  *word = kp::ThreadId() | (1u << 22);
   EXPECT_EQ(m->Wait(0), MW::kAbandoned);
   m->Release();
-  EXPECT_EQ(image->word, 0u);
+  EXPECT_EQ(*word, 0u);
 }
 
 TEST(Processes, AnEndedChildIsNotAliveEvenBeforeItIsReaped) {
