@@ -595,14 +595,20 @@ std::vector<std::string> FeatureNames(ga::INode* category) {
   return names;
 }
 
-int Describe(Camera& cam, const Args& names) {
+// Runs `each` on every named feature; a missing or failing one fails the
+// result but not the others.
+template <typename Each>
+int ForEachFeature(Camera& cam, const Args& names, Each&& each) {
   int rc = kDone;
   for (const std::string& name : names) {
     ga::INode* n = Find(cam, name);
-    if (!n) {
-      rc = kFailed;
-      continue;
-    }
+    if (int r = n ? each(n, name) : kFailed) rc = r;
+  }
+  return rc;
+}
+
+int Describe(Camera& cam, const Args& names) {
+  return ForEachFeature(cam, names, [](ga::INode* n, const std::string& name) -> int {
     auto line = [](const char* key, const std::string& text) {
       if (!text.empty()) std::printf("  %-12s %s\n", key, text.c_str());
     };
@@ -617,32 +623,21 @@ int Describe(Camera& cam, const Args& names) {
     if (Is(n, ga::intfICommand)) line("run with", "kivcam CAMERA exec " + name);
     line("description", n->GetDescription());
     if (n->GetToolTip() != n->GetDescription()) line("tool tip", n->GetToolTip());
-  }
-  return rc;
+    return kDone;
+  });
 }
 
 int Get(Camera& cam, const Args& names) {
-  int rc = kDone;
-  for (const std::string& name : names) {
-    ga::INode* n = Find(cam, name);
-    if (!n) {
-      rc = kFailed;
-      continue;
-    }
+  return ForEachFeature(cam, names, [](ga::INode* n, const std::string& name) -> int {
     if (Is(n, ga::intfICategory)) {
-      rc = Problem("%s is a category, not a value; its features: %s", name.c_str(),
-                   Join(FeatureNames(n), ", ").c_str());
-      continue;
+      return Problem("%s is a category, not a value; its features: %s", name.c_str(),
+                     Join(FeatureNames(n), ", ").c_str());
     }
-    if (Is(n, ga::intfICommand)) {
-      rc = Problem("%s is a command, not a value: run it with exec", name.c_str());
-      continue;
-    }
+    if (Is(n, ga::intfICommand)) return Problem("%s is a command, not a value: run it with exec", name.c_str());
     std::string v = ValueText(n);
     std::printf("%s = %s\n", name.c_str(), v.c_str());
-    if (v.rfind("<error", 0) == 0 || v == "-") rc = kFailed;
-  }
-  return rc;
+    return v.rfind("<error", 0) == 0 || v == "-" ? kFailed : kDone;
+  });
 }
 
 // Writes `value` into a number feature after checking it as the number it
