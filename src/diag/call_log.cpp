@@ -38,12 +38,12 @@ std::atomic<uint32_t> g_dropped{0};
 }  // namespace
 
 void OpenCallLog() {
-  g_area = &g_dummy_area;
+  __atomic_store_n(&g_area, &g_dummy_area, __ATOMIC_RELEASE);
   g_mutex = platform::NamedMutex::CreateOrOpen(KIVCAM_LOG_MUTEX_NAME).release();
   g_event = platform::NamedEvent::CreateOrOpen(KIVCAM_LOG_EVENT_NAME).release();
   g_mapping = platform::SharedMapping::CreateOrOpen(KIVCAM_LOG_MAPPING_NAME, kLogAreaSize).release();
   if (g_mutex && g_event && g_mapping && g_mapping->data()) {
-    g_area = static_cast<LogArea*>(g_mapping->data());
+    __atomic_store_n(&g_area, static_cast<LogArea*>(g_mapping->data()), __ATOMIC_RELEASE);
   }
 
   g_shared_mapping =
@@ -61,7 +61,7 @@ void OpenCallLog() {
 void CloseCallLog() {
   // The views stay mapped: a late line from another thread must not fault.
   // The area pointer falls back to level 0 first so no line races the close.
-  g_area = &g_dummy_area;
+  __atomic_store_n(&g_area, &g_dummy_area, __ATOMIC_RELEASE);
   if (g_mapping) g_mapping->Detach();
   if (g_shared_mapping) g_shared_mapping->Detach();
   delete g_mapping;
@@ -86,7 +86,7 @@ void WriteLineV(bool verbose, const char* fmt, va_list ap) {
     g_dropped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
-  LogArea* area = g_area;
+  LogArea* area = detail::Area();
   uint32_t pending = area->Pending;
   bool monitor = g_shared && __atomic_load_n(&g_shared->MonitorProcessId, __ATOMIC_RELAXED) ==
                                  platform::ProcessId();

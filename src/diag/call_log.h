@@ -25,17 +25,20 @@ void OpenCallLog();
 void CloseCallLog();
 
 namespace detail {
-extern LogArea* g_area;  // the shared area, or a private one of level 0
+// The shared area, or a private one of level 0. Threads still logging while
+// the process ends read it as the last thread switches it: atomic access.
+extern LogArea* g_area;
+inline LogArea* Area() { return __atomic_load_n(&g_area, __ATOMIC_ACQUIRE); }
 }
 
-inline LogArea* CurrentLogArea() { return detail::g_area; }
+inline LogArea* CurrentLogArea() { return detail::Area(); }
 SharedData* CurrentSharedData();  // null when it could not be mapped
 
 // The one test every line makes before anything else: a single memory read,
 // inlined at every call site.
 inline bool LogWanted(bool verbose) {
   // Read without the mutex: a new level takes effect at the next line.
-  uint32_t level = __atomic_load_n(&detail::g_area->Level, __ATOMIC_RELAXED);
+  uint32_t level = __atomic_load_n(&detail::Area()->Level, __ATOMIC_RELAXED);
   return level != 0 && (!verbose || level >= 2);
 }
 

@@ -40,10 +40,12 @@ std::string UsbEventName(uint32_t pid) { return KIVCAM_PROCESS_USB_EVENT_PREFIX 
 bool Exists(const std::string& name) { return Names().count(name) != 0; }
 
 // A library session in a child process: load, find the cameras (which makes
-// the per-process USB event), then unload or end the process with it loaded.
+// the per-process USB event) and unload; or load and end the process with
+// the library loaded, its producers not loaded (their threads would race
+// the producers' own end of process).
 int Session(bool unload) {
   auto* lib = new KivCamLibrary;
-  if (!lib->loaded() || !lib->KIVCAM_SetStructVersion(KIVCAM_LIBRARY_REVISION)) return 1;
+  if (!lib->loaded() || !lib->KIVCAM_SetStructVersion(unload ? KIVCAM_LIBRARY_REVISION : 0)) return 1;
   if (!unload) {
     setenv("KIVTEST_NO_LEAK_CHECK", "1", 1);
     std::exit(0);  // the process ends with the library loaded
