@@ -20,6 +20,8 @@ build: deps $(BUILD)/build.ninja
 # Installs what is missing, builds everything and runs every test.
 test: build
 	ctest --test-dir $(BUILD) $(CTEST_ARGS)
+	@[ -d ../shared/testdata/genicam ] || echo "make test: the tests on real camera descriptions were skipped:" \
+	  "there is no ../shared/testdata/genicam beside this checkout"
 	@if [ -x scripts/fuzz-smoke.sh ]; then scripts/fuzz-smoke.sh; fi
 
 # The main job: the command-line tool against the virtual cameras.

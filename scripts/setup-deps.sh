@@ -5,7 +5,8 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
-      libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev)
+      libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev
+      libreadline-dev)
 if [[ "${1:-}" == "--bench" ]]; then
   pkgs+=(libbenchmark-dev libopencv-dev)
 fi

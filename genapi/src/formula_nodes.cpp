@@ -243,6 +243,7 @@ class CFormulaFace<Base, true> : public Base, public IFloat, public CSelectorFac
   }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
   void SetValue(double v, bool verify) override {
+    CheckFinite(this, v);
     std::lock_guard<std::recursive_mutex> l(this->map_->GetLock());
     this->Write(FormulaValue::Float(v), verify);
     this->CheckErrors();

@@ -391,6 +391,7 @@ class CFloatRegNode : public CRegisterBase, public IFloat {
     WriteBytes(b, len);
   }
   void SetValue(double v, bool verify) override {
+    CheckFinite(this, v);
     KIV_LOCK();
     Write(v, verify);
     CheckErrors();

@@ -32,6 +32,12 @@ void CheckIntRange(const CNode* n, int64_t v, int64_t min, int64_t max, int64_t 
                                              std::to_string(inc));
 }
 
+void CheckFinite(const CNode* n, double v) {
+  if (!std::isfinite(v))
+    KIV_THROW(InvalidArgumentException, n->name(),
+              "Value " + FormatDouble(v) + " of node '" + n->name() + "' is not a finite number");
+}
+
 void CheckFloatRange(const CNode* n, double v, double min, double max) {
   const std::string& name = n->name();
   if (v < min)
@@ -321,6 +327,7 @@ class CFloatNode : public CNumberNode<true>, public IFloat, public CSelectorFace
   }
   EInterfaceType GetPrincipalInterfaceType() const override { return intfIFloat; }
   void SetValue(double v, bool verify) override {
+    CheckFinite(this, v);
     KIV_LOCK();
     Write(FormulaValue::Float(v), verify);
     CheckErrors();

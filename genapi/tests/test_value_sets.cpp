@@ -1,6 +1,8 @@
 // Mirrored values (pValueCopy) and lists of valid values.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "fake_port.h"
 
 using namespace KivGenApi;
@@ -143,6 +145,30 @@ TEST(EnumNumericValue, FloatsReadNumericValuesAndWriteTheNearestAvailableEntry) 
   EXPECT_DOUBLE_EQ(hz->GetValue(), 100);
   f.port.PokeU32BE(0, 0x09000000);  // a value with no entry
   EXPECT_THROW(hz->GetValue(false, true), InvalidArgumentException);
+}
+
+// NaN passes every comparison with a range, and an infinity is above no
+// DBL_MAX-less maximum: neither reaches a float node, verified or not.
+TEST(FloatValues, NonFiniteValuesAreRefusedByEveryFloatNode) {
+  Fixture f(R"(
+    <Float Name="Plain"><Value>1</Value></Float>
+    <FloatReg Name="Reg"><Address>0</Address><Length>8</Length><AccessMode>RW</AccessMode><pPort>Device</pPort>
+      <Endianess>LittleEndian</Endianess></FloatReg>
+    <Converter Name="Conv"><FormulaTo>FROM*2</FormulaTo><FormulaFrom>TO/2</FormulaFrom><pValue>Reg</pValue></Converter>)");
+  CFloatPtr reg(f.Node("Reg"));
+  reg->SetValue(1.5);
+  for (const char* name : {"Plain", "Reg", "Conv"}) {
+    CFloatPtr node(f.Node(name));
+    const double before = node->GetValue();
+    for (double bad : {NAN, INFINITY, -INFINITY}) {
+      EXPECT_THROW(node->SetValue(bad), InvalidArgumentException) << name << " " << bad;
+      EXPECT_THROW(node->SetValue(bad, false), InvalidArgumentException) << name << " " << bad;
+    }
+    for (const char* text : {"nan", "-inf", "1e999"}) {
+      EXPECT_THROW(node->FromString(text), InvalidArgumentException) << name << " " << text;
+    }
+    EXPECT_EQ(node->GetValue(), before) << name;
+  }
 }
 
 }  // namespace

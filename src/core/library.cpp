@@ -1,7 +1,6 @@
 // Start-up and shut-down of the library in a process: the shared-library
 // constructor and destructor play the loader's attach and detach.
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -9,6 +8,7 @@
 #include "core/kivcam_dll.h"
 #include "core/process_table.h"
 #include "diag/call_log.h"
+#include "diag/process_objects.h"
 #include "platform/platform.h"
 
 extern "C" int __cxa_atexit(void (*fn)(void*), void* arg, void* dso);
@@ -57,10 +57,7 @@ void RegisterExitHandler() { __cxa_atexit(OnProcessExit, nullptr, &__dso_handle)
 
 __attribute__((constructor)) void LibraryAttach() {
   RegisterExitHandler();
-  char name[256];
-  std::snprintf(name, sizeof name, "%s_%d_%d", "KIVCAMOutFilterMutex_Orvanta",
-                static_cast<int>(platform::ProcessId()), 3);
-  g_filter_mutex = platform::NamedMutex::CreateOrOpen(name).release();
+  g_filter_mutex = platform::NamedMutex::CreateOrOpen(diag::FilterMutexName(platform::ProcessId())).release();
 
   // The OpenMP runtime keeps its thread pool after a parallel conversion and
   // cannot be unloaded under it: it stays when the library goes.
@@ -69,6 +66,7 @@ __attribute__((constructor)) void LibraryAttach() {
   diag::OpenCallLog();
   diag::LogLoad("DLL ATTACH");
   RegisterProcess();
+  diag::ReclaimProcessObjects();  // of processes that ended without unloading
   StartMonitor();
 
   try {
@@ -88,6 +86,7 @@ __attribute__((destructor)) void LibraryDetach() {
   diag::LogLoad("DLL DETACH");
   delete g_filter_mutex;
   g_filter_mutex = nullptr;
+  diag::RemoveProcessObjects(platform::ProcessId());
   diag::CloseCallLog();
 }
 

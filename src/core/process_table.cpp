@@ -15,8 +15,12 @@ ProcessTable* Table() {
   return g_mapping ? static_cast<ProcessTable*>(g_mapping->data()) : nullptr;
 }
 
+// The table is open to every process of the machine: a holder that never
+// lets go costs this process its entry, never its start-up or its end.
+constexpr uint32_t kTableWaitMs = 2000;
+
 bool Lock() {
-  platform::MutexWait w = g_mutex->Wait(platform::kInfinite);
+  platform::MutexWait w = g_mutex->Wait(kTableWaitMs);
   return w == platform::MutexWait::kAcquired || w == platform::MutexWait::kAbandoned;
 }
 
@@ -29,11 +33,17 @@ void RegisterProcess() {
   ProcessTable* t = Table();
   if (!g_mutex || !g_event || !t) return;
   if (!Lock()) return;
-  uint32_t count = t->Count;
-  if (count < kProcessTableCapacity) {
-    t->ProcessId[count] = platform::ProcessId();
-    t->Count = count + 1;
+  // Entries of processes that ended without unloading (killed) go, so the
+  // table lists running processes and does not fill up with dead ones.
+  const uint32_t self = platform::ProcessId();
+  uint32_t count = t->Count < kProcessTableCapacity ? t->Count : kProcessTableCapacity;
+  uint32_t kept = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t pid = t->ProcessId[i];
+    if (pid != self && platform::ProcessAlive(pid)) t->ProcessId[kept++] = pid;
   }
+  if (kept < kProcessTableCapacity) t->ProcessId[kept++] = self;
+  t->Count = kept;
   g_mutex->Release();
   g_event->Set();
 }

@@ -1,5 +1,6 @@
 #include "diag/call_log.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -28,22 +29,29 @@ platform::NamedEvent* g_event = nullptr;
 platform::SharedMapping* g_mapping = nullptr;
 platform::SharedMapping* g_shared_mapping = nullptr;
 
+// The mutex guards one line at a time: only a holder that is stuck (or an
+// object someone scribbled on) makes a line wait this long, and then the
+// line is dropped rather than the caller held up.
+constexpr uint32_t kLogWaitMs = 500;
+std::atomic<uint32_t> g_dropped{0};
+
 }  // namespace
 
 void OpenCallLog() {
-  g_area = &g_dummy_area;
+  __atomic_store_n(&g_area, &g_dummy_area, __ATOMIC_RELEASE);
   g_mutex = platform::NamedMutex::CreateOrOpen(KIVCAM_LOG_MUTEX_NAME).release();
   g_event = platform::NamedEvent::CreateOrOpen(KIVCAM_LOG_EVENT_NAME).release();
   g_mapping = platform::SharedMapping::CreateOrOpen(KIVCAM_LOG_MAPPING_NAME, kLogAreaSize).release();
   if (g_mutex && g_event && g_mapping && g_mapping->data()) {
-    g_area = static_cast<LogArea*>(g_mapping->data());
+    __atomic_store_n(&g_area, static_cast<LogArea*>(g_mapping->data()), __ATOMIC_RELEASE);
   }
 
   g_shared_mapping =
       platform::SharedMapping::CreateOrOpen(KIVCAM_SHARED_DATA_NAME, kSharedDataSize).release();
   if (g_shared_mapping && g_shared_mapping->data()) {
     g_shared = static_cast<SharedData*>(g_shared_mapping->data());
-    if (!g_shared_mapping->already_existed()) {
+    // Also when a monitor made the mapping before any library was loaded.
+    if (!g_shared_mapping->already_existed() || g_shared->BuildDate[0] == '\0') {
       // The compiler's date form, e.g. "Nov 22 2026".
       std::snprintf(g_shared->BuildDate, sizeof g_shared->BuildDate, "%s", __DATE__);
     }
@@ -53,7 +61,7 @@ void OpenCallLog() {
 void CloseCallLog() {
   // The views stay mapped: a late line from another thread must not fault.
   // The area pointer falls back to level 0 first so no line races the close.
-  g_area = &g_dummy_area;
+  __atomic_store_n(&g_area, &g_dummy_area, __ATOMIC_RELEASE);
   if (g_mapping) g_mapping->Detach();
   if (g_shared_mapping) g_shared_mapping->Detach();
   delete g_mapping;
@@ -67,20 +75,24 @@ void CloseCallLog() {
 
 SharedData* CurrentSharedData() { return g_shared; }
 
+uint32_t DroppedLines() { return g_dropped.load(std::memory_order_relaxed); }
+
 void WriteLineV(bool verbose, const char* fmt, va_list ap) {
   if (!LogWanted(verbose) || !g_mutex) return;
-  platform::MutexWait w = g_mutex->Wait(platform::kInfinite);
+  platform::MutexWait w = g_mutex->Wait(kLogWaitMs);
   if (w != platform::MutexWait::kAcquired) {
     // An owner that died mid-line: drop this line, leave the mutex usable.
     if (w == platform::MutexWait::kAbandoned) g_mutex->Release();
+    g_dropped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
-  LogArea* area = g_area;
+  LogArea* area = detail::Area();
   uint32_t pending = area->Pending;
   bool monitor = g_shared && __atomic_load_n(&g_shared->MonitorProcessId, __ATOMIC_RELAXED) ==
                                  platform::ProcessId();
   if (monitor || pending >= kLogSlots) {
     g_mutex->Release();
+    if (!monitor) g_dropped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   char* slot = area->Line[pending];

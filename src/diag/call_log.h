@@ -25,23 +25,30 @@ void OpenCallLog();
 void CloseCallLog();
 
 namespace detail {
-extern LogArea* g_area;  // the shared area, or a private one of level 0
+// The shared area, or a private one of level 0. Threads still logging while
+// the process ends read it as the last thread switches it: atomic access.
+extern LogArea* g_area;
+inline LogArea* Area() { return __atomic_load_n(&g_area, __ATOMIC_ACQUIRE); }
 }
 
-inline LogArea* CurrentLogArea() { return detail::g_area; }
+inline LogArea* CurrentLogArea() { return detail::Area(); }
 SharedData* CurrentSharedData();  // null when it could not be mapped
 
 // The one test every line makes before anything else: a single memory read,
 // inlined at every call site.
 inline bool LogWanted(bool verbose) {
   // Read without the mutex: a new level takes effect at the next line.
-  uint32_t level = __atomic_load_n(&detail::g_area->Level, __ATOMIC_RELAXED);
+  uint32_t level = __atomic_load_n(&detail::Area()->Level, __ATOMIC_RELAXED);
   return level != 0 && (!verbose || level >= 2);
 }
 
 // Formats "<local time>  " + fmt into the next slot. `fmt` is the part of the
 // line after the time; pointers must be passed through Ptr() and printed
 // with KIVCAM_PTR so that they read like the Windows rendering.
+// Lines this process wanted to write but dropped: the log was full, or its
+// mutex could not be had within a bounded wait.
+uint32_t DroppedLines();
+
 void WriteLine(bool verbose, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void WriteLineV(bool verbose, const char* fmt, va_list ap);
 

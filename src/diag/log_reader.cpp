@@ -9,6 +9,7 @@ namespace kivcam::diag {
 
 namespace {
 const char kInstanceMutex[] = "KIVCAMMonitorInstance_Orvanta";
+constexpr uint32_t kReadWaitMs = 1000;
 
 bool Owned(platform::MutexWait w) {
   return w == platform::MutexWait::kAcquired || w == platform::MutexWait::kAbandoned;
@@ -47,7 +48,9 @@ std::vector<std::string> LogReader::Peek() { return Read(false); }
 
 std::vector<std::string> LogReader::Read(bool take) {
   std::vector<std::string> lines;
-  if (!impl_->area || !Owned(impl_->mutex->Wait(platform::kInfinite))) return lines;
+  // Bounded: a holder that never lets go (or a scribbled mutex object) costs
+  // one round of lines, never the reader itself.
+  if (!impl_->area || !Owned(impl_->mutex->Wait(kReadWaitMs))) return lines;
   LogArea* area = impl_->area;
   uint32_t pending = area->Pending;
   if (pending > kLogSlots) pending = kLogSlots;
@@ -85,5 +88,15 @@ bool MonitorInstance::TryAcquire() {
 }
 
 uint32_t CurrentProcessId() { return platform::ProcessId(); }
+
+bool AnnounceMonitor(std::string* build_date) {
+  auto shared = platform::SharedMapping::CreateOrOpen(KIVCAM_SHARED_DATA_NAME, kSharedDataSize);
+  if (!shared || !shared->data()) return false;
+  auto* data = static_cast<SharedData*>(shared->data());
+  __atomic_store_n(&data->MonitorProcessId, platform::ProcessId(), __ATOMIC_RELAXED);
+  // Anyone may have written there: the date is read within its field.
+  build_date->assign(data->BuildDate, strnlen(data->BuildDate, sizeof data->BuildDate));
+  return true;
+}
 
 }  // namespace kivcam::diag

@@ -55,4 +55,10 @@ class MonitorInstance {
 // This process's id as the call log writes it.
 uint32_t CurrentProcessId();
 
+// What KIVCAM_LogCommonAreaGet does for a monitor, without the library:
+// tells every process that this one is the monitor (they then write no line
+// for it) and reads the library's build date. False when the shared data
+// can't be opened.
+bool AnnounceMonitor(std::string* build_date);
+
 }  // namespace kivcam::diag

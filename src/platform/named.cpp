@@ -4,8 +4,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -13,16 +16,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#if defined(__SANITIZE_THREAD__)
-#define KIVCAM_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define KIVCAM_TSAN 1
-#endif
-#endif
-#ifdef KIVCAM_TSAN
-#include <sanitizer/tsan_interface.h>
-#endif
+#include <vector>
 
 namespace kivcam::platform {
 
@@ -35,6 +29,25 @@ constexpr char kShmDir[] = "/dev/shm";
 // One pipe page: a single read then always takes every pending byte, so any
 // number of Sets is consumed by one waiter.
 constexpr int kEventPipeBytes = 4096;
+
+// Who may use the objects this process creates: the owner and a group by
+// default. KIVCAM_IPC_ACCESS=owner|group|all narrows or widens that, and
+// KIVCAM_IPC_GROUP names the group (else the creator's own), so the users of
+// a shared camera machine can meet in one group of their choice.
+void ApplyAccess(int fd) {
+  const char* access = std::getenv("KIVCAM_IPC_ACCESS");
+  mode_t mode = 0660;
+  if (access && std::strcmp(access, "owner") == 0) mode = 0600;
+  if (access && std::strcmp(access, "all") == 0) mode = 0666;
+  if (const char* group = std::getenv("KIVCAM_IPC_GROUP"); group && *group) {
+    struct group g, *found = nullptr;
+    char buf[4096];
+    if (getgrnam_r(group, &g, buf, sizeof buf, &found) == 0 && found) {
+      (void)!fchown(fd, static_cast<uid_t>(-1), found->gr_gid);  // refused unless we are a member
+    }
+  }
+  fchmod(fd, mode);  // the umask must not decide who may open it
+}
 
 struct ShmView {
   int fd = -1;
@@ -50,7 +63,7 @@ bool OpenShm(const std::string& os_name, size_t size, ShmView* out) {
   bool existed = false;
   // The object can vanish between a failed exclusive create and the open.
   for (int attempt = 0; attempt < 4 && fd < 0; ++attempt) {
-    fd = shm_open(os_name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    fd = shm_open(os_name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     existed = false;
     if (fd < 0 && errno == EEXIST) {
       fd = shm_open(os_name.c_str(), O_RDWR | O_CLOEXEC, 0);
@@ -59,7 +72,7 @@ bool OpenShm(const std::string& os_name, size_t size, ShmView* out) {
     if (fd < 0 && errno != ENOENT) break;
   }
   if (fd < 0) return false;
-  if (!existed) fchmod(fd, 0666);  // the umask must not lock other users' processes out
+  if (!existed) ApplyAccess(fd);
   // The creator sizes the object right after creating it. An opener that
   // comes in between sizes it itself (everyone asks for the documented size),
   // so nobody maps past the end of the object.
@@ -93,6 +106,24 @@ std::string MachineWideName(const std::string& name) {
     if (os_name[i] == '/') os_name[i] = '_';
   }
   return os_name;
+}
+
+std::vector<std::string> ListMachineWideNames() {
+  std::vector<std::string> names;
+  DIR* dir = opendir(kShmDir);
+  if (!dir) return names;
+  const char* ns = std::getenv("KIVCAM_IPC_NAMESPACE");
+  const std::string suffix = ns ? ns : "";
+  while (dirent* e = readdir(dir)) {
+    std::string name = e->d_name;
+    if (name == "." || name == ".." || name.size() <= suffix.size() ||
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+      continue;
+    }
+    names.push_back(name.substr(0, name.size() - suffix.size()));
+  }
+  closedir(dir);
+  return names;
 }
 
 void RemoveMachineWideName(const std::string& name) {
@@ -139,128 +170,181 @@ void* SharedMapping::Detach() {
 
 namespace {
 
-// The shared-memory object of a named mutex. The owner fields make it
-// re-entrant by its owning thread, like a Windows mutex; a thread id is unique
-// machine-wide only together with its process.
+// The shared-memory object of a named mutex. It holds integers only, so
+// whatever another process writes into it can cost a wait, never a stray
+// pointer; all zero is a free mutex, so a new object needs no set-up.
+//
+// The owner is named in one word, taken and given back with one atomic
+// operation: bits 0-21 its thread id (Linux ids stay below 2^22), bits 22-30
+// a stamp of that thread's start time (1 to 511, never 0, so a word without
+// a stamp names nobody), bit 31 set while someone may sleep on the word. The
+// stamp tells a live owner from a later thread that got the same id.
 struct MutexBlock {
-  std::atomic<uint32_t> ready;  // 0 until the creator has initialised `mutex`
-  std::atomic<uint32_t> owner_pid;
-  std::atomic<uint32_t> owner_tid;
-  uint32_t depth;  // touched by the owner only
-  pthread_mutex_t mutex;
+  std::atomic<uint32_t> word;
+  uint32_t reserved[3];
 };
 static_assert(std::atomic<uint32_t>::is_always_lock_free, "shared atomics must be lock-free");
 
-// How long an opener waits for a creator that is initialising the mutex.
-constexpr uint32_t kInitWaitMs = 5000;
+constexpr uint32_t kWaiters = 0x80000000u;
+constexpr uint32_t kTidMask = 0x003FFFFFu;
+constexpr int kStampShift = 22;
+constexpr uint32_t kStampMask = 0x1FFu;
+// A waiter looks at the owner once per slice: a holder that ended (or an
+// owner word that names nobody) is found within this time.
+constexpr uint32_t kSliceMs = 50;
 
-bool WaitUntilReady(MutexBlock* b) {
-  for (uint32_t waited = 0; waited < kInitWaitMs; waited += 100) {
-    if (b->ready.load(std::memory_order_acquire)) return true;
-    timespec slice{0, 100 * 1000 * 1000};
-    Futex(&b->ready, FUTEX_WAIT, 0, &slice);
+uint32_t Stamp(uint64_t start) {
+  return 1 + static_cast<uint32_t>(((start + 1) * 0x9E3779B97F4A7C15ull) >> 40) % kStampMask;
+}
+
+uint32_t Stamped(uint32_t tid, uint64_t start) { return tid | Stamp(start) << kStampShift; }
+
+// True when the owner the word names is no live thread: no stamp, no thread
+// of that id, or a thread of that id that started at another time.
+bool OwnerGone(uint32_t word) {
+  const uint32_t tid = word & kTidMask, stamp = (word >> kStampShift) & kStampMask;
+  if (stamp == 0 || ThreadGone(tid, 0)) return true;
+  uint64_t start = ThreadStartTime(tid);
+  // Unreadable (another user's thread under hidepid): it exists, so it lives.
+  return start != 0 && Stamp(start) != stamp;
+}
+
+// Re-entrancy is counted by the owning thread itself, never in the shared
+// block, so a scribbled block cannot make a holder keep the mutex forever.
+struct Held {
+  uint64_t dev, ino;
+  uint32_t depth;
+};
+constexpr int kMaxHeld = 16;
+thread_local Held t_held[kMaxHeld];
+
+Held* FindHeld(uint64_t dev, uint64_t ino) {
+  for (Held& h : t_held) {
+    if (h.depth && h.dev == dev && h.ino == ino) return &h;
   }
-  return b->ready.load(std::memory_order_acquire) != 0;
+  return nullptr;
 }
 
-bool InitMutex(MutexBlock* b) {
-  pthread_mutexattr_t attr;
-  if (pthread_mutexattr_init(&attr) != 0) return false;
-  pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-  int r = pthread_mutex_init(&b->mutex, &attr);
-  pthread_mutexattr_destroy(&attr);
-  if (r != 0) return false;
-  b->ready.store(1, std::memory_order_release);
-  Futex(&b->ready, FUTEX_WAKE, INT32_MAX, nullptr);
-  return true;
+Held* FreeHeld() {
+  for (Held& h : t_held) {
+    if (!h.depth) return &h;
+  }
+  return nullptr;
 }
 
-bool OwnedByCaller(const MutexBlock* b) {
-  return b->owner_tid.load(std::memory_order_relaxed) == ThreadId() &&
-         b->owner_pid.load(std::memory_order_relaxed) == ProcessId();
+// This thread's owner word, made once per thread; kept with the id it was
+// made for, since a forked child inherits the parent thread's copy.
+thread_local uint32_t t_self_tid = 0;
+thread_local uint32_t t_self_word = 0;
+
+uint32_t SelfWord() {
+  const uint32_t me = ThreadId();
+  if (t_self_tid != me) {
+    t_self_word = Stamped(me, ThreadStartTime(me));
+    t_self_tid = me;
+  }
+  return t_self_word;
+}
+
+uint64_t MonotonicMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
 }
 
 }  // namespace
 
 struct NamedMutex::Impl {
   MutexBlock* block = nullptr;
+  uint64_t dev = 0, ino = 0;  // which object, whatever handle names it
 };
 
 std::unique_ptr<NamedMutex> NamedMutex::CreateOrOpen(const std::string& name) {
   ShmView view;
   if (!OpenShm(MachineWideName(name), sizeof(MutexBlock), &view)) return nullptr;
+  struct stat st;
+  int r = fstat(view.fd, &st);
   close(view.fd);
-  auto* block = static_cast<MutexBlock*>(view.data);
-  if (view.existed ? !WaitUntilReady(block) : !InitMutex(block)) {
+  if (r != 0) {
     munmap(view.data, sizeof(MutexBlock));
     return nullptr;
   }
   std::unique_ptr<NamedMutex> m(new NamedMutex);
   m->impl_.reset(new Impl);
-  m->impl_->block = block;
+  m->impl_->block = static_cast<MutexBlock*>(view.data);
+  m->impl_->dev = static_cast<uint64_t>(st.st_dev);
+  m->impl_->ino = static_cast<uint64_t>(st.st_ino);
   return m;
 }
 
-NamedMutex::~NamedMutex() {
-  // A mutex this thread still holds stays mapped: the kernel must find it at
-  // thread exit to hand it to the next waiter as abandoned.
-  if (!OwnedByCaller(impl_->block)) munmap(impl_->block, sizeof(MutexBlock));
-}
+NamedMutex::~NamedMutex() { munmap(impl_->block, sizeof(MutexBlock)); }
 
 MutexWait NamedMutex::Wait(uint32_t timeout_ms) {
   MutexBlock* b = impl_->block;
-  if (OwnedByCaller(b)) {
-    ++b->depth;
-    return MutexWait::kAcquired;
-  }
-  int r;
-  if (timeout_ms == kInfinite) {
-    r = pthread_mutex_lock(&b->mutex);
-  } else if (timeout_ms == 0) {
-    r = pthread_mutex_trylock(&b->mutex);
-    if (r == EBUSY) r = ETIMEDOUT;
-  } else {
-    timespec until;
-    clock_gettime(CLOCK_REALTIME, &until);
-    until.tv_sec += timeout_ms / 1000;
-    until.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
-    if (until.tv_nsec >= 1000000000L) {
-      until.tv_sec += 1;
-      until.tv_nsec -= 1000000000L;
+  const uint32_t me = SelfWord();
+  if (Held* h = FindHeld(impl_->dev, impl_->ino)) {
+    if ((b->word.load(std::memory_order_relaxed) & ~kWaiters) == me) {
+      ++h->depth;
+      return MutexWait::kAcquired;
     }
-    r = pthread_mutex_timedlock(&b->mutex, &until);
-#ifdef KIVCAM_TSAN
-    // The race detector's timed lock does not count an abandoned mutex as
-    // taken, and would then report our unlock as one of an unlocked mutex.
-    if (r == EOWNERDEAD) {
-      __tsan_mutex_pre_lock(&b->mutex, __tsan_mutex_try_lock);
-      __tsan_mutex_post_lock(&b->mutex, __tsan_mutex_try_lock, 0);
-    }
-#endif
+    h->depth = 0;  // someone took it from us: the count is stale
   }
+  Held* slot = FreeHeld();
+  if (!slot) return MutexWait::kFailed;
+
+  const uint64_t deadline = timeout_ms == kInfinite ? 0 : MonotonicMs() + timeout_ms;
+  uint32_t waiters = 0;  // once we have slept, others may be asleep too
+  uint32_t watched = 0;  // the owner word seen at the previous look
   MutexWait result = MutexWait::kAcquired;
-  if (r == EOWNERDEAD) {
-    pthread_mutex_consistent(&b->mutex);
-    result = MutexWait::kAbandoned;
-  } else if (r == ETIMEDOUT) {
-    return MutexWait::kTimeout;
-  } else if (r != 0) {
-    return MutexWait::kFailed;
+  for (;;) {
+    uint32_t w = b->word.load(std::memory_order_relaxed);
+    uint32_t owner = w & ~kWaiters;
+    if (owner == 0) {
+      if (b->word.compare_exchange_weak(w, me | waiters | (w & kWaiters), std::memory_order_acquire)) break;
+      continue;
+    }
+    // The same owner for a whole slice (or a wait that must not block): take
+    // the mutex over when that owner is gone. This thread named as owner
+    // without a hold it counted is nobody's hold either.
+    if (owner == watched || timeout_ms == 0 || (owner & kTidMask) == (me & kTidMask)) {
+      if (((owner & kTidMask) == (me & kTidMask) || OwnerGone(owner)) &&
+          b->word.compare_exchange_strong(w, me | waiters | (w & kWaiters), std::memory_order_acquire)) {
+        result = MutexWait::kAbandoned;
+        break;
+      }
+    }
+    watched = owner;
+    uint32_t slice = kSliceMs;
+    if (timeout_ms != kInfinite) {
+      uint64_t now = MonotonicMs();
+      if (now >= deadline) return MutexWait::kTimeout;
+      if (deadline - now < slice) slice = static_cast<uint32_t>(deadline - now);
+    }
+    if (!(w & kWaiters) && !b->word.compare_exchange_weak(w, w | kWaiters, std::memory_order_relaxed)) {
+      continue;
+    }
+    timespec rel{0, static_cast<long>(slice) * 1000000L};
+    Futex(&b->word, FUTEX_WAIT, w | kWaiters, &rel);
+    waiters = kWaiters;
   }
-  b->depth = 1;
-  b->owner_pid.store(ProcessId(), std::memory_order_relaxed);
-  b->owner_tid.store(ThreadId(), std::memory_order_relaxed);
+  *slot = Held{impl_->dev, impl_->ino, 1};
   return result;
 }
 
 void NamedMutex::Release() {
   MutexBlock* b = impl_->block;
-  if (!OwnedByCaller(b)) return;  // like ReleaseMutex by a non-owner: refused
-  if (--b->depth > 0) return;
-  b->owner_tid.store(0, std::memory_order_relaxed);
-  b->owner_pid.store(0, std::memory_order_relaxed);
-  pthread_mutex_unlock(&b->mutex);
+  Held* h = FindHeld(impl_->dev, impl_->ino);
+  if (!h) return;  // like ReleaseMutex by a non-owner: refused
+  if (--h->depth > 0) return;
+  const uint32_t me = SelfWord();
+  uint32_t w = b->word.load(std::memory_order_relaxed);
+  // Only our own ownership is given up; one taken from us stays with its taker.
+  while ((w & ~kWaiters) == me) {
+    if (b->word.compare_exchange_weak(w, 0, std::memory_order_release)) {
+      if (w & kWaiters) Futex(&b->word, FUTEX_WAKE, 1, nullptr);
+      return;
+    }
+  }
 }
 
 // ---- NamedEvent --------------------------------------------------------------
@@ -274,18 +358,17 @@ struct NamedEvent::Impl {
 
 std::unique_ptr<NamedEvent> NamedEvent::CreateOrOpen(const std::string& name) {
   const std::string path = kShmDir + MachineWideName(name);
-  if (mkfifo(path.c_str(), 0666) == 0) {
-    chmod(path.c_str(), 0666);  // the umask must not lock other users' processes out
-  } else if (errno != EEXIST) {
-    return nullptr;
-  }
-  int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  bool created = mkfifo(path.c_str(), 0600) == 0;
+  if (!created && errno != EEXIST) return nullptr;
+  // Never through a link someone planted under the name.
+  int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return nullptr;
   struct stat st;
   if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
     close(fd);
     return nullptr;
   }
+  if (created) ApplyAccess(fd);
   // Fails harmlessly while more than a page is pending from earlier Sets.
   fcntl(fd, F_SETPIPE_SZ, kEventPipeBytes);
   std::unique_ptr<NamedEvent> e(new NamedEvent);

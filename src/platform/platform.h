@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kivcam::platform {
 
@@ -85,8 +86,10 @@ int WaitAny(Waitable* const* objects, size_t count, uint32_t timeout_ms);
 // ---- machine-wide named objects ---------------------------------------------
 enum class MutexWait { kAcquired, kAbandoned, kTimeout, kFailed };
 
-// Machine-wide mutex (robust, process-shared). A holder that died is reported
-// as kAbandoned; the caller then owns the mutex, as on Windows.
+// Machine-wide mutex, re-entrant by its owning thread. A holder that ended
+// (or an owner recorded in the object that is no live thread) is reported as
+// kAbandoned; the caller then owns the mutex, as on Windows. Whatever is
+// written into the object, a wait ends by its time limit.
 class NamedMutex {
  public:
   static std::unique_ptr<NamedMutex> CreateOrOpen(const std::string& name);
@@ -117,6 +120,8 @@ class NamedEvent : public Waitable {
 };
 
 // Machine-wide shared memory, zero-filled when new, mapped read-write.
+// Machine-wide objects are made for their owner and a group (see
+// KIVCAM_IPC_ACCESS and KIVCAM_IPC_GROUP in the README).
 class SharedMapping {
  public:
   static std::unique_ptr<SharedMapping> CreateOrOpen(const std::string& name, size_t size);
@@ -137,6 +142,11 @@ class SharedMapping {
 // The machine-wide object name as the operating system sees it: the
 // documented name plus the KIVCAM_IPC_NAMESPACE suffix.
 std::string MachineWideName(const std::string& name);
+
+// The machine-wide names present in this process's namespace, as documented
+// names (the KIVCAM_IPC_NAMESPACE suffix taken off). With no namespace set
+// this is every name, other programs' included: callers match their own.
+std::vector<std::string> ListMachineWideNames();
 
 // Removes the machine-wide name (mapping, mutex or event) so that the next
 // CreateOrOpen makes a fresh object; objects already open keep working.
@@ -194,6 +204,15 @@ struct LocalTime {
 LocalTime GetLocalTime();
 
 // ---- environment, files, processes -----------------------------------------
+// Start time of a thread (an opaque number that differs for a later thread of
+// the same id), or 0 when it cannot be read.
+uint64_t ThreadStartTime(uint32_t tid);
+// True when no thread of that id runs any more (ended, or ended and not yet
+// reaped), or the id now belongs to a thread started at another time than
+// `start` (0: any). Processes are threads: their id is their first thread's.
+bool ThreadGone(uint32_t tid, uint64_t start);
+bool ProcessAlive(uint32_t pid);
+
 // The variable's value, or empty with found=false.
 std::string GetEnv(const char* name, bool* found = nullptr);
 // The monitor program configured for this machine (KIVCAM_MONITORPATH), or empty.

@@ -2,7 +2,13 @@
 #include "platform/platform.h"
 
 #include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,6 +49,74 @@ bool StartProcess(const std::string& path) {
   // outcome is then unknown and the start is taken as done.
   if (r < 0) return errno == ECHILD;
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+namespace {
+
+// State letter and start time (clock ticks since boot) of a thread, from
+// /proc/<tid>/stat. False when the file cannot be read.
+bool ReadThreadStat(uint32_t tid, char* state, uint64_t* start) {
+  char path[48];
+  std::snprintf(path, sizeof path, "/proc/%u/stat", tid);
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buf[1024];
+  ssize_t n;
+  do {
+    n = read(fd, buf, sizeof buf - 1);
+  } while (n < 0 && errno == EINTR);
+  close(fd);
+  if (n <= 0) return false;
+  buf[n] = '\0';
+  // The command name may hold anything, blanks and parentheses included:
+  // the fields start after its last closing parenthesis.
+  const char* p = std::strrchr(buf, ')');
+  if (!p || p[1] != ' ') return false;
+  p += 2;
+  *state = *p;
+  // Field 22 is the start time; the state is field 3.
+  for (int field = 3; field < 22; ++field) {
+    p = std::strchr(p, ' ');
+    if (!p) return false;
+    ++p;
+  }
+  *start = std::strtoull(p, nullptr, 10);
+  return true;
+}
+
+}  // namespace
+
+uint64_t ThreadStartTime(uint32_t tid) {
+  char state;
+  uint64_t start = 0;
+  return ReadThreadStat(tid, &state, &start) ? start : 0;
+}
+
+bool ThreadGone(uint32_t tid, uint64_t start) {
+  if (tid == 0 || tid > static_cast<uint32_t>(INT_MAX)) return true;
+  if (kill(static_cast<pid_t>(tid), 0) != 0 && errno == ESRCH) return true;
+  char state;
+  uint64_t now_start;
+  // Unreadable (another user's thread under hidepid): it exists, so it lives.
+  if (!ReadThreadStat(tid, &state, &now_start)) return false;
+  if (state == 'Z' || state == 'X') return true;  // ended, not yet reaped
+  return start != 0 && now_start != start;        // the id went to a newer thread
+}
+
+bool ProcessAlive(uint32_t pid) {
+  if (!ThreadGone(pid, 0)) return true;
+  if (pid == 0 || pid > static_cast<uint32_t>(INT_MAX)) return false;
+  // A first thread that ended while others run leaves the process alive.
+  char path[48];
+  std::snprintf(path, sizeof path, "/proc/%u/task", pid);
+  DIR* dir = opendir(path);
+  if (!dir) return false;
+  int threads = 0;
+  while (dirent* e = readdir(dir)) {
+    if (e->d_name[0] != '.') ++threads;
+  }
+  closedir(dir);
+  return threads > 1;
 }
 
 std::string PathAppend(const std::string& dir, const std::string& component) {

@@ -2,7 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <utility>
 #include <string>
 
 namespace {
@@ -12,8 +17,9 @@ struct Result {
   std::string out;
 };
 
-Result Kivcam(const std::string& args) {
-  std::string cmd = std::string(KIVCAM_CLI) + " " + args + " 2>&1";
+// Runs a shell command line, stdout and stderr together.
+Result RunLine(const std::string& line) {
+  std::string cmd = line + " 2>&1";
   Result r;
   FILE* p = popen(cmd.c_str(), "r");
   if (!p) return r;
@@ -22,6 +28,17 @@ Result Kivcam(const std::string& args) {
   int status = pclose(p);
   r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return r;
+}
+
+// kivcam with arguments, and with `input` on its standard input.
+Result Kivcam(const std::string& args, const std::string& input = "") {
+  std::string line = std::string(KIVCAM_CLI) + " " + args + " </dev/null";
+  if (!input.empty()) {
+    std::string quoted;
+    for (char c : input) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    line = "printf '%s' '" + quoted + "' | " + std::string(KIVCAM_CLI) + " " + args;
+  }
+  return RunLine(line);
 }
 
 bool Has(const Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
@@ -93,12 +110,153 @@ TEST(Cli, FailuresNameTheErrorAndUsageErrorsExitWithTwo) {
   Result missing = Kivcam("info 12345");
   EXPECT_EQ(missing.code, 1);
   EXPECT_TRUE(Has(missing, "KIVCAM_ERR_NO_CAMERA")) << missing.out;
-  EXPECT_EQ(Kivcam("info notanumber").code, 2);
-  EXPECT_EQ(Kivcam("reg read first").code, 2);
-  EXPECT_EQ(Kivcam("frobnicate").code, 2);
   Result help = Kivcam("--help");
   EXPECT_EQ(help.code, 0);
   EXPECT_TRUE(Has(help, "usage: kivcam"));
+  Result version = Kivcam("--version");
+  EXPECT_EQ(version.code, 0);
+  EXPECT_TRUE(Has(version, "library revision 10106")) << version.out;
+}
+
+// Every usage error says what is wrong, then points at --help; none opens a
+// camera or prints the whole usage text.
+TEST(Cli, UsageErrorsSayWhatIsWrongFirst) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "missing command"},
+      {"bogus", "unknown command 'bogus'"},
+      {"--bogus", "unknown option '--bogus'"},
+      {"list extra", "list takes no arguments"},
+      {"info", "missing argument: CAMERA"},
+      {"info first extra", "info takes no arguments"},
+      {"info notanumber", "'notanumber' is not a camera UID"},
+      {"info -1", "a UID has no sign"},
+      {"info +5", "a UID has no sign"},
+      {"info 18446744073709551616", "out of range for a 64-bit UID"},
+      {"get first", "missing argument: FEATURE"},
+      {"set first Width", "'Width' is not FEATURE=VALUE"},
+      {"features first --wide", "features takes only --long"},
+      {"reg read first", "missing argument: ADDRESS"},
+      {"reg read first 0x0 abc", "'abc' is not a register count"},
+      {"reg read first 0x0 5000", "count 5000 is above the limit of 4096 registers"},
+      {"reg read first 0x0 0", "at least 1"},
+      {"reg read first 0x100000000", "a register address has 32 bits"},
+      {"reg write first 0xA00 0x1FFFFFFFF", "a register value has 32 bits"},
+      {"reg write first 0xA00", "missing argument: VALUE"},
+      {"reg poke first 0xA00", "unknown reg operation 'poke'"},
+      {"first", "missing step after CAMERA"},
+      {"first Width", "'Width' is not a step"},
+      {"set first Width=0xFFFFFFFFFFFFFD80", "out of range for a 64-bit integer"},
+      {"set first Width=99999999999999999999", "out of range for a 64-bit integer"},
+      {"set first Width=12abc", "'12abc' is not an integer"},
+  };
+  for (const auto& [args, reason] : cases) {
+    Result r = Kivcam(args);
+    EXPECT_EQ(r.code, 2) << args << "\n" << r.out;
+    const std::string first_line = r.out.substr(0, r.out.find('\n'));
+    EXPECT_EQ(first_line.rfind("kivcam: ", 0), 0u) << args << "\n" << r.out;
+    EXPECT_NE(first_line.find(reason), std::string::npos) << args << "\n" << r.out;
+    EXPECT_TRUE(Has(r, "Try 'kivcam --help'")) << args;
+    EXPECT_FALSE(Has(r, "usage:")) << args;
+  }
+}
+
+TEST(Cli, CameraUidsAreDecimalWithLeadingZerosOrHex) {
+  Result list = Kivcam("list");
+  std::string uid = list.out.substr(list.out.find('\n') + 1);
+  uid = uid.substr(0, uid.find(' '));
+  ASSERT_FALSE(uid.empty()) << list.out;
+  char hex[32];
+  std::snprintf(hex, sizeof hex, "0x%llX", std::stoull(uid));
+  for (const std::string& spelling : {uid, "00" + uid, std::string(hex)}) {
+    Result r = Kivcam("info " + spelling);
+    EXPECT_EQ(r.code, 0) << spelling << "\n" << r.out;
+    EXPECT_TRUE(Has(r, "UID          " + uid + " ")) << spelling << "\n" << r.out;
+  }
+}
+
+TEST(Cli, NonFiniteFloatsAreRefusedAndNothingIsSet) {
+  for (const char* bad : {"nan", "inf", "-Infinity", "1e999"}) {
+    Result r = Kivcam(std::string("first set ExposureTime=") + bad + " get ExposureTime");
+    EXPECT_EQ(r.code, 2) << bad << "\n" << r.out;
+    EXPECT_TRUE(Has(r, "is not a finite number")) << bad << "\n" << r.out;
+    EXPECT_FALSE(Has(r, "ExposureTime = ")) << bad << "\n" << r.out;
+  }
+  Result ok = Kivcam("set first ExposureTime=2.5e3");
+  EXPECT_EQ(ok.code, 0) << ok.out;
+  EXPECT_TRUE(Has(ok, "ExposureTime = 2500 us")) << ok.out;
+}
+
+TEST(Cli, CategoriesAndCommandsAreNamedAsSuch) {
+  Result cat = Kivcam("get first DeviceControl");
+  EXPECT_EQ(cat.code, 1);
+  EXPECT_TRUE(Has(cat, "DeviceControl is a category, not a value; its features: DeviceVendorName, ")) << cat.out;
+  EXPECT_FALSE(Has(cat, "DeviceControl = "));
+  Result cmd = Kivcam("first set AcquisitionStart=1 get AcquisitionMode");
+  EXPECT_EQ(cmd.code, 1);
+  EXPECT_TRUE(Has(cmd, "AcquisitionStart is a command: run it with exec")) << cmd.out;
+  EXPECT_FALSE(Has(cmd, "AcquisitionMode ="));  // the steps stop at the failure
+}
+
+TEST(Cli, RangesUnitsAndEntriesAreShown) {
+  Result tree = Kivcam("features first --long");
+  ASSERT_EQ(tree.code, 0) << tree.out;
+  auto row = [&](const std::string& name, const std::string& rest) {
+    return std::regex_search(tree.out, std::regex("\n +" + name + " +" + rest));
+  };
+  EXPECT_TRUE(row("ExposureTime", "Float +RW 10000 us  \\[10 \\.\\. 1000000\\] us\n")) << tree.out;
+  EXPECT_TRUE(row("Width", "Integer +RW 640  \\[8 \\.\\. 1920, step 4\\]\n"));
+  EXPECT_TRUE(row("PixelFormat", "Enumeration RW Mono8  \\{Mono8, Mono10Packed, [^}]*Mono16\\}\n"));
+  EXPECT_TRUE(row("WidthMax", "Integer +RO 1920\n"));  // nothing to set: no range
+  Result d = Kivcam("describe first PixelFormat Width");
+  ASSERT_EQ(d.code, 0) << d.out;
+  EXPECT_TRUE(Has(d, "PixelFormat\n  type         Enumeration\n  access       RW\n  value        Mono8\n"
+                     "  entry        Mono8 = 17301505\n")) << d.out;
+  EXPECT_TRUE(Has(d, "Width\n  type         Integer\n  access       RW\n  value        640\n"
+                     "  range        [8 .. 1920, step 4]\n"));
+}
+
+// Settings last for the steps of one call: TriggerSoftware is available only
+// while TriggerMode is On, which a second call would have forgotten.
+TEST(Cli, StepsRunInOrderOnOneOpenCamera) {
+  ASSERT_EQ(Kivcam("set first TriggerMode=On").code, 0);
+  Result alone = Kivcam("exec first TriggerSoftware");
+  EXPECT_EQ(alone.code, 1) << alone.out;
+  Result steps = Kivcam("first set TriggerMode=On exec TriggerSoftware get TriggerMode Width");
+  EXPECT_EQ(steps.code, 0) << steps.out;
+  EXPECT_EQ(steps.out, "TriggerMode = On\nTriggerSoftware executed\nTriggerMode = On\nWidth = 640\n");
+}
+
+TEST(Cli, ShellRunsTypedStepsOnOneCameraAndKeepsGoingAfterMistakes) {
+  Result r = Kivcam("shell first", "set TriggerMode=On\n\n# a comment\nbogus\nexec TriggerSoftware\nhelp\nget TriggerMode\nquit\nget Width\n");
+  EXPECT_EQ(r.code, 2) << r.out;  // the worst step: a usage error
+  EXPECT_TRUE(Has(r, "TriggerMode = On\n")) << r.out;
+  EXPECT_TRUE(Has(r, "kivcam: unknown step 'bogus'")) << r.out;
+  EXPECT_TRUE(Has(r, "Type 'help' for the steps."));
+  EXPECT_TRUE(Has(r, "TriggerSoftware executed\n"));
+  EXPECT_TRUE(Has(r, "reg read ADDRESS [COUNT]"));  // help
+  EXPECT_FALSE(Has(r, "Width ="));                  // after quit
+  EXPECT_EQ(Kivcam("shell first", "get Width\n").code, 0);
+}
+
+// Without producers beside the library: where it looked and how to point it.
+TEST(Cli, ListWithoutProducersSaysWhereTheLibraryLooked) {
+  char* tmp = realpath(testing::TempDir().c_str(), nullptr);
+  ASSERT_NE(tmp, nullptr);
+  const std::string root = std::string(tmp) + "/kivcam_noproducers_" + std::to_string(getpid());
+  std::free(tmp);
+  const std::string cli = std::string(KIVCAM_CLI), lib = std::string(KIVCAM_LIB);
+  ASSERT_EQ(std::system(("rm -rf '" + root + "' && mkdir -p '" + root + "/bin' '" + root + "/lib' && cp '" + cli +
+                         "' '" + root + "/bin/' && cp '" + lib + "' '" + root + "/lib/'").c_str()),
+            0);
+  Result r = RunLine("env -u LD_LIBRARY_PATH -u GENICAM_ROOT_V2_4 '" + root + "/bin/kivcam' list");
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(Has(r, "0 cameras\n")) << r.out;
+  EXPECT_TRUE(Has(r, "  " + root + "/lib (the library's folder)\n")) << r.out;
+  EXPECT_TRUE(Has(r, "(GENICAM_ROOT_V2_4 is not set)"));
+  EXPECT_TRUE(Has(r, "KivGigEGenTL.cti: not in these folders"));
+  EXPECT_TRUE(Has(r, "KivUSBGenTL.cti: not in these folders"));
+  EXPECT_TRUE(Has(r, "put their folder on LD_LIBRARY_PATH or set\nGENICAM_ROOT_V2_4"));
+  std::system(("rm -rf '" + root + "'").c_str());
 }
 
 }  // namespace

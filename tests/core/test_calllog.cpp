@@ -118,6 +118,35 @@ TEST_F(CallLogTest, FullLogDropsLinesAndLongLinesAreCutToTheirSlot) {
   EXPECT_EQ(diag::CurrentLogArea()->Line[1][0], '\0');
 }
 
+// A holder that does not let go (alive, so not abandoned) costs a line, not
+// the caller: the line is dropped after a bounded wait and counted.
+TEST_F(CallLogTest, AStuckHolderCostsADroppedLineNotAHang) {
+  reader_.SetLevel(1);
+  kivtest::Pipe held, done;
+  kivtest::ChildProcess holder([&] {
+    auto m = kivcam::platform::NamedMutex::CreateOrOpen(KIVCAM_LOG_MUTEX_NAME);
+    if (!m || m->Wait() != kivcam::platform::MutexWait::kAcquired) return 1;
+    held.Send('h');
+    done.Receive();
+    m->Release();
+    return 0;
+  });
+  ASSERT_EQ(held.Receive(), 'h');
+  const uint32_t dropped = diag::DroppedLines();
+  const uint32_t t0 = kivcam::platform::TickCount();
+  diag::WriteLine(false, "waits in vain\n");
+  const uint32_t waited = kivcam::platform::TickCount() - t0;
+  EXPECT_GE(waited, 400u) << "the live holder's mutex was taken over";
+  EXPECT_LT(waited, 5000u);
+  EXPECT_EQ(diag::DroppedLines(), dropped + 1);
+  done.Send('d');
+  ASSERT_EQ(holder.Join(), 0);
+  diag::WriteLine(false, "gets through\n");
+  auto lines = reader_.Take();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(Body(lines[0]), "gets through\n");
+}
+
 // Two processes writing at once: every slot holds one whole line, the slots
 // are consecutive, and each writer's lines keep their order.
 TEST_F(CallLogTest, TwoProcessesFillConsecutiveWholeSlots) {

@@ -141,37 +141,52 @@ TEST_F(LibraryTest, LoadAndUnloadLinesAndRealUnload) {
 }
 
 // Loading registers the process and unloading removes it, keeping the order
-// of the others and announcing each change; a full table leaves it out.
+// of the others and announcing each change; an entry of a process that ended
+// goes at the next registration; a table full of running processes leaves the
+// process out.
 TEST(ProcessTable, LoadRegistersUnloadRemovesAndAFullTableLeavesTheProcessOut) {
   auto mapping = platform::SharedMapping::CreateOrOpen(KIVCAM_PROCESS_TABLE_NAME, kivcam::core::kProcessTableSize);
   auto event = platform::NamedEvent::CreateOrOpen(KIVCAM_PROCESS_EVENT_NAME);
   ASSERT_TRUE(mapping && event);
+  kivtest::Pipe hold;  // the "other processes" run until told to end
+  auto wait = [&] { return hold.Receive() ? 0 : 1; };
+  kivtest::ChildProcess a(wait), b(wait), c(wait);
+  uint32_t dead;
+  {
+    kivtest::ChildProcess gone([] { return 0; });
+    dead = static_cast<uint32_t>(gone.pid());
+  }
+  const uint32_t pa = a.pid(), pb = b.pid(), pc = c.pid();
   auto* table = static_cast<kivcam::core::ProcessTable*>(mapping->data());
-  *table = {3, {11, 22, 33}};
+  *table = {4, {pa, dead, pb, pc}};
   while (event->Wait(0)) {}
   {
     KivCamLibrary lib;
     ASSERT_EQ(table->Count, 4u);
+    EXPECT_EQ(table->ProcessId[0], pa);
+    EXPECT_EQ(table->ProcessId[1], pb);
     EXPECT_EQ(table->ProcessId[3], platform::ProcessId());
     EXPECT_TRUE(event->Wait(0));
-    table->ProcessId[3] = 22;  // move our entry into the middle
+    table->ProcessId[3] = pb;  // move our entry into the middle
     table->ProcessId[1] = platform::ProcessId();
   }
   EXPECT_EQ(table->Count, 3u);
-  EXPECT_EQ(table->ProcessId[0], 11u);
-  EXPECT_EQ(table->ProcessId[1], 33u);
-  EXPECT_EQ(table->ProcessId[2], 22u);
+  EXPECT_EQ(table->ProcessId[0], pa);
+  EXPECT_EQ(table->ProcessId[1], pc);
+  EXPECT_EQ(table->ProcessId[2], pb);
   EXPECT_TRUE(event->Wait(0));
 
   table->Count = 256;
-  for (uint32_t i = 0; i < 256; ++i) table->ProcessId[i] = 1000 + i;
+  for (uint32_t i = 0; i < 256; ++i) table->ProcessId[i] = i % 2 ? pa : pb;
   {
     KivCamLibrary lib;
     EXPECT_EQ(table->Count, 256u);
     EXPECT_EQ(lib.KIVCAM_SetStructVersion(0), KIVCAM_TRUE);  // the library works all the same
   }
   EXPECT_EQ(table->Count, 256u);
-  for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(table->ProcessId[i], 1000 + i);
+  for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(table->ProcessId[i], i % 2 ? pa : pb);
+  for (int i = 0; i < 3; ++i) hold.Send('x');
+  EXPECT_EQ(a.Join() + b.Join() + c.Join(), 0);
 }
 
 }  // namespace

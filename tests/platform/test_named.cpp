@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sched.h>
+#include <sys/stat.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -111,6 +112,9 @@ TEST_F(Named, MutexOfAProcessThatDiedHoldingItIsReportedAbandoned) {
   const std::string name = Name("mutex");
   auto m = kp::NamedMutex::CreateOrOpen(name);
   ASSERT_TRUE(m);
+  // Held once before the fork: the child must not pass for this thread.
+  ASSERT_EQ(m->Wait(), MW::kAcquired);
+  m->Release();
   Pipe to_parent, to_child;
   ChildProcess child([&] {
     auto c = kp::NamedMutex::CreateOrOpen(name);
@@ -146,6 +150,116 @@ TEST_F(Named, MutexIsReentrantByItsOwningThreadAcrossHandles) {
   EXPECT_GE(kp::TickCount() - start, 30u);
   m->Release();
   EXPECT_EQ(WaitOnOtherThread(*second, 0), MW::kAcquired);
+}
+
+// The object of a named mutex as another process may leave it: its first
+// word names the owner, bits 0-21 the thread id, bits 22-30 a stamp of that
+// thread's start time (never 0), bit 31 waiters.
+constexpr uint32_t kStampBits = 0x1FFu << 22;
+
+// Whatever is written into the object, a wait ends: an owner that is no live
+// thread (garbage, a word without a stamp, an id now used by a thread of
+// another start) is taken over as abandoned, while a live owner is never
+// joined by a second holder.
+TEST_F(Named, MutexWithAGoneOrMadeUpOwnerIsTakenOverButALiveOwnerIsNot) {
+  const std::string name = Name("mutex");
+  auto m = kp::NamedMutex::CreateOrOpen(name);
+  auto raw = kp::SharedMapping::CreateOrOpen(name, 16);
+  ASSERT_TRUE(m && raw);
+  auto* word = static_cast<uint32_t*>(raw->data());
+
+  std::memset(word, 0x11, 16);
+  uint32_t start = kp::TickCount();
+  EXPECT_EQ(m->Wait(kBoundMs), MW::kAbandoned);
+  EXPECT_LT(kp::TickCount() - start, 2000u);
+  m->Release();
+  EXPECT_EQ(*word, 0u);  // released for real
+
+  // Another thread of this process really holds it.
+  Pipe held, done;
+  uint32_t owner = 0, holder_tid = 0;
+  std::thread holder([&] {
+    holder_tid = kp::ThreadId();
+    auto own = kp::NamedMutex::CreateOrOpen(name);
+    if (!own || own->Wait() != MW::kAcquired) return;
+    held.Send('h');
+    done.Receive();
+    own->Release();  // taken over meanwhile: gives up nothing
+  });
+  ASSERT_EQ(held.Receive(), 'h');
+  owner = *word & ~0x80000000u;
+  EXPECT_EQ(owner & 0x3FFFFFu, holder_tid);
+  EXPECT_NE(owner & kStampBits, 0u);
+  EXPECT_EQ(m->Wait(150), MW::kTimeout);
+  // The same id, but the stamp of a thread started at another time.
+  uint32_t stamp = (owner & kStampBits) >> 22;
+  *word = (owner & ~kStampBits) | ((stamp % 511 + 1) << 22);
+  EXPECT_EQ(m->Wait(kBoundMs), MW::kAbandoned);
+  m->Release();
+  *word = owner & ~kStampBits;  // a live thread's id without a stamp
+  EXPECT_EQ(m->Wait(kBoundMs), MW::kAbandoned);
+  m->Release();
+  done.Send('d');
+  holder.join();
+  EXPECT_EQ(*word, 0u);
+
+  // This thread's own id with no hold counted: nobody's hold.
+  *word = kp::ThreadId() | (1u << 22);
+  EXPECT_EQ(m->Wait(0), MW::kAbandoned);
+  m->Release();
+  EXPECT_EQ(*word, 0u);
+}
+
+TEST(Processes, AnEndedChildIsNotAliveEvenBeforeItIsReaped) {
+  Pipe go;
+  ChildProcess child([&] { return go.Receive() == 'x' ? 0 : 1; });
+  const uint32_t pid = static_cast<uint32_t>(child.pid());
+  EXPECT_TRUE(kp::ProcessAlive(pid));
+  EXPECT_NE(kp::ThreadStartTime(pid), 0u);
+  go.Send('x');
+  // A zombie until joined: gone all the same.
+  for (uint32_t t0 = kp::TickCount(); kp::ProcessAlive(pid) && kp::TickCount() - t0 < 10000;) sched_yield();
+  EXPECT_FALSE(kp::ProcessAlive(pid));
+  EXPECT_EQ(child.Join(), 0);
+  EXPECT_FALSE(kp::ProcessAlive(0));
+  EXPECT_FALSE(kp::ProcessAlive(0xFFFFFFF0u));
+  EXPECT_TRUE(kp::ProcessAlive(kp::ProcessId()));
+}
+
+// Objects are made for their owner and group unless a setting widens (or
+// narrows) that, whatever the umask says; the names are listed back.
+TEST_F(Named, NewObjectsAreForOwnerAndGroupUnlessTheSettingSaysOtherwise) {
+  auto mode = [](const std::string& name) {
+    struct stat st {};
+    if (stat(("/dev/shm" + kp::MachineWideName(name)).c_str(), &st) != 0) return 0u;
+    return static_cast<unsigned>(st.st_mode & 0777);
+  };
+  const mode_t old_mask = umask(0);
+  const std::string map = Name("map"), mutex = Name("mutex"), event = Name("event");
+  {
+    auto a = kp::SharedMapping::CreateOrOpen(map, 64);
+    auto b = kp::NamedMutex::CreateOrOpen(mutex);
+    auto c = kp::NamedEvent::CreateOrOpen(event);
+    ASSERT_TRUE(a && b && c);
+  }
+  EXPECT_EQ(mode(map), 0660u);
+  EXPECT_EQ(mode(mutex), 0660u);
+  EXPECT_EQ(mode(event), 0660u);
+  std::vector<std::string> listed = kp::ListMachineWideNames();
+  for (const auto& n : {map, mutex, event}) {
+    EXPECT_NE(std::find(listed.begin(), listed.end(), n), listed.end()) << n;
+  }
+  for (const char* setting : {"all", "owner"}) {
+    setenv("KIVCAM_IPC_ACCESS", setting, 1);
+    const std::string wide = Name(setting), wide_event = Name((std::string(setting) + "_event").c_str());
+    EXPECT_TRUE(kp::SharedMapping::CreateOrOpen(wide, 64));
+    EXPECT_TRUE(kp::NamedEvent::CreateOrOpen(wide_event));
+    unsigned want = setting[0] == 'a' ? 0666u : 0600u;
+    EXPECT_EQ(mode(wide), want);
+    EXPECT_EQ(mode(wide_event), want);
+  }
+  unsetenv("KIVCAM_IPC_ACCESS");
+  umask(old_mask);
 }
 
 // A Set with nobody waiting is kept for one wait (it is no counter); each

@@ -1,5 +1,7 @@
 // kivcam-monitor: shows what every process using KivCam does, by taking the
-// lines of the machine-wide call log as they are written.
+// lines of the machine-wide call log as they are written. It does not load
+// the library: it maps the shared objects as any outside reader does, so
+// nothing of its own ever appears in the log.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -7,13 +9,14 @@
 #include <cstring>
 #include <string>
 
-#include "kivcam/kivcam.h"
 #include "diag/log_reader.h"
 
 namespace {
 
 volatile std::sig_atomic_t g_stop = 0;
 void OnSignal(int) { g_stop = 1; }
+
+constexpr int kAlreadyRunning = 3;
 
 void Usage(FILE* out) {
   std::fprintf(out,
@@ -25,7 +28,9 @@ void Usage(FILE* out) {
                "  --file PATH   also append the lines to PATH\n"
                "  --once        take the lines pending now, print them and exit\n"
                "  --keep-level  leave the level set on exit (default: logging off again)\n"
-               "Environment: KIVCAM_IPC_NAMESPACE selects a private set of shared objects.\n");
+               "Environment: KIVCAM_IPC_NAMESPACE selects a private set of shared objects.\n"
+               "Exit codes: 0 done, 1 the shared objects cannot be opened, 2 usage,\n"
+               "3 another monitor is already running.\n");
 }
 
 struct Options {
@@ -84,12 +89,18 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (!instance.TryAcquire()) {
-    std::printf("kivcam-monitor: another monitor is already running\n");
-    return 0;
+    std::fprintf(stderr, "kivcam-monitor: another monitor is already running\n");
+    return kAlreadyRunning;
   }
 
-  void* build_date = nullptr;
-  KIVCAM_LogCommonAreaGet(kivcam::diag::CurrentProcessId(), &build_date);
+  // What KIVCAM_LogCommonAreaGet does, without loading the library: every
+  // process sees at once that this one is the monitor and writes no line for it.
+  std::string build_date;
+  if (!kivcam::diag::AnnounceMonitor(&build_date)) {
+    std::fprintf(stderr, "kivcam-monitor: cannot open the shared data of the library\n");
+    return 1;
+  }
+  if (build_date.empty()) build_date = "?";
 
   kivcam::diag::LogReader reader;
   if (!reader.Open()) {
@@ -111,7 +122,7 @@ int main(int argc, char** argv) {
   if (!opt.once) {
     // Printed once the level is set: from here on every line is seen.
     std::printf("kivcam-monitor: level %u, library built %s; Ctrl-C ends\n", opt.level,
-                build_date ? static_cast<const char*>(build_date) : "?");
+                build_date.c_str());
     std::fflush(stdout);
   }
   // The event wakes us for new lines; the short timeout is the fallback

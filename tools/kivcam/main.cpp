@@ -1,13 +1,25 @@
 // kivcam: the command-line tool for KivCam cameras. It uses nothing but the
 // public interface (the C exports and, for features, the node map they hand
 // out), so it doubles as a worked example of the library.
-#include <cerrno>
+#include <dlfcn.h>
+#include <unistd.h>
+
 #include <cinttypes>
+#include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#ifdef KIVCAM_HAVE_READLINE
+#include <readline/history.h>
+#include <readline/readline.h>
+#endif
 
 #include "kivcam/kivcam.h"
 #include "kivgenapi/KivGenApi.h"
@@ -15,6 +27,10 @@
 namespace {
 
 namespace ga = KivGenApi;
+using Args = std::vector<std::string>;
+
+enum Exit : int { kDone = 0, kFailed = 1, kUsage = 2 };
+constexpr uint64_t kMaxRegisterCount = 4096;
 
 const char* ErrorName(uint32_t code) {
   switch (code) {
@@ -71,38 +87,142 @@ const char* ErrorName(uint32_t code) {
 int Fail(const char* call) {
   uint32_t code = KIVCAM_GetLastError();
   std::fprintf(stderr, "kivcam: %s failed: error %u, %s\n", call, code, ErrorName(code));
-  return 1;
+  return kFailed;
 }
+
+// A failure of the feature or camera at hand.
+int Problem(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+int Problem(const char* fmt, ...) {
+  std::fputs("kivcam: ", stderr);
+  va_list ap;
+  va_start(ap, fmt);
+  std::vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  std::fputc('\n', stderr);
+  return kFailed;
+}
+
+// Set while `kivcam shell` reads steps: its own help is where to look.
+bool g_in_shell = false;
+
+// A command line that cannot be run: what is wrong first, then where to look.
+int UsageError(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+int UsageError(const char* fmt, ...) {
+  std::fputs("kivcam: ", stderr);
+  va_list ap;
+  va_start(ap, fmt);
+  std::vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  std::fputs(g_in_shell ? "\nType 'help' for the steps.\n" : "\nTry 'kivcam --help' for more information.\n",
+             stderr);
+  return kUsage;
+}
+
+const char kStepsHelp[] =
+    "  info                               identity record, and the GigE or USB record\n"
+    "  features [--long]                  the feature tree: type, access, value; --long adds\n"
+    "                                     ranges, units and enumeration entries\n"
+    "  describe FEATURE...                everything about features: range, unit, entries, text\n"
+    "  get FEATURE...                     the value of features\n"
+    "  set FEATURE=VALUE...               set features in order, then show them\n"
+    "  exec COMMAND...                    execute command features\n"
+    "  reg read ADDRESS [COUNT]           read COUNT 32-bit registers (default 1, at most 4096)\n"
+    "  reg write ADDRESS VALUE            write one 32-bit register\n";
 
 int Usage(FILE* out, int rc) {
   std::fprintf(out,
                "usage: kivcam <command> [arguments]\n"
+               "       kivcam CAMERA STEP [arguments] [STEP [arguments]]...\n"
+               "       kivcam shell CAMERA\n"
                "\n"
-               "Commands (CAMERA is a UID from `kivcam list`, decimal or 0x-hex, or `first`\n"
-               "for the first camera no other program holds):\n"
+               "CAMERA is a UID from `kivcam list` (decimal, or hexadecimal with 0x) or `first`\n"
+               "for the first camera no other program holds.\n"
+               "\n"
+               "Commands:\n"
                "  list                               the cameras on this machine\n"
-               "  info CAMERA                        identity record, and the GigE or USB record\n"
-               "  features CAMERA                    the feature tree: type, access, value\n"
-               "  get CAMERA FEATURE...              the value of features\n"
-               "  set CAMERA FEATURE=VALUE...        set features in order, then show them\n"
-               "  exec CAMERA COMMAND...             execute command features\n"
-               "  reg read CAMERA ADDRESS [COUNT]    read COUNT 32-bit registers (default 1)\n"
-               "  reg write CAMERA ADDRESS VALUE     write one 32-bit register\n"
+               "  info CAMERA, features CAMERA [--long], describe CAMERA FEATURE...,\n"
+               "  get CAMERA FEATURE..., set CAMERA FEATURE=VALUE..., exec CAMERA COMMAND...,\n"
+               "  reg read CAMERA ADDRESS [COUNT], reg write CAMERA ADDRESS VALUE\n"
+               "                                     one step on a camera opened for it alone\n"
+               "  shell CAMERA                       type steps at a prompt, on one open camera\n"
+               "  --version, --help\n"
                "\n"
-               "Exit codes: 0 done, 1 a library call or feature access failed, 2 usage.\n"
-               "Watch what the library does with kivcam-monitor.\n");
+               "Steps (several in one call run in order on one open camera, so settings last:\n"
+               "`kivcam first set TriggerMode=On exec TriggerSoftware get FrameCounter`):\n"
+               "%s"
+               "\n"
+               "Numbers are decimal or hexadecimal with 0x. Exit codes: 0 done, 1 a library\n"
+               "call or feature access failed, 2 usage. Watch what the library does with\n"
+               "kivcam-monitor.\n",
+               kStepsHelp);
   return rc;
 }
 
-bool ParseU64(const char* s, uint64_t* v) {
-  if (!s || !*s) return false;
-  errno = 0;
-  char* end = nullptr;
-  unsigned long long x = std::strtoull(s, &end, 0);
-  if (errno || *end) return false;
-  *v = x;
-  return true;
+// ---- numbers ----------------------------------------------------------------
+
+enum class Parsed { kOk, kNotNumber, kSigned, kTooBig };
+
+// Decimal (leading zeros too) or 0x hexadecimal, no sign, at most `max`.
+Parsed ParseUnsigned(const std::string& s, uint64_t max, uint64_t* out) {
+  if (!s.empty() && (s[0] == '-' || s[0] == '+')) return Parsed::kSigned;
+  bool hex = s.size() > 1 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
+  std::string digits = hex ? s.substr(2) : s;
+  const unsigned base = hex ? 16 : 10;
+  if (digits.empty()) return Parsed::kNotNumber;
+  uint64_t v = 0;
+  bool too_big = false;
+  for (char c : digits) {
+    unsigned d;
+    if (c >= '0' && c <= '9') d = static_cast<unsigned>(c - '0');
+    else if (hex && c >= 'a' && c <= 'f') d = static_cast<unsigned>(c - 'a' + 10);
+    else if (hex && c >= 'A' && c <= 'F') d = static_cast<unsigned>(c - 'A' + 10);
+    else return Parsed::kNotNumber;
+    if (v > (UINT64_MAX - d) / base) too_big = true;
+    else v = v * base + d;
+  }
+  if (too_big || v > max) return Parsed::kTooBig;
+  *out = v;
+  return Parsed::kOk;
 }
+
+// A signed 64-bit integer: optional sign, then decimal or 0x hexadecimal.
+Parsed ParseSigned(const std::string& s, int64_t* out) {
+  bool negative = !s.empty() && s[0] == '-';
+  std::string magnitude = !s.empty() && (s[0] == '-' || s[0] == '+') ? s.substr(1) : s;
+  uint64_t v = 0;
+  const uint64_t limit = negative ? uint64_t{1} << 63 : static_cast<uint64_t>(INT64_MAX);
+  Parsed p = ParseUnsigned(magnitude, limit, &v);
+  if (p == Parsed::kSigned) return Parsed::kNotNumber;  // "--5"
+  if (p != Parsed::kOk) return p;
+  *out = negative ? static_cast<int64_t>(0 - v) : static_cast<int64_t>(v);
+  return Parsed::kOk;
+}
+
+bool LooksNumeric(const std::string& s) {
+  size_t i = !s.empty() && (s[0] == '-' || s[0] == '+') ? 1 : 0;
+  if (i < s.size() && (s[i] == '.' || (s[i] >= '0' && s[i] <= '9'))) return true;
+  std::string rest = s.substr(i);
+  for (char& c : rest) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return rest == "nan" || rest == "inf" || rest == "infinity";
+}
+
+// Parses a register number; on failure says why and gives the exit code.
+bool RegisterNumber(const std::string& s, const char* what, uint64_t max, uint64_t* v, int* rc) {
+  switch (ParseUnsigned(s, max, v)) {
+    case Parsed::kOk:
+      return true;
+    case Parsed::kTooBig:
+      *rc = max == kMaxRegisterCount
+                ? UsageError("count %s is above the limit of %" PRIu64 " registers", s.c_str(), max)
+                : UsageError("'%s' is out of range: a register %s has 32 bits", s.c_str(), what);
+      return false;
+    default:
+      *rc = UsageError("'%s' is not a register %s (decimal or 0x-hex)", s.c_str(), what);
+      return false;
+  }
+}
+
+// ---- cameras ------------------------------------------------------------------
 
 const char* KindName(uint32_t kind) {
   switch (kind) {
@@ -134,8 +254,56 @@ bool Start() {
   return true;
 }
 
+bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// With no camera found: where the library looked for its producers, what it
+// found there, and how to point it elsewhere.
+void NoCameraHint() {
+  std::vector<std::pair<std::string, std::string>> places;  // folder, how it is named
+  const char* ld = std::getenv("LD_LIBRARY_PATH");
+  std::stringstream ss(ld ? ld : "");
+  for (std::string dir; std::getline(ss, dir, ':');) {
+    if (!dir.empty()) places.emplace_back(dir, "LD_LIBRARY_PATH");
+  }
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&KIVCAM_GetList), &info) && info.dli_fname) {
+    char* real = realpath(info.dli_fname, nullptr);
+    std::string lib = real ? real : info.dli_fname;
+    std::free(real);
+    places.emplace_back(lib.find('/') == std::string::npos ? "." : lib.substr(0, lib.rfind('/')),
+                        "the library's folder");
+  }
+  const char* root = std::getenv("GENICAM_ROOT_V2_4");
+  if (root && *root) places.emplace_back(std::string(root) + "/bin/Linux64_x64/TLIs", "GENICAM_ROOT_V2_4");
+
+  std::fprintf(stderr,
+               "kivcam: no camera found. The library loads the producers KivGigEGenTL.cti and\n"
+               "KivUSBGenTL.cti by name from the loader path (LD_LIBRARY_PATH, the library's\n"
+               "folder, the system's library folders), then from $GENICAM_ROOT_V2_4/bin/Linux64_x64/TLIs.\n"
+               "Searched here:\n");
+  for (const auto& [dir, why] : places) std::fprintf(stderr, "  %s (%s)\n", dir.c_str(), why.c_str());
+  if (!root || !*root) std::fprintf(stderr, "  (GENICAM_ROOT_V2_4 is not set)\n");
+  for (const char* file : {"KivGigEGenTL.cti", "KivUSBGenTL.cti"}) {
+    std::string where;
+    for (const auto& place : places) {
+      if (FileExists(place.first + "/" + file)) {
+        where = place.first;
+        break;
+      }
+    }
+    if (where.empty()) {
+      std::fprintf(stderr, "%s: not in these folders\n", file);
+    } else {
+      std::fprintf(stderr, "%s: found in %s, but it reports no camera\n", file, where.c_str());
+    }
+  }
+  std::fprintf(stderr,
+               "To use other producers, put their folder on LD_LIBRARY_PATH or set\n"
+               "GENICAM_ROOT_V2_4 to a folder whose bin/Linux64_x64/TLIs holds them.\n");
+}
+
 int List() {
-  if (!Start()) return 1;
+  if (!Start()) return kFailed;
   CameraList query{};
   if (!KIVCAM_GetList(&query)) return Fail("KIVCAM_GetList");
   uint32_t count = query.Count;
@@ -153,7 +321,30 @@ int List() {
                 Field(e.Model, 256).c_str());
   }
   std::printf("%u camera%s\n", count, count == 1 ? "" : "s");
-  return 0;
+  std::fflush(stdout);
+  if (count == 0) NoCameraHint();
+  return kDone;
+}
+
+// Parses CAMERA; on failure says why and gives the exit code.
+bool ParseCamera(const std::string& text, uint64_t* uid, int* rc) {
+  if (text == "first") {
+    *uid = KIVCAM_UID_ANY;
+    return true;
+  }
+  switch (ParseUnsigned(text, UINT64_MAX, uid)) {
+    case Parsed::kOk:
+      return true;
+    case Parsed::kSigned:
+      *rc = UsageError("'%s' is not a camera UID: a UID has no sign", text.c_str());
+      return false;
+    case Parsed::kTooBig:
+      *rc = UsageError("'%s' is not a camera UID: out of range for a 64-bit UID", text.c_str());
+      return false;
+    default:
+      *rc = UsageError("'%s' is not a camera UID (decimal, 0x-hex or `first`)", text.c_str());
+      return false;
+  }
 }
 
 // An open camera, closed again whatever happens.
@@ -162,34 +353,28 @@ class Camera {
   ~Camera() {
     if (h_) KIVCAM_Close(h_);
   }
-  int Open(const char* which) {
-    if (!Start()) return 1;
-    uint64_t uid = KIVCAM_UID_ANY;
-    if (std::strcmp(which, "first") != 0 && !ParseU64(which, &uid)) {
-      std::fprintf(stderr, "kivcam: '%s' is not a camera UID (decimal, 0x-hex or `first`)\n",
-                   which);
-      return 2;
-    }
+  int Open(uint64_t uid) {
+    if (!Start()) return kFailed;
     if (!KIVCAM_Open(uid, &h_)) return Fail("KIVCAM_Open");
-    return 0;
+    return kDone;
   }
   HCAMERA handle() const { return h_; }
   ga::CNodeMapRef* NodeMap() {
+    if (map_) return map_;
     void* p = nullptr;
     if (!KIVCAM_GetNodeMap(h_, &p)) {
       Fail("KIVCAM_GetNodeMap");
       return nullptr;
     }
-    return static_cast<ga::CNodeMapRef*>(p);
+    return map_ = static_cast<ga::CNodeMapRef*>(p);
   }
 
  private:
   HCAMERA h_ = nullptr;
+  ga::CNodeMapRef* map_ = nullptr;
 };
 
-int Info(const char* which) {
-  Camera cam;
-  if (int rc = cam.Open(which)) return rc;
+int Info(Camera& cam) {
   CameraListEntry e;
   if (!KIVCAM_CameraInfo(cam.handle(), &e)) return Fail("KIVCAM_CameraInfo");
   std::printf("UID          %" PRIu64 " (0x%012" PRIX64 ")\n", e.UID, e.UID);
@@ -223,8 +408,10 @@ int Info(const char* which) {
     std::printf("user name    %s\n", Field(u.UserDefinedName, sizeof u.UserDefinedName).c_str());
     std::printf("info 1011    0x%016" PRIX64 "\n", u.Info1011);
   }
-  return 0;
+  return kDone;
 }
+
+// ---- features -----------------------------------------------------------------
 
 const char* AccessName(ga::EAccessMode m) {
   switch (m) {
@@ -270,205 +457,535 @@ const char* TypeName(ga::INode* n) {
   }
 }
 
+bool Is(ga::INode* n, ga::EInterfaceType t) { return n->GetPrincipalInterfaceType() == t; }
+
+std::string Unit(ga::INode* n) {
+  if (auto* i = dynamic_cast<ga::IInteger*>(n)) return i->GetUnit();
+  if (auto* f = dynamic_cast<ga::IFloat*>(n)) return f->GetUnit();
+  return "";
+}
+
 // The value as text, or why there is none.
 std::string ValueText(ga::INode* n) {
-  if (n->GetPrincipalInterfaceType() == ga::intfICommand ||
-      n->GetPrincipalInterfaceType() == ga::intfICategory) {
-    return "";
-  }
+  if (Is(n, ga::intfICommand) || Is(n, ga::intfICategory)) return "";
   auto* v = dynamic_cast<ga::IValue*>(n);
   if (!v) return "";
   if (!ga::IsReadable(n->GetAccessMode())) return "-";
   try {
     std::string s = v->ToString();
-    if (auto* i = dynamic_cast<ga::IInteger*>(n)) {
-      std::string unit = i->GetUnit();
-      if (!unit.empty()) s += " " + unit;
-    } else if (auto* f = dynamic_cast<ga::IFloat*>(n)) {
-      std::string unit = f->GetUnit();
-      if (!unit.empty()) s += " " + unit;
-    }
-    return s;
+    std::string unit = Unit(n);
+    return unit.empty() ? s : s + " " + unit;
   } catch (const ga::GenericException& e) {
     return std::string("<error: ") + e.GetDescription() + ">";
   }
 }
 
-void PrintTree(ga::INode* n, int depth, std::vector<ga::INode*>& seen) {
-  for (ga::INode* s : seen) {
-    if (s == n) return;  // a category listed twice
-  }
-  seen.push_back(n);
-  std::printf("%*s%-*s %-11s %-2s %s\n", depth * 2, "", 40 - depth * 2, n->GetName().c_str(),
-              TypeName(n), AccessName(n->GetAccessMode()), ValueText(n).c_str());
+std::string Number(double v) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.9g", v);
+  return buf;
+}
+
+std::vector<ga::INode*> Features(ga::INode* n) {
+  std::vector<ga::INode*> out;
   if (auto* cat = dynamic_cast<ga::ICategory*>(n)) {
     ga::FeatureList_t features;
     cat->GetFeatures(features);
     for (ga::IValue* f : features) {
-      if (ga::INode* child = f->GetNode()) PrintTree(child, depth + 1, seen);
+      if (ga::INode* child = f->GetNode()) out.push_back(child);
     }
+  }
+  return out;
+}
+
+// The available entries of an enumeration, as "Symbolic" (or with values).
+std::vector<std::string> Entries(ga::INode* n, bool with_values, bool all = false) {
+  std::vector<std::string> out;
+  auto* e = dynamic_cast<ga::IEnumeration*>(n);
+  if (!e) return out;
+  ga::NodeList_t entries;
+  e->GetEntries(entries);
+  for (ga::INode* entry : entries) {
+    auto* ee = dynamic_cast<ga::IEnumEntry*>(entry);
+    if (!ee) continue;
+    bool available = ga::IsAvailable(entry->GetAccessMode());
+    if (!available && !all) continue;
+    std::string text = ee->GetSymbolic();
+    if (with_values) text += " = " + std::to_string(ee->GetValue());
+    if (!available) text += " (not available now)";
+    out.push_back(text);
+  }
+  return out;
+}
+
+std::string Join(const std::vector<std::string>& parts, const char* sep) {
+  std::string s;
+  for (const auto& p : parts) s += (s.empty() ? "" : sep) + p;
+  return s;
+}
+
+// Range, increment and unit of a number, or the entries of an enumeration,
+// on one line; empty for other features. Never throws.
+std::string Limits(ga::INode* n) {
+  try {
+    if (!ga::IsWritable(n->GetAccessMode())) return "";  // what may be set, for what can be
+    std::string s;
+    if (auto* i = dynamic_cast<ga::IInteger*>(n)) {
+      s = "[" + std::to_string(i->GetMin()) + " .. " + std::to_string(i->GetMax());
+      if (i->GetIncMode() == ga::listIncrement) {
+        std::vector<std::string> values;
+        for (int64_t v : i->GetListOfValidValues()) values.push_back(std::to_string(v));
+        s += ", one of " + Join(values, ", ");
+      } else if (i->GetInc() != 1) {
+        s += ", step " + std::to_string(i->GetInc());
+      }
+      s += "]";
+    } else if (auto* f = dynamic_cast<ga::IFloat*>(n)) {
+      s = "[" + Number(f->GetMin()) + " .. " + Number(f->GetMax());
+      if (f->GetIncMode() == ga::fixedIncrement) s += ", step " + Number(f->GetInc());
+      s += "]";
+    } else if (Is(n, ga::intfIEnumeration)) {
+      return "{" + Join(Entries(n, false), ", ") + "}";
+    } else {
+      return "";
+    }
+    std::string unit = Unit(n);
+    return unit.empty() ? s : s + " " + unit;
+  } catch (const ga::GenericException& e) {
+    return std::string("<error: ") + e.GetDescription() + ">";
   }
 }
 
-// Opens the camera and runs `work` on its node map; the camera is closed after.
-template <typename Work>
-int WithNodeMap(const char* which, Work&& work) {
-  Camera cam;
-  if (int rc = cam.Open(which)) return rc;
+void PrintTree(ga::INode* n, int depth, bool wide, std::vector<ga::INode*>& seen) {
+  for (ga::INode* s : seen) {
+    if (s == n) return;  // a category listed twice
+  }
+  seen.push_back(n);
+  std::string value = ValueText(n);
+  if (wide && ga::IsWritable(n->GetAccessMode())) {
+    std::string limits = Limits(n);
+    if (!limits.empty()) value += (value.empty() ? "" : "  ") + limits;
+  }
+  std::printf("%*s%-*s %-11s %-2s %s\n", depth * 2, "", 40 - depth * 2, n->GetName().c_str(),
+              TypeName(n), AccessName(n->GetAccessMode()), value.c_str());
+  for (ga::INode* child : Features(n)) PrintTree(child, depth + 1, wide, seen);
+}
+
+int FeatureTree(Camera& cam, bool wide) {
   ga::CNodeMapRef* map = cam.NodeMap();
-  return map ? work(map) : 1;
+  if (!map) return kFailed;
+  ga::INode* root = map->_GetNode("Root");
+  if (!root) return Problem("the camera's description has no Root category");
+  std::vector<ga::INode*> seen;
+  PrintTree(root, 0, wide, seen);
+  return kDone;
 }
 
-int Features(const char* which) {
-  return WithNodeMap(which, [&](ga::CNodeMapRef* map) {
-    ga::INode* root = map->_GetNode("Root");
-    if (!root) {
-      std::fprintf(stderr, "kivcam: the camera's description has no Root category\n");
-      return 1;
-    }
-    std::vector<ga::INode*> seen;
-    PrintTree(root, 0, seen);
-    return 0;
-  });
-}
-
-ga::INode* Find(ga::CNodeMapRef* map, const std::string& name) {
+ga::INode* Find(Camera& cam, const std::string& name) {
+  ga::CNodeMapRef* map = cam.NodeMap();
+  if (!map) return nullptr;
   ga::INode* n = map->_GetNode(name.c_str());
-  if (!n) std::fprintf(stderr, "kivcam: the camera has no feature '%s'\n", name.c_str());
+  if (!n) Problem("the camera has no feature '%s'", name.c_str());
   return n;
 }
 
-int Get(const char* which, char** names, int count) {
-  return WithNodeMap(which, [&](ga::CNodeMapRef* map) {
-    int rc = 0;
-    for (int i = 0; i < count; ++i) {
-      ga::INode* n = Find(map, names[i]);
-      if (!n) {
-        rc = 1;
-        continue;
-      }
-      std::string v = ValueText(n);
-      std::printf("%s = %s\n", names[i], v.c_str());
-      if (v.rfind("<error", 0) == 0 || v == "-") rc = 1;
-    }
-    return rc;
-  });
+std::vector<std::string> FeatureNames(ga::INode* category) {
+  std::vector<std::string> names;
+  for (ga::INode* f : Features(category)) names.push_back(f->GetName());
+  return names;
 }
 
-int Set(const char* which, char** assignments, int count) {
-  return WithNodeMap(which, [&](ga::CNodeMapRef* map) {
-    for (int i = 0; i < count; ++i) {
-      std::string a = assignments[i];
-      size_t eq = a.find('=');
-      if (eq == std::string::npos || eq == 0) {
-        std::fprintf(stderr, "kivcam: '%s' is not FEATURE=VALUE\n", a.c_str());
-        return 2;
-      }
-      std::string name = a.substr(0, eq), value = a.substr(eq + 1);
-      ga::INode* n = Find(map, name);
-      if (!n) return 1;
-      auto* v = dynamic_cast<ga::IValue*>(n);
-      if (!v) {
-        std::fprintf(stderr, "kivcam: '%s' holds no value\n", name.c_str());
-        return 1;
-      }
-      try {
-        v->FromString(value.c_str());
-      } catch (const ga::GenericException& e) {
-        std::fprintf(stderr, "kivcam: setting %s to '%s' failed: %s\n", name.c_str(), value.c_str(),
-                     e.GetDescription());
-        return 1;
-      }
-      std::printf("%s = %s\n", name.c_str(), ValueText(n).c_str());
-    }
-    return 0;
-  });
-}
-
-int Exec(const char* which, char** names, int count) {
-  return WithNodeMap(which, [&](ga::CNodeMapRef* map) {
-    for (int i = 0; i < count; ++i) {
-      ga::INode* n = Find(map, names[i]);
-      if (!n) return 1;
-      auto* c = dynamic_cast<ga::ICommand*>(n);
-      if (!c) {
-        std::fprintf(stderr, "kivcam: '%s' is not a command\n", names[i]);
-        return 1;
-      }
-      try {
-        c->Execute();
-      } catch (const ga::GenericException& e) {
-        std::fprintf(stderr, "kivcam: executing %s failed: %s\n", names[i], e.GetDescription());
-        return 1;
-      }
-      std::printf("%s executed\n", names[i]);
-    }
-    return 0;
-  });
-}
-
-int Reg(int argc, char** argv) {
-  if (argc < 3) return Usage(stderr, 2);
-  std::string op = argv[0];
-  uint64_t address = 0, value = 0, count = 1;
-  if (!ParseU64(argv[2], &address) || address > 0xFFFFFFFFu) {
-    std::fprintf(stderr, "kivcam: '%s' is not a 32-bit register address\n", argv[2]);
-    return 2;
+// Runs `each` on every named feature; a missing or failing one fails the
+// result but not the others.
+template <typename Each>
+int ForEachFeature(Camera& cam, const Args& names, Each&& each) {
+  int rc = kDone;
+  for (const std::string& name : names) {
+    ga::INode* n = Find(cam, name);
+    if (int r = n ? each(n, name) : kFailed) rc = r;
   }
-  if (op == "read") {
-    if (argc > 4 || (argc == 4 && (!ParseU64(argv[3], &count) || count == 0 || count > 4096))) {
-      return Usage(stderr, 2);
+  return rc;
+}
+
+int Describe(Camera& cam, const Args& names) {
+  return ForEachFeature(cam, names, [](ga::INode* n, const std::string& name) -> int {
+    auto line = [](const char* key, const std::string& text) {
+      if (!text.empty()) std::printf("  %-12s %s\n", key, text.c_str());
+    };
+    std::printf("%s\n", n->GetName().c_str());
+    line("type", TypeName(n));
+    line("access", AccessName(n->GetAccessMode()));
+    if (n->GetDisplayName() != n->GetName()) line("display name", n->GetDisplayName());
+    line("value", ValueText(n));
+    if (!Is(n, ga::intfIEnumeration)) line("range", Limits(n));
+    for (const std::string& e : Entries(n, true, true)) line("entry", e);
+    if (Is(n, ga::intfICategory)) line("features", Join(FeatureNames(n), ", "));
+    if (Is(n, ga::intfICommand)) line("run with", "kivcam CAMERA exec " + name);
+    line("description", n->GetDescription());
+    if (n->GetToolTip() != n->GetDescription()) line("tool tip", n->GetToolTip());
+    return kDone;
+  });
+}
+
+int Get(Camera& cam, const Args& names) {
+  return ForEachFeature(cam, names, [](ga::INode* n, const std::string& name) -> int {
+    if (Is(n, ga::intfICategory)) {
+      return Problem("%s is a category, not a value; its features: %s", name.c_str(),
+                     Join(FeatureNames(n), ", ").c_str());
     }
-  } else if (op == "write") {
-    if (argc != 4 || !ParseU64(argv[3], &value) || value > 0xFFFFFFFFu) return Usage(stderr, 2);
-  } else {
-    return Usage(stderr, 2);
+    if (Is(n, ga::intfICommand)) return Problem("%s is a command, not a value: run it with exec", name.c_str());
+    std::string v = ValueText(n);
+    std::printf("%s = %s\n", name.c_str(), v.c_str());
+    return v.rfind("<error", 0) == 0 || v == "-" ? kFailed : kDone;
+  });
+}
+
+// Writes `value` into a number feature after checking it as the number it
+// must be; other features (and numbers in other spellings, such as an IP
+// address) take the text as it is.
+int SetOne(ga::INode* n, const std::string& name, const std::string& value) {
+  auto* v = dynamic_cast<ga::IValue*>(n);
+  if (Is(n, ga::intfICommand)) return Problem("%s is a command: run it with exec, not set", name.c_str());
+  if (Is(n, ga::intfICategory)) return Problem("%s is a category and holds no value", name.c_str());
+  if (!v) return Problem("'%s' holds no value", name.c_str());
+  try {
+    auto* i = dynamic_cast<ga::IInteger*>(n);
+    auto* f = dynamic_cast<ga::IFloat*>(n);
+    if (i && LooksNumeric(value)) {
+      int64_t x = 0;
+      switch (ParseSigned(value, &x)) {
+        case Parsed::kOk:
+          i->SetValue(x);
+          return kDone;
+        case Parsed::kTooBig:
+          return UsageError("%s: '%s' is out of range for a 64-bit integer", name.c_str(), value.c_str());
+        default:
+          return UsageError("%s: '%s' is not an integer", name.c_str(), value.c_str());
+      }
+    }
+    if (f && LooksNumeric(value)) {
+      char* end = nullptr;
+      double x = std::strtod(value.c_str(), &end);
+      if (end == value.c_str() || *end) {
+        return UsageError("%s: '%s' is not a number", name.c_str(), value.c_str());
+      }
+      if (!std::isfinite(x)) {
+        return UsageError("%s: '%s' is not a finite number", name.c_str(), value.c_str());
+      }
+      f->SetValue(x);
+      return kDone;
+    }
+    v->FromString(value.c_str());
+  } catch (const ga::GenericException& e) {
+    Problem("setting %s to '%s' failed: %s", name.c_str(), value.c_str(), e.GetDescription());
+    std::vector<std::string> entries = Entries(n, false);
+    if (!entries.empty()) std::fprintf(stderr, "kivcam: %s takes one of: %s\n", name.c_str(), Join(entries, ", ").c_str());
+    return kFailed;
   }
-  Camera cam;
-  if (int rc = cam.Open(argv[1])) return rc;
+  return kDone;
+}
+
+int Set(Camera& cam, const Args& assignments) {
+  for (const std::string& a : assignments) {
+    size_t eq = a.find('=');
+    if (eq == std::string::npos || eq == 0) return UsageError("'%s' is not FEATURE=VALUE", a.c_str());
+    std::string name = a.substr(0, eq), value = a.substr(eq + 1);
+    ga::INode* n = Find(cam, name);
+    if (!n) return kFailed;
+    if (int rc = SetOne(n, name, value)) return rc;
+    std::printf("%s = %s\n", name.c_str(), ValueText(n).c_str());
+  }
+  return kDone;
+}
+
+int Exec(Camera& cam, const Args& names) {
+  for (const std::string& name : names) {
+    ga::INode* n = Find(cam, name);
+    if (!n) return kFailed;
+    auto* c = dynamic_cast<ga::ICommand*>(n);
+    if (!c) return Problem("'%s' is not a command", name.c_str());
+    try {
+      c->Execute();
+    } catch (const ga::GenericException& e) {
+      return Problem("executing %s failed: %s", name.c_str(), e.GetDescription());
+    }
+    std::printf("%s executed\n", name.c_str());
+  }
+  return kDone;
+}
+
+// The arguments of `reg`, checked before any camera is opened.
+struct RegRequest {
+  bool write = false;
+  uint32_t address = 0;
+  uint32_t value = 0;
+  uint32_t count = 1;
+};
+
+int ParseReg(const Args& args, RegRequest* r) {
+  if (args.empty()) return UsageError("reg needs an operation: read or write");
+  if (args[0] != "read" && args[0] != "write") {
+    return UsageError("unknown reg operation '%s' (read or write)", args[0].c_str());
+  }
+  r->write = args[0] == "write";
+  if (args.size() < 2) return UsageError("missing argument: ADDRESS");
+  int rc = kDone;
+  uint64_t v = 0;
+  if (!RegisterNumber(args[1], "address", 0xFFFFFFFFu, &v, &rc)) return rc;
+  r->address = static_cast<uint32_t>(v);
+  if (r->write) {
+    if (args.size() < 3) return UsageError("missing argument: VALUE");
+    if (args.size() > 3) return UsageError("reg write takes one VALUE, got %zu", args.size() - 2);
+    if (!RegisterNumber(args[2], "value", 0xFFFFFFFFu, &v, &rc)) return rc;
+    r->value = static_cast<uint32_t>(v);
+    return kDone;
+  }
+  if (args.size() > 3) return UsageError("reg read takes ADDRESS [COUNT], got %zu arguments", args.size() - 1);
+  if (args.size() == 3) {
+    if (!RegisterNumber(args[2], "count", kMaxRegisterCount, &v, &rc)) return rc;
+    if (v == 0) return UsageError("a register count must be at least 1");
+    r->count = static_cast<uint32_t>(v);
+  }
+  return kDone;
+}
+
+int Reg(Camera& cam, const RegRequest& r) {
   CameraListEntry e;
   if (!KIVCAM_CameraInfo(cam.handle(), &e)) return Fail("KIVCAM_CameraInfo");
   // GigE Vision registers are big-endian on the wire, USB3 Vision ones little-endian.
   bool big_endian = e.CameraKind == KIVCAM_CAMERAKIND_GIGE;
-  if (op == "write") {
-    uint32_t v = static_cast<uint32_t>(value);
+  if (r.write) {
     unsigned char bytes[4];
     for (int b = 0; b < 4; ++b)
-      bytes[b] = static_cast<unsigned char>(v >> (big_endian ? 24 - 8 * b : 8 * b));
+      bytes[b] = static_cast<unsigned char>(r.value >> (big_endian ? 24 - 8 * b : 8 * b));
     uint32_t size = 4;
-    if (!KIVCAM_WritePort(cam.handle(), static_cast<uint32_t>(address), bytes, &size)) {
-      return Fail("KIVCAM_WritePort");
-    }
-    std::printf("0x%08X <- 0x%08X\n", static_cast<uint32_t>(address), v);
-    return 0;
+    if (!KIVCAM_WritePort(cam.handle(), r.address, bytes, &size)) return Fail("KIVCAM_WritePort");
+    std::printf("0x%08X <- 0x%08X\n", r.address, r.value);
+    return kDone;
   }
-  std::vector<unsigned char> bytes(4 * count);
+  std::vector<unsigned char> bytes(4u * r.count);
   uint32_t size = static_cast<uint32_t>(bytes.size());
-  if (!KIVCAM_ReadPort(cam.handle(), static_cast<uint32_t>(address), bytes.data(), &size)) {
-    return Fail("KIVCAM_ReadPort");
-  }
+  if (!KIVCAM_ReadPort(cam.handle(), r.address, bytes.data(), &size)) return Fail("KIVCAM_ReadPort");
   for (uint32_t off = 0; off + 4 <= size; off += 4) {
     uint32_t v = 0;
     for (int b = 0; b < 4; ++b) {
       v |= static_cast<uint32_t>(bytes[off + b]) << (big_endian ? 24 - 8 * b : 8 * b);
     }
-    std::printf("0x%08X  0x%08X  %10u\n", static_cast<uint32_t>(address + off), v, v);
+    std::printf("0x%08X  0x%08X  %10u\n", static_cast<uint32_t>(r.address + off), v, v);
   }
-  return 0;
+  return kDone;
+}
+
+// ---- steps ----------------------------------------------------------------------
+
+// One step on an open camera: a verb and its arguments. Arguments are checked
+// before the camera is opened, so a usage error costs no open.
+struct Step {
+  std::string verb;
+  Args args;
+  RegRequest reg;
+  bool wide = false;
+};
+
+const char* const kVerbs[] = {"info", "features", "describe", "get", "set", "exec", "reg"};
+
+bool IsVerb(const std::string& s) {
+  for (const char* v : kVerbs) {
+    if (s == v) return true;
+  }
+  return false;
+}
+
+int CheckStep(Step* s) {
+  const std::string& v = s->verb;
+  if (v == "info") {
+    if (!s->args.empty()) return UsageError("info takes no arguments after CAMERA");
+  } else if (v == "features") {
+    if (s->args.size() == 1 && s->args[0] == "--long") {
+      s->wide = true;
+    } else if (!s->args.empty()) {
+      return UsageError("features takes only --long after CAMERA, not '%s'", s->args[0].c_str());
+    }
+  } else if (v == "describe" || v == "get" || v == "exec") {
+    if (s->args.empty()) return UsageError("missing argument: %s", v == "exec" ? "COMMAND" : "FEATURE");
+  } else if (v == "set") {
+    if (s->args.empty()) return UsageError("missing argument: FEATURE=VALUE");
+    for (const std::string& a : s->args) {
+      if (a.find('=') == std::string::npos || a[0] == '=') return UsageError("'%s' is not FEATURE=VALUE", a.c_str());
+    }
+  } else if (v == "reg") {
+    return ParseReg(s->args, &s->reg);
+  } else {
+    return UsageError("unknown step '%s' (one of info, features, describe, get, set, exec, reg)", v.c_str());
+  }
+  return kDone;
+}
+
+int RunStep(Camera& cam, const Step& s) {
+  if (s.verb == "info") return Info(cam);
+  if (s.verb == "features") return FeatureTree(cam, s.wide);
+  if (s.verb == "describe") return Describe(cam, s.args);
+  if (s.verb == "get") return Get(cam, s.args);
+  if (s.verb == "set") return Set(cam, s.args);
+  if (s.verb == "exec") return Exec(cam, s.args);
+  return Reg(cam, s.reg);
+}
+
+// Opens the camera once and runs the steps in order; the first failure ends.
+int RunSteps(const std::string& camera, std::vector<Step>& steps) {
+  uint64_t uid = 0;
+  int rc = kDone;
+  if (!ParseCamera(camera, &uid, &rc)) return rc;
+  for (Step& s : steps) {
+    if ((rc = CheckStep(&s))) return rc;
+  }
+  Camera cam;
+  if ((rc = cam.Open(uid))) return rc;
+  for (const Step& s : steps) {
+    std::fflush(stdout);
+    if ((rc = RunStep(cam, s))) return rc;
+  }
+  return kDone;
+}
+
+// "set A=1 exec B get C": each verb with the words up to the next verb.
+bool SplitSteps(const Args& words, std::vector<Step>* steps, int* rc) {
+  for (const std::string& w : words) {
+    if (IsVerb(w)) {
+      steps->push_back(Step{w, {}, {}, false});
+    } else if (steps->empty()) {
+      *rc = UsageError("'%s' is not a step (one of info, features, describe, get, set, exec, reg)", w.c_str());
+      return false;
+    } else {
+      steps->back().args.push_back(w);
+    }
+  }
+  if (steps->empty()) {
+    *rc = UsageError("missing step after CAMERA");
+    return false;
+  }
+  return true;
+}
+
+// ---- shell ----------------------------------------------------------------------
+
+Args Words(const std::string& line) {
+  Args words;
+  std::istringstream in(line);
+  for (std::string w; in >> w;) words.push_back(w);
+  return words;
+}
+
+// One line of input: from readline with history on a terminal, else plainly.
+class LineReader {
+ public:
+  LineReader() : interactive_(isatty(0)) {
+#ifdef KIVCAM_HAVE_READLINE
+    if (interactive_) {
+      if (const char* home = std::getenv("HOME")) history_ = std::string(home) + "/.kivcam_history";
+      if (!history_.empty()) read_history(history_.c_str());
+    }
+#endif
+  }
+  ~LineReader() {
+#ifdef KIVCAM_HAVE_READLINE
+    if (!history_.empty()) {
+      write_history(history_.c_str());
+      history_truncate_file(history_.c_str(), 1000);
+    }
+#endif
+  }
+  bool interactive() const { return interactive_; }
+  bool Read(std::string* line) {
+#ifdef KIVCAM_HAVE_READLINE
+    if (interactive_) {
+      char* raw = readline("kivcam> ");
+      if (!raw) return false;
+      *line = raw;
+      if (!Words(*line).empty()) add_history(raw);
+      std::free(raw);
+      return true;
+    }
+#endif
+    if (interactive_) {
+      std::fputs("kivcam> ", stdout);
+      std::fflush(stdout);
+    }
+    return static_cast<bool>(std::getline(std::cin, *line));
+  }
+
+ private:
+  bool interactive_;
+  std::string history_;
+};
+
+int Shell(const std::string& camera) {
+  uint64_t uid = 0;
+  int rc = kDone;
+  if (!ParseCamera(camera, &uid, &rc)) return rc;
+  Camera cam;
+  if ((rc = cam.Open(uid))) return rc;
+  LineReader in;
+  g_in_shell = true;
+  if (in.interactive()) std::printf("Steps on the open camera; `help` lists them, `quit` ends.\n");
+  int worst = kDone;
+  for (std::string line; in.Read(&line);) {
+    Args words = Words(line);
+    if (words.empty() || words[0][0] == '#') continue;
+    if (words[0] == "quit" || words[0] == "exit") break;
+    if (words[0] == "help") {
+      std::printf("%s", kStepsHelp);
+      continue;
+    }
+    Step s{words[0], Args(words.begin() + 1, words.end()), {}, false};
+    rc = CheckStep(&s);
+    if (!rc) rc = RunStep(cam, s);
+    std::fflush(stdout);
+    if (rc > worst) worst = rc;
+  }
+  return worst;
+}
+
+// ---- main -----------------------------------------------------------------------
+
+int Version() {
+  std::printf("kivcam %s, library revision %u\n", KIVCAM_VERSION, KIVCAM_GetLibraryRevision());
+  return kDone;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) return Usage(stderr, 2);
-  std::string cmd = argv[1];
-  if (cmd == "--help" || cmd == "-h" || cmd == "help") return Usage(stdout, 0);
-  if (cmd == "list" && argc == 2) return List();
-  if (cmd == "info" && argc == 3) return Info(argv[2]);
-  if (cmd == "features" && argc == 3) return Features(argv[2]);
-  if (cmd == "get" && argc >= 4) return Get(argv[2], argv + 3, argc - 3);
-  if (cmd == "set" && argc >= 4) return Set(argv[2], argv + 3, argc - 3);
-  if (cmd == "exec" && argc >= 4) return Exec(argv[2], argv + 3, argc - 3);
-  if (cmd == "reg") return Reg(argc - 2, argv + 2);
-  return Usage(stderr, 2);
+  Args args(argv + 1, argv + argc);
+  if (args.empty()) return UsageError("missing command");
+  const std::string cmd = args[0];
+  if (cmd == "--help" || cmd == "-h" || cmd == "help") return Usage(stdout, kDone);
+  if (cmd == "--version") return Version();
+  if (cmd == "list") return args.size() == 1 ? List() : UsageError("list takes no arguments");
+  if (cmd == "shell") {
+    if (args.size() < 2) return UsageError("missing argument: CAMERA");
+    if (args.size() > 2) return UsageError("shell takes one CAMERA");
+    return Shell(args[1]);
+  }
+  if (cmd == "reg") {  // reg OPERATION CAMERA ...: the camera comes second
+    if (args.size() < 2) return UsageError("reg needs an operation: read or write");
+    if (args.size() < 3) return UsageError("missing argument: CAMERA");
+    Args rest{args[1]};
+    rest.insert(rest.end(), args.begin() + 3, args.end());
+    std::vector<Step> steps{Step{cmd, rest, {}, false}};
+    return RunSteps(args[2], steps);
+  }
+  if (IsVerb(cmd)) {
+    if (args.size() < 2) return UsageError("missing argument: CAMERA");
+    std::vector<Step> steps{Step{cmd, Args(args.begin() + 2, args.end()), {}, false}};
+    return RunSteps(args[1], steps);
+  }
+  if (cmd == "first" || (cmd[0] >= '0' && cmd[0] <= '9')) {
+    std::vector<Step> steps;
+    int rc = kDone;
+    if (!SplitSteps(Args(args.begin() + 1, args.end()), &steps, &rc)) return rc;
+    return RunSteps(cmd, steps);
+  }
+  if (cmd[0] == '-') return UsageError("unknown option '%s'", cmd.c_str());
+  return UsageError("unknown command '%s'", cmd.c_str());
 }

@@ -3,7 +3,9 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -129,15 +131,44 @@ void Set(CNodeMapRef& map, const std::string& assignment) {
   v->FromString(value);
 }
 
-int Usage() {
-  std::fprintf(stderr,
+int Usage(FILE* out, int rc) {
+  std::fprintf(out,
                "usage: kivgenapi-dump [--bin FILE [--base HEXADDR]] [--mem FILE] [--inject FILE]\n"
                "                      [--set NAME=VALUE]... DESCRIPTION(.xml|.zip)\n"
-               "  --bin   flat binary memory image mapped at --base (default 0)\n"
-               "  --mem   text memory: lines '<hex address> <length> <hex bytes>'\n"
-               "Prints: name, type, access mode, value or error; then the FNV-1a digest\n"
-               "of the port memory (address and byte of every cell, in address order).\n");
-  return 2;
+               "  --bin FILE     flat binary memory image of the device, mapped at --base\n"
+               "  --base HEXADDR where the --bin image starts (hexadecimal, default 0)\n"
+               "  --mem FILE     text memory: lines '<hex address> <length> <hex bytes>'\n"
+               "  --inject FILE  a second description merged into the first (like _KIVADD.xml)\n"
+               "  --set N=V      write a value (in order) before the dump\n"
+               "With memory: every node's name, type, access mode and value (or error); then\n"
+               "the FNV-1a digest of the port memory (address and byte of every cell, in\n"
+               "address order). Without --bin or --mem: the feature tree (name and type)\n"
+               "and the other nodes, since no register can be read.\n"
+               "Exit codes: 0 done, 1 the description or a --set failed, 2 usage.\n");
+  return rc;
+}
+
+// The feature tree from Root, then the nodes outside it: what a description
+// holds, shown when there is no memory to read values from.
+void PrintStructure(CNodeMapRef& map) {
+  std::vector<INode*> seen;
+  std::function<void(INode*, int)> walk = [&](INode* n, int depth) {
+    if (std::find(seen.begin(), seen.end(), n) != seen.end()) return;
+    seen.push_back(n);
+    std::printf("%*s%s\t%s\n", 2 * depth, "", n->GetName().c_str(), TypeName(n));
+    if (auto* cat = dynamic_cast<ICategory*>(n)) {
+      FeatureList_t features;
+      cat->GetFeatures(features);
+      for (IValue* f : features)
+        if (INode* child = f->GetNode()) walk(child, depth + 1);
+    }
+  };
+  if (INode* root = map._GetNode("Root")) walk(root, 0);
+  NodeList_t nodes;
+  map._GetNodes(nodes);
+  std::printf("# not in the feature tree\n");
+  for (INode* n : nodes)
+    if (std::find(seen.begin(), seen.end(), n) == seen.end()) std::printf("%s\t%s\n", n->GetName().c_str(), TypeName(n));
 }
 
 }  // namespace
@@ -158,15 +189,21 @@ int main(int argc, char** argv) {
       else if (a == "--mem") text = next();
       else if (a == "--inject") inject = next();
       else if (a == "--set") sets.push_back(next());
-      else if (a == "-h" || a == "--help") return Usage();
-      else if (!a.empty() && a[0] == '-') return Usage();
+      else if (a == "-h" || a == "--help") return Usage(stdout, 0);
+      else if (!a.empty() && a[0] == '-') {
+        std::fprintf(stderr, "kivgenapi-dump: unknown option '%s'\n", a.c_str());
+        return Usage(stderr, 2);
+      }
       else desc = a;
     } catch (const std::exception& e) {
       std::fprintf(stderr, "kivgenapi-dump: %s\n", e.what());
       return 2;
     }
   }
-  if (desc.empty()) return Usage();
+  if (desc.empty()) {
+    std::fprintf(stderr, "kivgenapi-dump: missing DESCRIPTION\n");
+    return Usage(stderr, 2);
+  }
   try {
     MemoryPort port;
     if (!bin.empty()) {
@@ -191,6 +228,12 @@ int main(int argc, char** argv) {
     }
     NodeList_t nodes;
     map._GetNodes(nodes);
+    if (bin.empty() && text.empty()) {
+      std::fprintf(stderr, "kivgenapi-dump: no memory image given (--bin or --mem): no value can be read; "
+                           "showing the description's structure\n");
+      PrintStructure(map);
+      nodes.clear();
+    }
     for (INode* n : nodes)
       std::printf("%s\t%s\t%s\t%s\n", n->GetName().c_str(), TypeName(n), AccessModeName(n->GetAccessMode()),
                   Value(n).c_str());
