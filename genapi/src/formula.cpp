@@ -144,10 +144,9 @@ class Compiler {
   // `expression` names the expression being compiled (null: the formula).
   Compiler(const std::string& text, const std::string* expression, CFormula::Mode mode,
            const std::vector<std::string>& variables, const NameIndex& variable_index,
-           const std::vector<Expression>& expressions,
-           const std::vector<std::pair<std::string, std::string>>& all_expressions, const NameIndex& expression_index)
+           const std::vector<Expression>& expressions, const NameIndex& expression_index)
       : text_(text), expression_(expression), mode_(mode), variables_(variables), variable_index_(variable_index),
-        expressions_(expressions), all_expressions_(all_expressions), expression_index_(expression_index) {
+        expressions_(expressions), expression_index_(expression_index) {
     unit_.used.assign(variables.size(), false);
   }
 
@@ -528,7 +527,6 @@ class Compiler {
   const NameIndex& variable_index_;
   // Compiled expressions visible to this text (none while compiling an expression).
   const std::vector<Expression>& expressions_;
-  const std::vector<std::pair<std::string, std::string>>& all_expressions_;
   const NameIndex& expression_index_;
   std::vector<Token> tokens_;
   size_t next_ = 0;
@@ -551,10 +549,10 @@ CFormula::CFormula(const std::string& text, Mode mode, const std::vector<std::st
   std::vector<Expression> compiled;
   const std::vector<Expression> none;
   for (const auto& e : expressions) {
-    Compiler c(e.second, &e.first, mode, variables, variable_index, none, expressions, expression_index);
+    Compiler c(e.second, &e.first, mode, variables, variable_index, none, expression_index);
     compiled.push_back({e.first, c.Compile()});
   }
-  Compiler c(text, nullptr, mode, variables, variable_index, compiled, expressions, expression_index);
+  Compiler c(text, nullptr, mode, variables, variable_index, compiled, expression_index);
   Unit unit = c.Compile();
   impl_->code = std::move(unit.code);
   impl_->used = std::move(unit.used);
