@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <limits>
 #include <string_view>
+#include <unordered_map>
 
 #include "formula_code.h"
 
@@ -119,24 +120,33 @@ struct Expression {
   Unit unit;
 };
 
-// Names looked up by the compiler: sorted once, so that a formula over
-// hundreds of variables (lookup tables written as formulas) compiles in
-// n log n, not n squared. The first of equal names wins.
+// Names looked up by the compiler. A formula over hundreds of variables (a
+// lookup table written as a formula) must not compare every identifier with
+// every name; the usual handful is faster to scan. The first of equal names
+// wins.
 class NameIndex {
  public:
   template <typename Get>
   NameIndex(size_t n, Get name_of) {
-    entries_.reserve(n);
-    for (size_t k = 0; k < n; ++k) entries_.emplace_back(name_of(k), static_cast<int>(k));
-    std::sort(entries_.begin(), entries_.end());
+    names_.reserve(n);
+    for (size_t k = 0; k < n; ++k) names_.push_back(name_of(k));
+    if (n > kScan)
+      for (size_t k = n; k-- > 0;) index_[names_[k]] = static_cast<int>(k);
   }
   int Find(std::string_view name) const {
-    auto it = std::lower_bound(entries_.begin(), entries_.end(), std::make_pair(name, -1));
-    return it != entries_.end() && it->first == name ? it->second : -1;
+    if (names_.size() <= kScan) {
+      for (size_t k = 0; k < names_.size(); ++k)
+        if (names_[k] == name) return static_cast<int>(k);
+      return -1;
+    }
+    auto it = index_.find(name);
+    return it == index_.end() ? -1 : it->second;
   }
 
  private:
-  std::vector<std::pair<std::string_view, int>> entries_;
+  static constexpr size_t kScan = 16;
+  std::vector<std::string_view> names_;
+  std::unordered_map<std::string_view, int> index_;
 };
 
 class Compiler {
@@ -403,13 +413,14 @@ class Compiler {
   }
 
   void ParseUnary() {
-    std::vector<Tok> prefix;
-    while (Peek().kind == Tok::Minus || Peek().kind == Tok::Plus || Peek().kind == Tok::Tilde)
-      prefix.push_back(Next().kind);
+    // The prefix operators are the tokens just before the operand.
+    const size_t first = next_;
+    while (Peek().kind == Tok::Minus || Peek().kind == Tok::Plus || Peek().kind == Tok::Tilde) Next();
+    const size_t end = next_;
     ParsePrimary();
-    for (auto it = prefix.rbegin(); it != prefix.rend(); ++it) {
-      if (*it == Tok::Minus) Emit(Op::Neg, 0);
-      if (*it == Tok::Tilde) Emit(Op::BitNot, 0);
+    for (size_t k = end; k > first; --k) {
+      if (tokens_[k - 1].kind == Tok::Minus) Emit(Op::Neg, 0);
+      if (tokens_[k - 1].kind == Tok::Tilde) Emit(Op::BitNot, 0);
     }
   }
 
