@@ -117,6 +117,31 @@ TEST(Converter, BothFormulasRangesSlopeAndTruncation) {
   EXPECT_THROW(CFloatPtr(f.Node("Lower"))->SetValue(1), LogicalErrorException);  // TO and FROM are upper case
 }
 
+// A fixed-point temperature whose position register holds a huge negative
+// count (a register image, not a real temperature): value and range read 0
+// instead of failing.
+TEST(Converter, FixedPointOverAnyPositionRegisterHasAValue) {
+  Fixture f(R"(
+    <IntReg Name="Val"><Address>0</Address><Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort>
+      <Sign>Signed</Sign></IntReg>
+    <IntReg Name="Posn"><Address>4</Address><Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort>
+      <Sign>Signed</Sign></IntReg>
+    <Converter Name="Temp"><pVariable Name="FRACBITS">Posn</pVariable><FormulaTo>FROM*(2**FRACBITS)</FormulaTo>
+      <FormulaFrom>TO/(2**FRACBITS)</FormulaFrom><pValue>Val</pValue><Slope>Increasing</Slope></Converter>
+    <IntSwissKnife Name="Byte"><pVariable Name="X">Val</pVariable><pVariable Name="Y">Posn</pVariable>
+      <Formula>(X &gt;&gt; Y) &amp; 0xFF</Formula></IntSwissKnife>)");
+  f.port.PokeU32LE(0, 0x12345678);
+  f.port.PokeU32LE(4, 0x88CA6C00);  // -2000000000
+  CFloatPtr temp(f.Node("Temp"));
+  EXPECT_EQ(temp->GetValue(), 0.0);
+  EXPECT_EQ(temp->GetMin(), 0.0);
+  EXPECT_EQ(temp->GetMax(), 0.0);
+  EXPECT_EQ(CIntegerPtr(f.Node("Byte"))->GetValue(), (0x12345678 >> (-2000000000 & 63)) & 0xFF);
+  f.port.PokeU32LE(4, 4);
+  f.map._InvalidateNodes();
+  EXPECT_DOUBLE_EQ(temp->GetValue(), 0x12345678 / 16.0);
+}
+
 // The description of an open-source engine's test suite: an IntConverter
 // whose FormulaFrom multiplies by a float literal.
 TEST(IntConverter, FloatLiteralInTheTestSuiteDescription) {
