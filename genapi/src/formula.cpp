@@ -317,7 +317,6 @@ class Compiler {
   const Token& Next() { return tokens_[next_ < tokens_.size() - 1 ? next_++ : next_]; }
 
   void Emit(Op op, int stack_delta, int32_t arg = 0) {
-    if (mode_ == CFormula::Mode::Integer && op == Op::Round2) unit_.has_float = true;
     Instr in;
     in.op = op;
     in.arg = arg;
@@ -387,7 +386,7 @@ class Compiler {
     while (LookupBinary(Peek().kind, &bin) && bin.level >= min_level) {
       Next();
       if (bin.level == kAndLevel || bin.level == kOrLevel) {
-        // Short-circuit, so that "B <> 0 && A / B > 1" never divides by zero.
+        // Short-circuit: the right side is evaluated only when it decides.
         const size_t skip = EmitJump(bin.level == kAndLevel ? Op::AndJump : Op::OrJump, -1);
         ParseBinary(bin.level + 1);
         Emit(Op::ToBool, 0);
@@ -480,7 +479,7 @@ class Compiler {
                              ", not " + std::to_string(args));
     }
     Op op = (f->op == Op::Round && args == 2) ? Op::Round2 : f->op;
-    if (f->float_result) unit_.has_float = true;
+    if (f->float_result || op == Op::Round2) unit_.has_float = true;
     Emit(op, 1 - args);
   }
 
