@@ -35,7 +35,7 @@ struct NodeDesc {
     const DescChild* c = First(tag);
     return c ? c->text : def;
   }
-  bool Has(const char* tag) const { return First(tag) != nullptr; }
+  bool Has(std::string_view tag) const { return First(tag) != nullptr; }
   std::vector<const DescChild*> All(std::string_view tag) const {
     std::vector<const DescChild*> out;
     for (const auto& c : children)

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cstdio>
 #include <limits>
+#include <string_view>
+#include <unordered_map>
 
 #include "formula_code.h"
 
@@ -49,17 +51,19 @@ struct Function {
   const char* name;
   int min_args, max_args;
   Op op;
-  bool in_integer_mode;  // only SGN and NEG exist for integer formulas
+  // A double even for an integer argument; the others keep the argument's
+  // type (TRUNC, FLOOR, CEIL, ROUND and FRAC of an integer are integers).
+  bool float_result;
 };
 
 const Function kFunctions[] = {
-    {"SGN", 1, 1, Op::Sgn, true},      {"NEG", 1, 1, Op::Neg, true},
-    {"ABS", 1, 1, Op::Abs, false},     {"SQRT", 1, 1, Op::Sqrt, false},
-    {"EXP", 1, 1, Op::Exp, false},     {"LN", 1, 1, Op::Ln, false},
-    {"LG", 1, 1, Op::Lg, false},       {"SIN", 1, 1, Op::Sin, false},
-    {"COS", 1, 1, Op::Cos, false},     {"TAN", 1, 1, Op::Tan, false},
-    {"ASIN", 1, 1, Op::Asin, false},   {"ACOS", 1, 1, Op::Acos, false},
-    {"ATAN", 1, 1, Op::Atan, false},   {"TRUNC", 1, 1, Op::Trunc, false},
+    {"SGN", 1, 1, Op::Sgn, false},     {"NEG", 1, 1, Op::Neg, false},
+    {"ABS", 1, 1, Op::Abs, false},     {"SQRT", 1, 1, Op::Sqrt, true},
+    {"EXP", 1, 1, Op::Exp, true},      {"LN", 1, 1, Op::Ln, true},
+    {"LG", 1, 1, Op::Lg, true},        {"SIN", 1, 1, Op::Sin, true},
+    {"COS", 1, 1, Op::Cos, true},      {"TAN", 1, 1, Op::Tan, true},
+    {"ASIN", 1, 1, Op::Asin, true},    {"ACOS", 1, 1, Op::Acos, true},
+    {"ATAN", 1, 1, Op::Atan, true},    {"TRUNC", 1, 1, Op::Trunc, false},
     {"FLOOR", 1, 1, Op::Floor, false}, {"CEIL", 1, 1, Op::Ceil, false},
     {"ROUND", 1, 2, Op::Round, false}, {"FRAC", 1, 1, Op::Frac, false},
 };
@@ -108,6 +112,7 @@ struct Unit {
   std::vector<Instr> code;
   std::vector<bool> used;
   size_t max_stack = 0;
+  bool has_float = false;
 };
 
 struct Expression {
@@ -115,13 +120,43 @@ struct Expression {
   Unit unit;
 };
 
+// Names looked up by the compiler. A formula over hundreds of variables (a
+// lookup table written as a formula) must not compare every identifier with
+// every name; the usual handful is faster to scan. The first of equal names
+// wins.
+class NameIndex {
+ public:
+  template <typename Get>
+  NameIndex(size_t n, Get name_of) {
+    names_.reserve(n);
+    for (size_t k = 0; k < n; ++k) names_.push_back(name_of(k));
+    if (n > kScan)
+      for (size_t k = n; k-- > 0;) index_[names_[k]] = static_cast<int>(k);
+  }
+  int Find(std::string_view name) const {
+    if (names_.size() <= kScan) {
+      for (size_t k = 0; k < names_.size(); ++k)
+        if (names_[k] == name) return static_cast<int>(k);
+      return -1;
+    }
+    auto it = index_.find(name);
+    return it == index_.end() ? -1 : it->second;
+  }
+
+ private:
+  static constexpr size_t kScan = 16;
+  std::vector<std::string_view> names_;
+  std::unordered_map<std::string_view, int> index_;
+};
+
 class Compiler {
  public:
-  Compiler(const std::string& text, int source, const std::string& where, CFormula::Mode mode,
-           const std::vector<std::string>& variables, const std::vector<Expression>& expressions,
-           const std::vector<std::pair<std::string, std::string>>& all_expressions)
-      : text_(text), source_(source), where_(where), mode_(mode), variables_(variables),
-        expressions_(expressions), all_expressions_(all_expressions) {
+  // `expression` names the expression being compiled (null: the formula).
+  Compiler(const std::string& text, const std::string* expression, CFormula::Mode mode,
+           const std::vector<std::string>& variables, const NameIndex& variable_index,
+           const std::vector<Expression>& expressions, const NameIndex& expression_index)
+      : text_(text), expression_(expression), mode_(mode), variables_(variables), variable_index_(variable_index),
+        expressions_(expressions), expression_index_(expression_index) {
     unit_.used.assign(variables.size(), false);
   }
 
@@ -135,7 +170,8 @@ class Compiler {
 
  private:
   [[noreturn]] void Fail(size_t pos, const std::string& what) const {
-    throw FormulaError(what + " at column " + std::to_string(pos + 1) + " of " + where_);
+    const std::string where = expression_ ? "expression '" + *expression_ + "' " + Quote(text_) : "formula " + Quote(text_);
+    throw FormulaError(what + " at column " + std::to_string(pos + 1) + " of " + where);
   }
 
   std::string Describe(const Token& t) const {
@@ -296,7 +332,10 @@ class Compiler {
     if (mode_ == CFormula::Mode::Float) {
       in.f = t.d;
     } else if (t.is_float) {
-      in.i = SaturatingInt(t.d);  // integer formulas truncate float literals
+      // An integer formula computes in double from here on.
+      in.op = Op::ConstF;
+      in.f = t.d;
+      unit_.has_float = true;
     } else {
       if (!t.fits_int) Fail(t.pos, "integer number wider than 64 bits");
       in.i = static_cast<int64_t>(t.u);  // two's complement: 0xFFFFFFFFFFFFFFFF is -1
@@ -312,8 +351,6 @@ class Compiler {
       if (depth_ > kMaxStack) Fail(Peek().pos, "formula too complex (more than " + std::to_string(kMaxStack) + " pending values)");
     }
   }
-
-  int32_t Location(size_t pos) const { return PackLocation(source_, pos + 1); }
 
   size_t EmitJump(Op op, int stack_delta) {
     Emit(op, stack_delta);
@@ -347,16 +384,16 @@ class Compiler {
     ParsePower();
     BinaryOp bin;
     while (LookupBinary(Peek().kind, &bin) && bin.level >= min_level) {
-      const Token& op = Next();
+      Next();
       if (bin.level == kAndLevel || bin.level == kOrLevel) {
-        // Short-circuit, so that "B <> 0 && A / B > 1" never divides by zero.
+        // Short-circuit: the right side is evaluated only when it decides.
         const size_t skip = EmitJump(bin.level == kAndLevel ? Op::AndJump : Op::OrJump, -1);
         ParseBinary(bin.level + 1);
         Emit(Op::ToBool, 0);
         PatchJump(skip);
       } else {
         ParseBinary(bin.level + 1);
-        Emit(bin.op, -1, Location(op.pos));
+        Emit(bin.op, -1);
       }
     }
   }
@@ -365,22 +402,24 @@ class Compiler {
   // Right-associative without recursion: a b c POW POW is a**(b**c).
   void ParsePower() {
     ParseUnary();
-    std::vector<size_t> ops;
+    size_t ops = 0;
     while (Peek().kind == Tok::Power) {
-      ops.push_back(Next().pos);
+      Next();
+      ++ops;
       ParseUnary();
     }
-    for (auto it = ops.rbegin(); it != ops.rend(); ++it) Emit(Op::Pow, -1, Location(*it));
+    for (; ops > 0; --ops) Emit(Op::Pow, -1);
   }
 
   void ParseUnary() {
-    std::vector<Tok> prefix;
-    while (Peek().kind == Tok::Minus || Peek().kind == Tok::Plus || Peek().kind == Tok::Tilde)
-      prefix.push_back(Next().kind);
+    // The prefix operators are the tokens just before the operand.
+    const size_t first = next_;
+    while (Peek().kind == Tok::Minus || Peek().kind == Tok::Plus || Peek().kind == Tok::Tilde) Next();
+    const size_t end = next_;
     ParsePrimary();
-    for (auto it = prefix.rbegin(); it != prefix.rend(); ++it) {
-      if (*it == Tok::Minus) Emit(Op::Neg, 0);
-      if (*it == Tok::Tilde) Emit(Op::BitNot, 0);
+    for (size_t k = end; k > first; --k) {
+      if (tokens_[k - 1].kind == Tok::Minus) Emit(Op::Neg, 0);
+      if (tokens_[k - 1].kind == Tok::Tilde) Emit(Op::BitNot, 0);
     }
   }
 
@@ -440,19 +479,12 @@ class Compiler {
                              ", not " + std::to_string(args));
     }
     Op op = (f->op == Op::Round && args == 2) ? Op::Round2 : f->op;
-    if (mode_ == CFormula::Mode::Integer && !f->in_integer_mode) op = Op::FloatOnly;
-    Emit(op, 1 - args, Location(name_tok.pos));
+    if (f->float_result || op == Op::Round2) unit_.has_float = true;
+    Emit(op, 1 - args);
   }
 
-  int FindVariable(const std::string& name) const {
-    auto it = std::find(variables_.begin(), variables_.end(), name);
-    return it == variables_.end() ? -1 : static_cast<int>(it - variables_.begin());
-  }
-  int FindExpression(const std::string& name) const {
-    for (size_t k = 0; k < all_expressions_.size(); ++k)
-      if (all_expressions_[k].first == name) return static_cast<int>(k);
-    return -1;
-  }
+  int FindVariable(const std::string& name) const { return variable_index_.Find(name); }
+  int FindExpression(const std::string& name) const { return expression_index_.Find(name); }
 
   void ParseName(const Token& t) {
     const std::string name = text_.substr(t.pos, t.len);
@@ -471,16 +503,13 @@ class Compiler {
     }
     const std::string upper = Upper(name);
     if (upper == "PI" || upper == "E") {
-      if (mode_ == CFormula::Mode::Integer) {
-        Emit(Op::FloatOnly, 1, Location(t.pos));
-      } else {
-        Instr in;
-        in.op = Op::Const;
-        in.arg = 0;
-        in.f = upper == "PI" ? 3.14159265358979323846 : 2.71828182845904523536;
-        unit_.code.push_back(in);
-        Grow(1);
-      }
+      Instr in;
+      in.op = mode_ == CFormula::Mode::Integer ? Op::ConstF : Op::Const;
+      in.arg = 0;
+      in.f = upper == "PI" ? 3.14159265358979323846 : 2.71828182845904523536;
+      if (in.op == Op::ConstF) unit_.has_float = true;
+      unit_.code.push_back(in);
+      Grow(1);
       return;
     }
     if (FindFunction(upper)) Fail(t.pos, "function '" + name + "' needs its arguments in parentheses");
@@ -495,19 +524,20 @@ class Compiler {
     unit_.code.insert(unit_.code.end(), sub.code.begin(), sub.code.end());
     for (size_t k = 0; k < sub.used.size(); ++k)
       if (sub.used[k]) unit_.used[k] = true;
+    if (sub.has_float) unit_.has_float = true;
     depth_ = base + sub.max_stack;
     Grow(0);
     depth_ = base + 1;
   }
 
   const std::string& text_;
-  const int source_;
-  const std::string& where_;
+  const std::string* expression_;
   const CFormula::Mode mode_;
   const std::vector<std::string>& variables_;
+  const NameIndex& variable_index_;
   // Compiled expressions visible to this text (none while compiling an expression).
   const std::vector<Expression>& expressions_;
-  const std::vector<std::pair<std::string, std::string>>& all_expressions_;
+  const NameIndex& expression_index_;
   std::vector<Token> tokens_;
   size_t next_ = 0;
   size_t depth_ = 0;
@@ -517,46 +547,28 @@ class Compiler {
 
 }  // namespace
 
-std::string Program::Where(int32_t location) const {
-  const size_t source = static_cast<size_t>(location >> kColumnBits);
-  const std::string& what = source < sources.size() ? sources[source] : sources.front();
-  return "column " + std::to_string(location & kColumnMask) + " of " + what;
-}
-
-std::string Program::NameAt(int32_t location) const {
-  const size_t source = static_cast<size_t>(location >> kColumnBits);
-  if (source >= texts.size()) return "?";
-  const std::string& t = texts[source];
-  size_t start = static_cast<size_t>(location & kColumnMask) - 1, end = start;
-  while (end < t.size() && IsIdentChar(t[end])) ++end;
-  return start < t.size() ? t.substr(start, end - start) : "?";
-}
-
 CFormula::CFormula(const std::string& text, Mode mode, const std::vector<std::string>& variables,
                    const std::vector<std::pair<std::string, std::string>>& expressions)
     : impl_(std::make_unique<Impl>()) {
   impl_->mode = mode;
-  impl_->sources.push_back("formula " + Quote(text));
-  impl_->texts.push_back(text);
-  for (const auto& e : expressions) {
-    if (std::find(variables.begin(), variables.end(), e.first) != variables.end())
-      throw FormulaError("expression name '" + e.first + "' is also a variable name");
-    impl_->sources.push_back("expression '" + e.first + "' " + Quote(e.second));
-    impl_->texts.push_back(e.second);
-  }
+  const NameIndex variable_index(variables.size(), [&](size_t k) { return std::string_view(variables[k]); });
+  const NameIndex expression_index(expressions.size(), [&](size_t k) { return std::string_view(expressions[k].first); });
+  for (const auto& e : expressions)
+    if (variable_index.Find(e.first) >= 0) throw FormulaError("expression name '" + e.first + "' is also a variable name");
 
   std::vector<Expression> compiled;
   const std::vector<Expression> none;
-  for (size_t k = 0; k < expressions.size(); ++k) {
-    Compiler c(expressions[k].second, static_cast<int>(k + 1), impl_->sources[k + 1], mode, variables, none,
-               expressions);
-    compiled.push_back({expressions[k].first, c.Compile()});
+  for (const auto& e : expressions) {
+    Compiler c(e.second, &e.first, mode, variables, variable_index, none, expression_index);
+    compiled.push_back({e.first, c.Compile()});
   }
-  Compiler c(text, 0, impl_->sources[0], mode, variables, compiled, expressions);
+  Compiler c(text, nullptr, mode, variables, variable_index, compiled, expression_index);
   Unit unit = c.Compile();
   impl_->code = std::move(unit.code);
   impl_->used = std::move(unit.used);
-  impl_->uses_values = std::find(impl_->used.begin(), impl_->used.end(), true) != impl_->used.end();
+  impl_->has_float = unit.has_float;
+  for (size_t k = 0; k < impl_->used.size(); ++k)
+    if (impl_->used[k]) impl_->used_list.push_back(static_cast<int32_t>(k));
 }
 
 CFormula::~CFormula() = default;

@@ -13,13 +13,24 @@
 namespace KivGenApi {
 namespace detail {
 
-// Syntax errors (at compile time) and evaluation errors (division by zero, a
-// float-only function in integer mode, ...). The node map turns it into its
-// own exception type with the node's name.
+// Syntax errors, raised when a formula is compiled. A compiled formula
+// evaluates without errors (see formula_eval.cpp). The node map turns it into
+// its own exception type with the node's name.
 class FormulaError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// The one conversion from double to int64 wherever they meet (bitwise
+// operators and shifts, the result of an integer formula that computed in
+// double, a float node read or written as an integer): truncates toward
+// zero, as a C cast does, saturates at the int64 limits, NaN gives 0.
+inline int64_t SaturatingInt(double v) {
+  if (v != v) return 0;
+  if (v >= 9223372036854775807.0) return INT64_MAX;
+  if (v <= -9223372036854775808.0) return INT64_MIN;
+  return static_cast<int64_t>(v);
+}
 
 // One variable value: integer nodes give int64, float nodes give double.
 struct FormulaValue {
@@ -27,7 +38,7 @@ struct FormulaValue {
   int64_t i = 0;
   double f = 0.0;
   static FormulaValue Int(int64_t v) { return {false, v, static_cast<double>(v)}; }
-  static FormulaValue Float(double v) { return {true, static_cast<int64_t>(v), v}; }
+  static FormulaValue Float(double v) { return {true, SaturatingInt(v), v}; }
   double AsFloat() const { return is_float ? f : static_cast<double>(i); }
 };
 
@@ -47,8 +58,9 @@ class CFormula {
   CFormula(CFormula&&) noexcept;
   CFormula& operator=(CFormula&&) noexcept;
 
-  // Evaluates with values[i] bound to variables[i]. Throws FormulaError on
-  // evaluation errors. Thread-safe for concurrent evaluations.
+  // Evaluates with values[i] bound to variables[i]; throws FormulaError
+  // only when values is null and the formula uses a variable. Thread-safe
+  // for concurrent evaluations.
   FormulaValue Evaluate(const FormulaValue* values) const;
   int64_t EvaluateInt(const FormulaValue* values) const;   // integer result (truncated in float mode)
   double EvaluateFloat(const FormulaValue* values) const;  // float result

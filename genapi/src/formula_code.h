@@ -14,8 +14,9 @@ namespace KivGenApi {
 namespace detail {
 
 enum class Op : uint8_t {
-  Const,  // push the literal
-  Var,    // push values[arg]
+  Const,   // push the literal (int64 in integer formulas, double in float ones)
+  ConstF,  // push a double literal in an integer formula
+  Var,     // push values[arg]
   Neg,
   BitNot,
   Add, Sub, Mul, Div, Mod, Pow, Shl, Shr,
@@ -29,31 +30,18 @@ enum class Op : uint8_t {
   // Functions of one argument (ROUND2 takes two).
   Sgn, Abs, Sqrt, Exp, Ln, Lg, Sin, Cos, Tan, Asin, Acos, Atan,
   Trunc, Floor, Ceil, Round, Round2, Frac,
-  FloatOnly,  // integer mode: a float function or constant was reached
 };
 
 // Jumps are relative (next pc = pc + 1 + arg), so a compiled sub-expression
 // can be copied into a formula unchanged.
 struct Instr {
   Op op;
-  int32_t arg;  // variable index, jump offset, or source location for errors
+  int32_t arg;  // variable index or jump offset
   union {
     int64_t i;
     double f;
   };
 };
-
-// Source locations packed into Instr::arg: which text (0 = the formula,
-// k = expression k-1) and the 1-based column in it.
-constexpr int kColumnBits = 22;
-constexpr int32_t kColumnMask = (1 << kColumnBits) - 1;
-constexpr int32_t kMaxSourceIndex = (1 << (31 - kColumnBits)) - 1;
-
-inline int32_t PackLocation(int source, size_t column) {
-  int32_t s = source > kMaxSourceIndex ? kMaxSourceIndex : source;
-  int32_t c = column > static_cast<size_t>(kColumnMask) ? kColumnMask : static_cast<int32_t>(column);
-  return (s << kColumnBits) | c;
-}
 
 // Evaluation keeps its value stack in a fixed array; deeper formulas are
 // rejected when compiled.
@@ -66,25 +54,14 @@ struct Program {
   CFormula::Mode mode = CFormula::Mode::Integer;
   std::vector<Instr> code;
   std::vector<bool> used;
-  bool uses_values = false;
-  // Quoted description of each source text ("formula \"A+B\"", ...), for errors.
-  std::vector<std::string> sources;
-  std::vector<std::string> texts;  // the raw texts, same order
-  std::string Where(int32_t location) const;
-  std::string NameAt(int32_t location) const;  // the identifier starting there
+  std::vector<int32_t> used_list;  // indices of the used variables
+  // An integer formula that mentions a float literal, PI, E or a function
+  // with a float result; without one (and with integer variables) it runs
+  // on plain int64 values.
+  bool has_float = false;
 };
 
 struct CFormula::Impl : Program {};
-
-// Conversion used wherever a double meets int64 (bitwise operators, float
-// variables in integer formulas, integer results of float formulas):
-// truncates toward zero, saturates at the int64 limits, NaN gives 0.
-inline int64_t SaturatingInt(double v) {
-  if (std::isnan(v)) return 0;
-  if (v >= 9223372036854775807.0) return std::numeric_limits<int64_t>::max();
-  if (v <= -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
-  return static_cast<int64_t>(v);
-}
 
 }  // namespace detail
 }  // namespace KivGenApi

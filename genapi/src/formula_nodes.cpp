@@ -297,7 +297,7 @@ class CSwissKnifeBase : public CFormulaBase {
     EvalGuard g(this);
     Bind(formula_, fresh);
     FormulaValue v = formula_.Evaluate(name_);
-    v = float_ ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(v.is_float ? static_cast<int64_t>(v.f) : v.i);
+    v = float_ ? FormulaValue::Float(v.AsFloat()) : FormulaValue::Int(ToInt(v));
     if (GetCachingMode() != NoCache) {
       cache_ = v;
       cache_valid_ = true;

@@ -129,24 +129,34 @@ class CReader {
   }
 
   // Every StructEntry becomes a MaskedIntReg that takes whatever the entry
-  // does not give itself from the StructReg.
+  // does not give itself from the StructReg. Elements that add up (the
+  // address terms and the invalidators) go to every entry in any case; an
+  // embedded address node is one node of the map, shared by the entries.
   void Struct(const pugi::xml_node& s) {
-    std::vector<DescChild> common;
+    std::vector<DescChild> common, summed;
     for (pugi::xml_node c = s.first_child(); c; c = c.next_sibling()) {
       if (c.type() != pugi::node_element) continue;
       std::string tag = LocalName(c.name());
       if (tag == "StructEntry" || tag == "Extension") continue;
+      if (NodeTypes().count(tag) && c.attribute("Name")) {
+        size_t i = Node(c, tag, std::string(), 1);
+        if (tag == "IntSwissKnife" || tag == "SwissKnife") summed.push_back(DescChild{"pAddress", out_[i].name, {}});
+        continue;
+      }
       DescChild dc;
       dc.tag = tag;
       dc.text = Text(c);
       Attrs(c, dc.attrs);
-      common.push_back(std::move(dc));
+      bool adds_up = tag == "Address" || tag == "pAddress" || tag == "pIndex" || tag == "pInvalidator";
+      (adds_up ? summed : common).push_back(std::move(dc));
     }
-    for (pugi::xml_node e = s.child("StructEntry"); e; e = e.next_sibling("StructEntry")) {
+    for (pugi::xml_node e = s.first_child(); e; e = e.next_sibling()) {
+      if (e.type() != pugi::node_element || LocalName(e.name()) != "StructEntry") continue;
       size_t i = Node(e, "MaskedIntReg", std::string(), 0);
       NodeDesc& d = out_[i];
       for (const auto& c : common)
-        if (!d.Has(c.tag.c_str())) d.children.push_back(c);
+        if (!d.Has(c.tag)) d.children.push_back(c);
+      d.children.insert(d.children.end(), summed.begin(), summed.end());
     }
   }
 

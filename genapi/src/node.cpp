@@ -542,12 +542,6 @@ void CNode::ImposeVisibility(EVisibility v) {
 
 namespace KivGenApi {
 namespace detail {
-int64_t ToInt(const FormulaValue& v) {
-  if (!v.is_float) return v.i;
-  if (std::isnan(v.f)) return 0;
-  if (v.f >= 9.2233720368547758e18) return INT64_MAX;
-  if (v.f <= -9.2233720368547758e18) return INT64_MIN;
-  return static_cast<int64_t>(std::llround(v.f));
-}
+int64_t ToInt(const FormulaValue& v) { return v.is_float ? SaturatingInt(v.f) : v.i; }
 }  // namespace detail
 }  // namespace KivGenApi

@@ -215,8 +215,8 @@ class CSelectorFace : public ISelector {
 
 // Parses HexOrDecimal integers and float literals; false on garbage.
 EAccessMode ParseAccessMode(const std::string& s, EAccessMode def);
-// Float values handed to integer nodes are rounded to the nearest integer,
-// saturating at the int64 range.
+// Float values handed to integer nodes are truncated toward zero, as integer
+// formulas truncate their results, saturating at the int64 range.
 int64_t ToInt(const FormulaValue& v);
 bool ParseInt64(const std::string& s, int64_t& out);
 bool ParseDouble(const std::string& s, double& out);

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <pugixml.hpp>
+#include <set>
 #include <sstream>
 #include <zip.h>
 #include <unistd.h>
@@ -52,6 +54,92 @@ TEST_P(RealDescriptions, LoadAndEvaluateEveryNode) {
   // Dependencies between cached nodes survive a global invalidation.
   map._InvalidateNodes();
   EXPECT_GT(TouchEveryNode(map), 0u);
+}
+
+// A register image of seeded random bytes: whatever a device may hold.
+class RandomImagePort : public IPort {
+ public:
+  explicit RandomImagePort(uint64_t seed) : seed_(seed) {}
+  EAccessMode GetAccessMode() const override { return RW; }
+  void Read(void* buf, int64_t address, int64_t length) override {
+    auto* p = static_cast<uint8_t*>(buf);
+    for (int64_t i = 0; i < length; ++i) {
+      uint64_t x = (static_cast<uint64_t>(address + i) + seed_ * 0x9E3779B97F4A7C15ull) * 0xBF58476D1CE4E5B9ull;
+      p[i] = static_cast<uint8_t>((x ^ (x >> 31)) >> 24);
+    }
+  }
+  void Write(const void*, int64_t, int64_t) override { throw std::runtime_error("the image is read-only"); }
+
+ private:
+  uint64_t seed_;
+};
+
+// Every named node of the document (nested ones included, Extension
+// contents excluded) under the name the map gives it.
+void NamedNodes(const pugi::xml_node& parent, const std::string& enumeration, std::vector<std::string>& out) {
+  static const std::set<std::string> kTypes = {
+      "Node", "Category", "Integer", "IntReg", "MaskedIntReg", "StructEntry", "Float", "FloatReg", "Boolean",
+      "Command", "Enumeration", "EnumEntry", "String", "StringReg", "Register", "Converter", "IntConverter",
+      "SwissKnife", "IntSwissKnife", "Port", "ConfRom", "TextDesc", "IntKey", "AdvFeatureLock", "SmartFeature"};
+  for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
+    if (c.type() != pugi::node_element) continue;
+    std::string tag = c.name();
+    tag = tag.substr(tag.find(':') + 1);
+    if (tag == "Extension") continue;
+    std::string name = c.attribute("Name").value();
+    if (kTypes.count(tag) && !name.empty())
+      out.push_back(tag == "EnumEntry" && !enumeration.empty() ? "EnumEntry_" + enumeration + "_" + name : name);
+    NamedNodes(c, tag == "Enumeration" ? name : std::string(), out);
+  }
+}
+
+// Over random register images no formula fails and no port error escapes:
+// the only errors are access errors and the value errors of enumerations
+// (a value no entry has) and booleans (neither OnValue nor OffValue).
+TEST_P(RealDescriptions, EveryNodeIsPresentAndReadsOverRandomImages) {
+  std::string path = std::string(KIVGENAPI_TESTDATA) + "/" + GetParam();
+  pugi::xml_document doc;
+  if (!doc.load_file(path.c_str())) GTEST_SKIP() << "testdata folder missing: " << path;
+  std::vector<std::string> names;
+  NamedNodes(doc.document_element(), "", names);
+  CNodeMapRef map;
+  map._LoadXMLFromFile(path);
+  for (const auto& n : names) EXPECT_NE(map._GetNode(n.c_str()), nullptr) << n;
+  NodeList_t nodes;
+  map._GetNodes(nodes);
+  int failures = 0;
+  size_t reads = 0;
+  for (uint64_t seed = 1; seed <= 6 && failures < 10; ++seed) {
+    RandomImagePort port(seed);
+    map._Connect(&port, "Device");
+    for (INode* n : nodes) {
+      const EInterfaceType type = n->GetPrincipalInterfaceType();
+      try {
+        if (!IsReadable(n)) continue;
+        if (CIntegerPtr i = n) {
+          i->GetMin(), i->GetMax();
+        } else if (CFloatPtr f = n) {
+          f->GetMin(), f->GetMax();
+        }
+        if (CValuePtr v = n) v->ToString();
+        ++reads;
+      } catch (const AccessException&) {
+      } catch (const InvalidArgumentException&) {
+        if (type != intfIEnumeration && ++failures)
+          ADD_FAILURE() << GetParam() << " seed " << seed << ": " << n->GetName() << ": InvalidArgumentException";
+      } catch (const LogicalErrorException& e) {
+        if (type != intfIBoolean && ++failures)
+          ADD_FAILURE() << GetParam() << " seed " << seed << ": " << n->GetName() << ": " << e.GetDescription();
+      } catch (const GenericException& e) {
+        ++failures;
+        ADD_FAILURE() << GetParam() << " seed " << seed << ": " << n->GetName() << ": " << e.what();
+      } catch (const std::exception& e) {
+        ++failures;
+        ADD_FAILURE() << GetParam() << " seed " << seed << ": " << n->GetName() << ": " << e.what();
+      }
+    }
+  }
+  EXPECT_GT(reads, nodes.size());  // most nodes read, not merely skipped
 }
 
 INSTANTIATE_TEST_SUITE_P(Makers, RealDescriptions,

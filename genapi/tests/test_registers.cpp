@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 #include "fake_port.h"
 
@@ -44,6 +45,83 @@ TEST(Address, SumsLiteralsPointersKnivesAndIndexes) {
   // The selector changes the address on the next access.
   CIntegerPtr(f.Node("Sel"))->SetValue(3);
   EXPECT_EQ(last_read("IdxOffset"), 3 * 8);
+}
+
+// One maker gives every register its offset as an embedded IntSwissKnife,
+// StructRegs included, some of them following a selector.
+const char* kEmbedded = R"(
+    <Enumeration Name="Sel"><EnumEntry Name="A"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="B"><Value>1</Value></EnumEntry><Value>0</Value></Enumeration>
+    <Integer Name="Idx"><Value>2</Value></Integer>
+    <Integer Name="Stride"><Value>0x40</Value></Integer>
+    <Integer Name="Base"><Value>0x100</Value></Integer>
+    <Integer Name="Other"><Value>0</Value></Integer>
+    <StructReg Comment="FeatInq"><Address>0x1000</Address>
+      <IntSwissKnife Name="FeatInq_Offset"><pVariable Name="S">Sel</pVariable><Formula>S * 0x10</Formula></IntSwissKnife>
+      <Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort><pInvalidator>Feat_Val</pInvalidator>
+      <Endianess>LittleEndian</Endianess>
+      <StructEntry Name="Feat_Imp"><Bit>31</Bit></StructEntry>
+      <StructEntry Name="Feat_Avl"><pInvalidator>Other</pInvalidator><Bit>30</Bit></StructEntry>
+    </StructReg>
+    <Enumeration Name="Feat"><pIsImplemented>Feat_Imp</pIsImplemented><pIsAvailable>Feat_Avl</pIsAvailable>
+      <EnumEntry Name="Off"><Value>0</Value></EnumEntry><EnumEntry Name="On"><Value>1</Value></EnumEntry>
+      <pValue>Feat_Val</pValue></Enumeration>
+    <IntReg Name="Feat_Val"><Address>0x1004</Address>
+      <IntSwissKnife Name="FeatVal_Offset"><pVariable Name="S">Sel</pVariable><Formula>S * 0x10</Formula></IntSwissKnife>
+      <Length>4</Length><AccessMode>RW</AccessMode><pPort>Device</pPort></IntReg>
+    <StringReg Name="Str"><Address>0x2000</Address><IntSwissKnife Name="Str_Offset"><Formula>2 * 0x20</Formula></IntSwissKnife>
+      <pIndex Offset="0x100">Idx</pIndex><Length>8</Length><AccessMode>RO</AccessMode><pPort>Device</pPort></StringReg>
+    <FloatReg Name="Flt"><Address>0x3000</Address><Address>0x10</Address><pAddress>Base</pAddress>
+      <IntSwissKnife Name="Flt_Offset"><Formula>4</Formula></IntSwissKnife>
+      <IntSwissKnife Name="Flt_Offset2"><pVariable Name="I">Idx</pVariable><Formula>I</Formula></IntSwissKnife>
+      <pIndex pOffset="Stride">Idx</pIndex><Length>4</Length><AccessMode>RO</AccessMode><pPort>Device</pPort></FloatReg>)";
+
+TEST(Address, EmbeddedKnivesInEveryRegisterKindAreNodesAndAddUp) {
+  Fixture f(kEmbedded);
+  for (const char* n : {"FeatInq_Offset", "FeatVal_Offset", "Str_Offset", "Flt_Offset", "Flt_Offset2"})
+    EXPECT_TRUE(CIntegerPtr(f.Node(n)).IsValid()) << n;
+  auto last_read = [&](const std::function<void()>& read) {
+    f.port.Clear();
+    read();
+    return f.port.log.empty() ? -1 : f.port.log.back().address;
+  };
+  EXPECT_EQ(last_read([&] { CStringPtr(f.Node("Str"))->GetValue(); }), 0x2000 + 0x40 + 2 * 0x100);
+  EXPECT_EQ(last_read([&] { CFloatPtr(f.Node("Flt"))->GetValue(); }), 0x3000 + 0x10 + 0x100 + 4 + 2 + 2 * 0x40);
+  // Both entries of the structure read the structure's register.
+  EXPECT_EQ(last_read([&] { CIntegerPtr(f.Node("Feat_Imp"))->GetValue(); }), 0x1000);
+  EXPECT_EQ(last_read([&] { CIntegerPtr(f.Node("Feat_Avl"))->GetValue(false, true); }), 0x1000);
+  // The selector moves the structure and the register behind the knives.
+  CEnumerationPtr(f.Node("Sel"))->FromString("B");
+  EXPECT_EQ(last_read([&] { CIntegerPtr(f.Node("Feat_Imp"))->GetValue(); }), 0x1010);
+  EXPECT_EQ(last_read([&] { CIntegerPtr(f.Node("Feat_Val"))->GetValue(); }), 0x1014);
+  EXPECT_EQ(last_read([&] { CIntegerPtr(f.Node("FeatInq_Offset"))->GetValue(); }), -1);  // no register
+}
+
+// An enumeration whose implemented and available flags are structure
+// entries at a selector-dependent address.
+TEST(Address, AccessFlagsFromEmbeddedAddressesFollowTheSelector) {
+  Fixture f(kEmbedded);
+  f.port.PokeU32LE(0x1000, 0xC0000000);  // A: implemented and available
+  f.port.PokeU32LE(0x1010, 0x80000000);  // B: implemented only
+  f.port.PokeU32LE(0x1004, 1);
+  CEnumerationPtr feat(f.Node("Feat"));
+  EXPECT_EQ(feat->GetAccessMode(), RW);
+  EXPECT_EQ(std::string(feat->ToString()), "On");
+  CEnumerationPtr(f.Node("Sel"))->FromString("B");
+  EXPECT_EQ(feat->GetAccessMode(), NA);
+  f.port.PokeU32LE(0x1010, 0);
+  f.Node("FeatInq_Offset")->InvalidateNode();  // reaches the entries through the knife
+  EXPECT_EQ(feat->GetAccessMode(), NI);
+  // The structure's invalidator and the entry's own one both apply.
+  CEnumerationPtr(f.Node("Sel"))->FromString("A");
+  EXPECT_EQ(feat->GetAccessMode(), RW);
+  f.port.PokeU32LE(0x1000, 0x80000000);
+  EXPECT_EQ(feat->GetAccessMode(), RW);  // cached
+  CIntegerPtr(f.Node("Other"))->SetValue(1);
+  EXPECT_EQ(feat->GetAccessMode(), NA);
+  f.port.PokeU32LE(0x1000, 0xC0000000);
+  CIntegerPtr(f.Node("Feat_Val"))->SetValue(0);
+  EXPECT_EQ(feat->GetAccessMode(), RW);
 }
 
 TEST(ByteOrder, IntRegAssemblesBothOrdersAndSignExtends) {

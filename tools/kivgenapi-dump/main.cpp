@@ -39,15 +39,13 @@ class MemoryPort : public IPort {
     const auto* p = static_cast<const uint8_t*>(buf);
     for (int64_t i = 0; i < length; ++i) mem[address + i] = p[i];
   }
+  // FNV-1a 64 over the image's bytes in ascending address order, the plain
+  // form other tools compute, so write scenarios compare across engines.
   uint64_t Digest() const {
-    uint64_t h = 1469598103934665603ull;
-    auto mix = [&](uint8_t b) {
-      h ^= b;
-      h *= 1099511628211ull;
-    };
+    uint64_t h = 14695981039346656037ull;  // the FNV-1a 64 offset basis
     for (const auto& kv : mem) {
-      for (int i = 0; i < 8; ++i) mix(static_cast<uint8_t>(static_cast<uint64_t>(kv.first) >> (8 * i)));
-      mix(kv.second);
+      h ^= kv.second;
+      h *= 1099511628211ull;
     }
     return h;
   }
@@ -122,13 +120,21 @@ std::string Value(INode* n) {
   }
 }
 
-void Set(CNodeMapRef& map, const std::string& assignment) {
+// One --set write: "ok" or why it was refused.
+std::string Set(CNodeMapRef& map, const std::string& assignment) {
   size_t eq = assignment.find('=');
-  if (eq == std::string::npos) throw std::runtime_error("--set needs NAME=VALUE");
+  if (eq == std::string::npos) return "--set needs NAME=VALUE";
   std::string name = assignment.substr(0, eq), value = assignment.substr(eq + 1);
-  CValuePtr v = map._GetNode(name);
-  if (!v) throw std::runtime_error("no value node named " + name);
-  v->FromString(value);
+  try {
+    CValuePtr v = map._GetNode(name);
+    if (!v) return "no value node named " + name;
+    v->FromString(value);
+    return "ok";
+  } catch (const GenericException& e) {
+    return e.GetDescription();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
 }
 
 int Usage(FILE* out, int rc) {
@@ -140,11 +146,12 @@ int Usage(FILE* out, int rc) {
                "  --mem FILE     text memory: lines '<hex address> <length> <hex bytes>'\n"
                "  --inject FILE  a second description merged into the first (like _KIVADD.xml)\n"
                "  --set N=V      write a value (in order) before the dump\n"
-               "With memory: every node's name, type, access mode and value (or error); then\n"
-               "the FNV-1a digest of the port memory (address and byte of every cell, in\n"
-               "address order). Without --bin or --mem: the feature tree (name and type)\n"
-               "and the other nodes, since no register can be read.\n"
-               "Exit codes: 0 done, 1 the description or a --set failed, 2 usage.\n");
+               "Prints a line 'SET<TAB>NAME=VALUE<TAB>ok|error' per write, in order. With\n"
+               "memory: every node's name, type, access mode and value (or error); then the\n"
+               "FNV-1a 64 digest of the port memory's bytes in ascending address order.\n"
+               "Without --bin or --mem: the feature tree (name and type) and the other\n"
+               "nodes, since no register can be read.\n"
+               "Exit codes: 0 done, 1 the description failed or a write was refused, 2 usage.\n");
   return rc;
 }
 
@@ -218,13 +225,13 @@ int main(int argc, char** argv) {
     else if (!inject.empty()) map._LoadXMLFromStringInject(data, ReadFile(inject));
     else map._LoadXMLFromString(data);
     if (!map._Connect(&port, "Device")) std::fprintf(stderr, "kivgenapi-dump: the description has no port \"Device\"\n");
+    // Each write is reported and the run goes on, so that a scenario's
+    // later writes and the final image can be compared all the same.
+    bool refused = false;
     for (const auto& s : sets) {
-      try {
-        Set(map, s);
-      } catch (const GenericException& e) {
-        std::fprintf(stderr, "kivgenapi-dump: --set %s: %s\n", s.c_str(), e.GetDescription());
-        return 1;
-      }
+      std::string result = Set(map, s);
+      refused = refused || result != "ok";
+      std::printf("SET\t%s\t%s\n", s.c_str(), result.c_str());
     }
     NodeList_t nodes;
     map._GetNodes(nodes);
@@ -238,6 +245,7 @@ int main(int argc, char** argv) {
       std::printf("%s\t%s\t%s\t%s\n", n->GetName().c_str(), TypeName(n), AccessModeName(n->GetAccessMode()),
                   Value(n).c_str());
     std::printf("memory digest\t%016" PRIx64 "\n", port.Digest());
+    if (refused) return 1;
   } catch (const GenericException& e) {
     std::fprintf(stderr, "kivgenapi-dump: %s\n", e.GetDescription());
     return 1;
