@@ -1,11 +1,14 @@
 // Conversion handles and the exports that need no camera: free-standing
 // engines, their conversions and the bitmap headers that describe them.
 #include "api/frame.h"
+#include "camera/camera.h"
 #include "conv/bmpinfo.h"
 #include "conv/conv.h"
 #include "core/conv_handle.h"
 #include "kivcam/kivcam.h"
 
+using kivcam::api::CameraLock;
+using kivcam::api::CameraOf;
 using kivcam::api::Frame;
 using kivcam::api::Require;
 using kivcam::api::Run;
@@ -108,6 +111,62 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_MonoBMPINFO(const KIVCAM_IMAGEDESC* image, KIVCAM_
     Require(info);
     Result(conv::MonoBmpInfo(Desc(image), info));
   });
+}
+
+// ---- camera-bound conversion --------------------------------------------------
+
+KIVCAM_API KIVCAM_BOOL KIVCAM_ConvMode(HCAMERA camera, const KIVCAM_CONVMODE* mode, const KIVCAM_YUVCOEF* coef) {
+  return RunBool(Frame::Camera("KIVCAM_ConvMode", camera), [&](CKivCamDLL& lib) {
+    conv::ConvMode m = mode ? *reinterpret_cast<const conv::ConvMode*>(mode) : conv::kDefaultCameraMode;
+    conv::YuvCoef c = coef ? *reinterpret_cast<const conv::YuvCoef*>(coef) : conv::kDefaultYuvCoef;
+    auto cam = CameraOf(lib, camera);
+    if (!conv::IsValidConvMode(m, /*cameraEngine=*/true)) Require(nullptr);
+    cam->PreCall();
+    CameraLock g(*cam);
+    if (!cam->visible()) throw kivcam::Error(KIVCAM_ERR_NO_CAMERA);
+    cam->ConvMode(m, c);
+  });
+}
+
+KIVCAM_API KIVCAM_BOOL KIVCAM_ImageConvExec(HCAMERA camera, const ImageBuffer* image, void* dst) {
+  return RunBool(Frame::Camera("KIVCAM_ImageConvExec", camera, /*verbose=*/true), [&](CKivCamDLL& lib) {
+    auto cam = CameraOf(lib, camera);
+    if (!lib.IsImageBuffer(image)) Require(nullptr);
+    Require(dst);
+    cam->PreCall();
+    // The conversion lock alone: conversions run beside the camera's exports.
+    cam->ImageConvExec(image, dst);
+  });
+}
+
+KIVCAM_API KIVCAM_BOOL KIVCAM_BufferConvExec(HCAMERA camera, const void* src, void* dst) {
+  return RunBool(Frame::Camera("KIVCAM_BufferConvExec", camera, /*verbose=*/true), [&](CKivCamDLL& lib) {
+    auto cam = CameraOf(lib, camera);
+    Require(src);
+    Require(dst);
+    cam->BufferConvExec(src, dst);
+  });
+}
+
+// Set and Get describe the same thing: the bitmap the camera's conversions write.
+static KIVCAM_BOOL CameraBitmapInfo(const char* name, HCAMERA camera, KIVCAM_BITMAPINFO* info, uint32_t* size,
+                                    uint32_t mono) {
+  return RunBool(Frame::Camera(name, camera), [&](CKivCamDLL& lib) {
+    auto cam = CameraOf(lib, camera);
+    Require(size);
+    if (*size != 0) Require(info);
+    cam->PreCall();
+    CameraLock g(*cam);
+    cam->BmpInfo(info, size, mono != 0);
+  });
+}
+
+KIVCAM_API KIVCAM_BOOL KIVCAM_SetBMPINFO(HCAMERA camera, KIVCAM_BITMAPINFO* info, uint32_t* size, uint32_t mono) {
+  return CameraBitmapInfo("KIVCAM_SetBMPINFO", camera, info, size, mono);
+}
+
+KIVCAM_API KIVCAM_BOOL KIVCAM_GetBMPINFO(HCAMERA camera, KIVCAM_BITMAPINFO* info, uint32_t* size, uint32_t mono) {
+  return CameraBitmapInfo("KIVCAM_GetBMPINFO", camera, info, size, mono);
 }
 
 }  // extern "C"

@@ -4,18 +4,18 @@
 
 namespace kivcam::api {
 
-void Frame::Line(const char* event) const {
+void Frame::Line(const char* event, bool is_verbose) const {
   switch (kind) {
-    case kPlain: diag::LogExport(verbose, name, event); break;
-    case kCamera: diag::LogCamera(verbose, name, event, handle); break;
-    case kConvHandle: diag::LogConvHandle(verbose, name, event, handle); break;
-    case kBuffer: diag::LogBuffer(verbose, name, event, buffer, handle); break;
+    case kPlain: diag::LogExport(is_verbose, name, event); break;
+    case kCamera: diag::LogCamera(is_verbose, name, event, handle); break;
+    case kConvHandle: diag::LogConvHandle(is_verbose, name, event, handle); break;
+    case kBuffer: diag::LogBuffer(is_verbose, name, event, buffer_out ? *buffer_out : buffer, handle); break;
     case kOpenUid:
       if (event[0] == 'S') diag::LogOpenUidStart(name, uid);
       else diag::LogOpenEnd(name, out ? *out : nullptr);
       break;
     case kCameraState:
-      if (event[0] == 'S') diag::LogCamera(verbose, name, event, handle);
+      if (event[0] == 'S') diag::LogCamera(is_verbose, name, event, handle);
       else diag::LogCameraState(name, event, state && *state != 0, handle);
       break;
   }
@@ -28,7 +28,7 @@ void Frame::Error(uint32_t code) const {
     case kCamera:
     case kCameraState: diag::LogCameraError(verbose, name, code, handle); break;
     case kConvHandle: diag::LogConvHandleError(verbose, name, code, handle); break;
-    case kBuffer: diag::LogBufferError(verbose, name, code, buffer, handle); break;
+    case kBuffer: diag::LogBufferError(verbose, name, code, buffer_out ? *buffer_out : buffer, handle); break;
   }
 }
 

@@ -25,6 +25,8 @@ struct Frame {
   Kind kind = kPlain;
   const void* handle = nullptr;  // HCAMERA or HCTBL
   const void* buffer = nullptr;
+  const void* const* buffer_out = nullptr;  // kBuffer: read at each line instead of `buffer`
+  bool verbose_end = false;                 // only the End line is verbose
   uint64_t uid = 0;                  // kOpenUid: the UID asked for
   const void* const* out = nullptr;  // kOpenUid: where the new handle lands
   const uint32_t* state = nullptr;   // kCameraState: the state reported
@@ -38,6 +40,13 @@ struct Frame {
   }
   static Frame Buffer(const char* n, const void* b, const void* h, bool verbose = false) {
     return {n, verbose, kBuffer, h, b};
+  }
+  // A buffer the export hands out: each line shows what `out` holds then.
+  static Frame NewBuffer(const char* n, const void* const* out, const void* h) {
+    Frame f{n, false, kBuffer, h};
+    f.buffer_out = out;
+    f.verbose_end = true;
+    return f;
   }
 
   // Open by UID: Start carries the UID, End the new handle.
@@ -54,9 +63,9 @@ struct Frame {
     return f;
   }
 
-  void Start() const { Line("Start"); }
-  void End() const { Line("End  "); }
-  void Line(const char* event) const;
+  void Start() const { Line("Start", verbose); }
+  void End() const { Line("End  ", verbose || verbose_end); }
+  void Line(const char* event, bool is_verbose) const;
   void Error(uint32_t code) const;
 };
 

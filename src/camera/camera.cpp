@@ -2,6 +2,7 @@
 
 #include "camera/camera_gige.h"
 #include "camera/camera_usb.h"
+#include "conv/conv.h"
 #include "diag/error.h"
 #include "transport/description.h"
 #include "transport/device_info.h"
@@ -17,10 +18,14 @@ constexpr uint64_t kDevCommandTimeout = 0x104;
 }  // namespace
 
 CCamera::CCamera(transport::CGenTL* producer, transport::CInterface* owner, const std::string& device_id,
-                 transport::DeviceHandle device, uint32_t description_index, bool watch)
+                 transport::DeviceHandle device, uint32_t description_index, bool watch, CBufferPool* buffers)
     : CDevice(producer, owner, device_id, std::move(device)),
       m_nDescriptionIndex(description_index),
-      m_bWatch(watch) {
+      buffers_(buffers),
+      m_streamThread(*this),
+      m_bWatch(watch),
+      // Multi-byte samples of the GigE and USB producers are little-endian.
+      m_bLittleEndian(producer->kind() == transport::kKindGigE || producer->kind() == transport::kKindUSB) {
   const transport::EntryPoints& fn = m_pGenTL->fn();
   uint32_t streams = 0;
   if (fn.DevGetNumDataStreams(this->device(), &streams) != GC_ERR_SUCCESS) {
@@ -103,6 +108,7 @@ void CCamera::ReleaseDevice() {
 void CCamera::Teardown() {
   if (torn_down_) return;
   torn_down_ = true;
+  StopAndFreeAll();
   m_vsyncStream.Close();
   m_imageStream.Close();
   m_ptrWidth.Release();
@@ -114,6 +120,8 @@ void CCamera::Teardown() {
   m_ptrAcquisitionStop.Release();
   m_pPort.reset();
   m_pNodeMap.reset();
+  platform::LockGuard g(m_csConv);
+  m_pConv.reset();
 }
 
 void CCamera::CheckState(uint32_t mask) {
@@ -122,13 +130,13 @@ void CCamera::CheckState(uint32_t mask) {
     bool ok;
     uint32_t error;
   };
-  const bool allocated = m_imageStream.event() != nullptr;
+  const bool is_allocated = allocated();
   const Test tests[] = {
       {kStateVisible, visible(), KIVCAM_ERR_NO_CAMERA},
       {kStateWatch, m_bWatch, KIVCAM_ERR_MODE},
       {kStateControl, !m_bWatch, KIVCAM_ERR_MODE},
-      {kStateAllocated, allocated, KIVCAM_ERR_NOT_ALLOCATED},
-      {kStateNotAllocated, !allocated, KIVCAM_ERR_ALLOCATED},
+      {kStateAllocated, is_allocated, KIVCAM_ERR_NOT_ALLOCATED},
+      {kStateNotAllocated, !is_allocated, KIVCAM_ERR_ALLOCATED},
       {kStateStarted, m_bStarted, KIVCAM_ERR_NOT_RUNNING},
       {kStateStopped, !m_bStarted, KIVCAM_ERR_RUNNING},
       {kStateMulticast, multicast(), KIVCAM_ERR_NOT_RUNNING},
@@ -161,18 +169,19 @@ void CCamera::SetCmdTimeOut(uint32_t milliseconds) {
 
 std::shared_ptr<CCamera> CreateCamera(transport::CGenTL* producer, transport::CInterface* owner,
                                       const std::string& device_id, transport::DeviceHandle& device,
-                                      uint32_t description_index, bool read_only) {
+                                      uint32_t description_index, bool read_only, CBufferPool* buffers) {
   switch (producer->kind()) {
     case transport::kKindIIDC:
       return std::make_shared<CCameraIIDC>(producer, owner, device_id, std::move(device), description_index,
-                                           read_only);
+                                           read_only, buffers);
     case transport::kKindGigE:
       return std::make_shared<CCameraGigE>(producer, owner, device_id, std::move(device), description_index,
-                                           read_only);
+                                           read_only, buffers);
     case transport::kKindUSB:
       // USB cameras have no watch mode.
       if (read_only) throw Failure("Not Support");
-      return std::make_shared<CCameraUSB>(producer, owner, device_id, std::move(device), description_index);
+      return std::make_shared<CCameraUSB>(producer, owner, device_id, std::move(device), description_index,
+                                          buffers);
     default:
       return nullptr;
   }

@@ -16,7 +16,23 @@ constexpr uint64_t kDevStreamTestResult = 0x100;
 constexpr uint64_t kDevStreamTest = 0x101;
 constexpr uint64_t kDevStreamDestination = 0x102;
 constexpr uint64_t kDevHeartbeat = 0x103;
-constexpr uint64_t kStreamDestination = 0x104;  // image-stream module
+// Image-stream module registers.
+constexpr uint64_t kStreamPacketLog = 0x101;
+constexpr uint64_t kStreamFlag = 0x103;
+constexpr uint64_t kStreamDestination = 0x104;
+constexpr uint64_t kStreamInfoOffset = 0x105;
+constexpr uint64_t kStreamPacketCount = 0x106;
+// Bootstrap registers of the device.
+constexpr uint64_t kRegStreamPort = 0x0D00;
+constexpr uint64_t kRegPacketSize = 0x0D04;
+constexpr uint64_t kRegStreamDestination = 0x0D18;
+constexpr uint64_t kRegCapability = 0x0960;
+constexpr uint8_t kMulticastFirstOctet = 239;
+// The packet information block: 540 bytes for the application, then the
+// word that is 0 for a complete image.
+constexpr uint32_t kInfoBytes = 540;
+constexpr uint32_t kHeaderStandard = 36;
+constexpr uint32_t kHeaderExtended = 48;
 // Control channel privilege, a bootstrap register of the device.
 constexpr uint64_t kRegPrivilege = 0x0A00;
 constexpr int64_t kHeartbeatTargetMs = 10000;
@@ -24,6 +40,12 @@ constexpr int64_t kPacketJumbo = 9000;
 constexpr int64_t kPacketStandard = 1500;
 
 uint32_t ByteSwap(uint32_t v) { return __builtin_bswap32(v); }
+
+// A 4-byte register of the remote device as it is on the wire (big-endian).
+bool ReadWire(transport::CGenTL* producer, PORT_HANDLE port, uint64_t address, uint8_t (&bytes)[4]) {
+  size_t size = 4;
+  return producer->fn().GCReadPort(port, address, bytes, &size) == GC_ERR_SUCCESS;
+}
 
 // The nearest valid value at or below `target` (the maximum when it is lower).
 int64_t Quantise(KivGenApi::IInteger& f, int64_t target) {
@@ -45,8 +67,8 @@ KivGenApi::CIntegerPtr IntegerOf(KivGenApi::CNodeMapRef& map, const char* first,
 
 CCameraGigE::CCameraGigE(transport::CGenTL* producer, transport::CInterface* owner,
                          const std::string& device_id, transport::DeviceHandle device,
-                         uint32_t description_index, bool watch)
-    : CCamera(producer, owner, device_id, std::move(device), description_index, watch) {
+                         uint32_t description_index, bool watch, CBufferPool* buffers)
+    : CCamera(producer, owner, device_id, std::move(device), description_index, watch, buffers) {
   try {
     SelectFirstChannels();
   } catch (...) {
@@ -122,6 +144,92 @@ uint32_t CCameraGigE::TestStream() {
   // No answer is no pass.
   if (fn.GCReadPort(device(), kDevStreamTestResult, &result, &size) != GC_ERR_SUCCESS) return KIVCAM_ERR_OTHER;
   return result;
+}
+
+void CCameraGigE::AllocResources(const uint8_t* address, bool flag) {
+  static const char kName[] = "CCameraGigE::AllocResources";
+  if (allocated()) throw Error(KIVCAM_ERR_ALLOCATED);
+  auto producer_call = [&](GC_ERROR rc) {
+    if (rc == GC_ERR_SUCCESS) return;
+    m_pGenTL->LogLastError(kName);
+    throw Error(KIVCAM_ERR_OTHER);
+  };
+  if (!m_bWatch) {
+    uint32_t destination;
+    if (address && address[0] == kMulticastFirstOctet) {
+      destination = (uint32_t{address[0]} << 24) | (uint32_t{address[1]} << 16) | (uint32_t{address[2]} << 8) |
+                    address[3];
+    } else {
+      CameraListEntry scratch;
+      transport::FillEntryFromDevice(m_pGenTL, device(), "CCamera::CameraInfo", &scratch);
+      destination = scratch.Info1002;
+      if (destination == 0) throw Error(KIVCAM_ERR_NO_ADDRESS);
+    }
+    producer_call(m_imageStream.WriteRegister(kStreamDestination, destination));
+  }
+  producer_call(m_imageStream.WriteRegister(kStreamFlag, flag ? 1 : 0));
+  try {
+    AllocCommon("CCamera::AllocResources");
+  } catch (...) {
+    if (!m_bWatch) m_imageStream.WriteRegister(kStreamDestination, 0);
+    throw;
+  }
+  // From here a failure leaves the resources allocated.
+  const uint32_t payload = ReadPayloadSize();
+  m_nPayloadSize = payload;
+  uint8_t packet[4] = {};
+  if (!ReadWire(m_pGenTL, m_hPort, kRegPacketSize, packet)) throw Error(KIVCAM_ERR_ACCESS);
+  transport::DeviceInfoReader r(m_pGenTL, device(), kName);
+  if (!r.Query(1003, 4)) throw Error(KIVCAM_ERR_ACCESS);
+  const uint32_t version = r.Word();
+  uint32_t header = kHeaderStandard;
+  if (version >= 2) {
+    uint8_t capability[4] = {};
+    ReadWire(m_pGenTL, m_hPort, kRegCapability, capability);
+    // Bit 30: extended block IDs, a longer packet header.
+    if (capability[0] & 0x40) header = kHeaderExtended;
+  }
+  const uint32_t packet_bytes = (uint32_t{packet[2]} << 8) | packet[3];
+  const uint32_t per_packet = packet_bytes - header;
+  m_nInfoOffset = ((payload + 15) / 8) * 8;
+  m_nPacketCount = per_packet ? (payload + per_packet - 1) / per_packet : 0;
+  m_nBufferSize = ((m_nPacketCount + 7) / 8 + m_nInfoOffset + 577) & ~15u;
+  m_imageStream.WriteRegister(kStreamInfoOffset, m_nInfoOffset);
+  m_imageStream.WriteRegister(kStreamPacketCount, m_nPacketCount);
+}
+
+void CCameraGigE::ReleaseResources() {
+  if (m_bStarted) throw Error(KIVCAM_ERR_RUNNING);
+  if (!allocated()) throw Error(KIVCAM_ERR_NOT_ALLOCATED);
+  if (!m_bWatch) m_imageStream.WriteRegister(kStreamDestination, 0);
+  CCamera::ReleaseResources();
+}
+
+bool CCameraGigE::CheckMulticast() {
+  m_bMulticast = false;
+  uint8_t port[4] = {};
+  if (!ReadWire(m_pGenTL, m_hPort, kRegStreamPort, port)) throw Error(KIVCAM_ERR_ACCESS);
+  if (port[0] | port[1] | port[2] | port[3]) {
+    uint8_t destination[4] = {};
+    if (!ReadWire(m_pGenTL, m_hPort, kRegStreamDestination, destination)) throw Error(KIVCAM_ERR_ACCESS);
+    m_bMulticast = destination[0] == kMulticastFirstOctet;
+  }
+  return m_bMulticast;
+}
+
+void CCameraGigE::GetImageInfo(const uint8_t* data, uint32_t, uint32_t, ImageInfo* info) {
+  const uint8_t* block = data + m_nInfoOffset;
+  uint32_t missing;
+  std::memcpy(&missing, block + kInfoBytes, sizeof missing);
+  info->GigE.Transport = KIVCAM_CAMERAKIND_GIGE;
+  info->GigE.Complete = missing == 0 ? 1 : 0;
+  std::memcpy(info->GigE.PacketInfo, block, kInfoBytes);
+}
+
+void CCameraGigE::GetPktLog(GigEPacketLog* log) {
+  std::memset(log, 0, sizeof *log);
+  size_t size = sizeof *log;
+  m_pGenTL->fn().GCReadPort(m_imageStream.handle(), kStreamPacketLog, log, &size);
 }
 
 bool CCameraGigE::CheckVisible(bool* query_ok) {

@@ -1,6 +1,7 @@
 // GigE Vision cameras: channel selection, heartbeat and packet size at
-// opening, the stream test, the control-channel presence test and
-// big-endian registers. The watch-mode state lives here too.
+// opening; the stream destination and packet geometry of the resources; the
+// packet information of each image; the multicast test of watch mode; the
+// stream test; big-endian registers.
 #pragma once
 
 #include "camera/camera.h"
@@ -10,13 +11,23 @@ namespace kivcam::camera {
 class CCameraGigE : public CCamera {
  public:
   CCameraGigE(transport::CGenTL* producer, transport::CInterface* owner, const std::string& device_id,
-              transport::DeviceHandle device, uint32_t description_index, bool watch);
+              transport::DeviceHandle device, uint32_t description_index, bool watch, CBufferPool* buffers);
 
   bool CheckVisible(bool* query_ok) override;
   void PreCall() override {}
   bool ReadRegister(uint32_t address, uint32_t* value) override;
   bool WriteRegister(uint32_t address, uint32_t value) override;
+  bool CheckMulticast() override;
   bool multicast() const override { return m_bMulticast; }
+  void GetImageInfo(const uint8_t* data, uint32_t status, uint32_t value, ImageInfo* info) override;
+
+  // Streams to the group `address` (4 bytes, first 239) when given, else to
+  // the host's own address; `flag` goes to the producer.
+  void AllocResources(const uint8_t* address, bool flag);
+  void AllocResources() override { AllocResources(nullptr, false); }
+  void ReleaseResources() override;
+  // The producer's packet log of the image stream.
+  void GetPktLog(GigEPacketLog* log);
 
   // Raises Error (99) when a query fails; its text is logged.
   void CameraInfo(GigECameraInfo* info);
@@ -29,6 +40,7 @@ class CCameraGigE : public CCamera {
   void SelectFirstChannels();
   void Configure();
   uint32_t m_nPacketCount = 0;
+  // The last multicast test: the stream goes to a group.
   bool m_bMulticast = false;
 };
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "camera/image_buffer.h"
 #include "core/handles.h"
 #include "kivcam/kivcam.h"
 #include "platform/platform.h"
@@ -70,6 +71,8 @@ class CKivCamDLL : public transport::IBusEvents {
   std::shared_ptr<camera::CCamera> FindCamera(const void* handle);
   std::shared_ptr<transport::CCameraPort> FindPort(const void* handle);
   std::shared_ptr<CConvHandle> FindConvHandle(const void* handle);
+  // Whether `p` is the record of a live image buffer (of any camera).
+  bool IsImageBuffer(const void* p) { return buffers_.OwnerOf(p) != nullptr; }
 
   // Owned free-standing conversion engines; destroyed with the library.
   HCTBL AddConvHandle(std::shared_ptr<CConvHandle> handle);
@@ -103,6 +106,9 @@ class CKivCamDLL : public transport::IBusEvents {
 
   platform::RecursiveLock library_lock_;
   platform::RecursiveLock api_lock_;
+  // Image buffers of every camera; cameras give theirs back before the
+  // producers go, so it is declared (and destroyed) before them.
+  camera::CBufferPool buffers_;
   std::vector<std::unique_ptr<transport::CGenTL>> producers_;
   // The list's first producer, for the interfaces' event threads, which must
   // not read the list while it changes.

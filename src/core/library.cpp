@@ -2,8 +2,6 @@
 // constructor and destructor play the loader's attach and detach.
 #include <atomic>
 #include <cstdlib>
-#include <memory>
-#include <mutex>
 
 #include "core/kivcam_dll.h"
 #include "core/process_table.h"
@@ -34,23 +32,6 @@ void StartMonitor() {
 
 std::atomic<bool> g_exit_handler_late{false};
 
-// The callback thread of a library object that was freed from its own
-// callback; the unload joins it so that none of our code runs after it.
-// A raw pointer: static destructors may run before the unload's.
-std::mutex g_retired_lock;
-platform::Thread* g_retired_callback_thread = nullptr;
-
-void JoinRetiredThread() {
-  platform::Thread* t;
-  {
-    std::lock_guard<std::mutex> g(g_retired_lock);
-    t = g_retired_callback_thread;
-    g_retired_callback_thread = nullptr;
-  }
-  if (t) t->Join();
-  delete t;
-}
-
 // Tied to this library, so that a dynamic unload removes the handler (plain
 // atexit can lose that tie under some runtimes).
 void RegisterExitHandler() { __cxa_atexit(OnProcessExit, nullptr, &__dso_handle); }
@@ -80,7 +61,9 @@ __attribute__((constructor)) void LibraryAttach() {
 __attribute__((destructor)) void LibraryDetach() {
   if (!g_process_ending) {
     DestroyLibrary();
-    JoinRetiredThread();
+    // Threads that ended their own objects (a library freed from its
+    // callback, a camera closed from its image callback) finish here.
+    platform::JoinRetiredThreads();
   }
   UnregisterProcess();
   diag::LogLoad("DLL DETACH");
@@ -115,8 +98,7 @@ void DestroyLibrary() {
   // Freed from its own callback: the object can't wait for the thread it
   // runs on. Exports find no object from now on; the thread destroys it
   // once the application's function returns.
-  std::lock_guard<std::mutex> g(g_retired_lock);
-  g_retired_callback_thread = lib->DestroyFromCallback().release();
+  platform::RetireThread(lib->DestroyFromCallback());
 }
 
 uint32_t StructVersion() { return g_struct_version; }

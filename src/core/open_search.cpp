@@ -68,7 +68,7 @@ HCAMERA CKivCamDLL::OpenCamera(const transport::DeviceMatch& match, uint32_t par
     if (read_only == 1 && p->kind() == transport::kKindUSB) return by_uid ? Found::kNotSupported : Found::kNone;
     transport::DeviceFactory make = [&](transport::DeviceHandle& device, const std::string& id) {
       return std::shared_ptr<transport::CDevice>(
-          camera::CreateCamera(p, i, id, device, param, read_only != 0));
+          camera::CreateCamera(p, i, id, device, param, read_only != 0, &buffers_));
     };
     return FromInterface(i->OpenCamera(match, read_only != 0, make, out));
   };

@@ -25,6 +25,10 @@ class RecursiveLock {
   void Lock();
   void Unlock();
   bool TryLock();
+  // The owner gives the lock up however often it holds it, and takes it
+  // back as often; for waits that must not keep others out.
+  int UnlockFully();
+  void Relock(int depth);
 
  private:
   struct Impl;
@@ -40,6 +44,19 @@ class LockGuard {
 
  private:
   RecursiveLock& l_;
+};
+
+// The reverse of LockGuard: a held lock given up (fully) for a scope.
+class LockRelease {
+ public:
+  explicit LockRelease(RecursiveLock& l) : l_(l), depth_(l.UnlockFully()) {}
+  ~LockRelease() { l_.Relock(depth_); }
+  LockRelease(const LockRelease&) = delete;
+  LockRelease& operator=(const LockRelease&) = delete;
+
+ private:
+  RecursiveLock& l_;
+  int depth_;
 };
 
 // ---- events and waiting ------------------------------------------------------
@@ -166,6 +183,12 @@ class AddressReservation {
   AddressReservation& operator=(const AddressReservation&) = delete;
   uintptr_t base() const { return base_; }
   size_t size() const { return size_; }
+  static size_t PageSize();
+  // Makes whole pages readable and writable (zero-filled when new), or
+  // gives their memory back and makes them inaccessible again. Offsets and
+  // lengths are multiples of the page size. False when the system refuses.
+  bool Commit(size_t offset, size_t length);
+  void Decommit(size_t offset, size_t length);
 
  private:
   AddressReservation(uintptr_t base, size_t size) : base_(base), size_(size) {}
@@ -192,6 +215,11 @@ class Thread {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+// A thread that ended its owner from inside itself can't be joined there:
+// it is handed over here, and joined before the code it runs is unloaded.
+void RetireThread(std::unique_ptr<Thread> thread);
+void JoinRetiredThreads();
 
 void SleepMs(uint32_t ms);
 uint32_t ProcessId();

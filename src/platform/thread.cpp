@@ -8,6 +8,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <vector>
+
 namespace kivcam::platform {
 
 namespace {
@@ -59,6 +61,36 @@ void Thread::Detach() {
   if (!impl_->joinable) return;
   pthread_detach(impl_->handle);
   impl_->joinable = false;
+}
+
+namespace {
+// Raw: it must outlive the static destructors, which may run before the
+// unload that joins these threads.
+pthread_mutex_t g_retired_lock = PTHREAD_MUTEX_INITIALIZER;
+std::vector<Thread*>* g_retired = nullptr;
+}  // namespace
+
+void RetireThread(std::unique_ptr<Thread> thread) {
+  if (!thread) return;
+  pthread_mutex_lock(&g_retired_lock);
+  if (!g_retired) g_retired = new std::vector<Thread*>;
+  g_retired->push_back(thread.release());
+  pthread_mutex_unlock(&g_retired_lock);
+}
+
+void JoinRetiredThreads() {
+  for (;;) {
+    Thread* t = nullptr;
+    pthread_mutex_lock(&g_retired_lock);
+    if (g_retired && !g_retired->empty()) {
+      t = g_retired->back();
+      g_retired->pop_back();
+    }
+    pthread_mutex_unlock(&g_retired_lock);
+    if (!t) return;
+    t->Join();
+    delete t;
+  }
 }
 
 void Thread::SetTimeCritical() {
