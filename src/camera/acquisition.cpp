@@ -238,7 +238,9 @@ void CCamera::ImageReq(const ImageBuffer* buffer) {
     handle = announced->second;
     m_imageStream.m_mapAnnounced.erase(announced);
   }
-  if (!handle && fn.DSAnnounceBuffer(m_imageStream.handle(), b->data(), m_nBufferSize, nullptr, &handle) !=
+  // The data address is the buffer's private pointer too, so that its new-buffer
+  // event names it: the stream thread may be the one that sees the event.
+  if (!handle && fn.DSAnnounceBuffer(m_imageStream.handle(), b->data(), m_nBufferSize, b->data(), &handle) !=
                      GC_ERR_SUCCESS) {
     m_pGenTL->LogLastError(kName);
     throw Error(KIVCAM_ERR_OTHER);
@@ -262,10 +264,14 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
   CImageStream::Places& filled = m_imageStream.m_mapFilled;
   const uint32_t start = platform::TickCount();
   uint32_t remaining = 0;
-  for (;;) {
-    if (filled.count(data)) break;
+  bool arrived = false;
+  do {
+    if (filled.count(data)) {
+      arrived = true;
+      break;
+    }
     if (!queued.count(data)) throw Error(KIVCAM_ERR_PARAM);  // never requested
-    if (!allocated()) throw Error(KIVCAM_ERR_TIMEOUT);
+    if (!allocated()) break;
     remaining = Remaining(timeout, start);
     NewBufferEvent event;
     GC_ERROR rc;
@@ -288,10 +294,11 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
       queued.erase(it);
       break;
     }
-    if (remaining == 0 || !allocated()) break;
-  }
+  } while (remaining != 0 && allocated());
+  // A buffer that came with the last wait stays filled: the next call for it
+  // returns at once.
+  if (!arrived) throw Error(KIVCAM_ERR_TIMEOUT);
   auto it = filled.find(data);
-  if (it == filled.end()) throw Error(KIVCAM_ERR_TIMEOUT);
   BUFFER_HANDLE handle = it->second;
   filled.erase(it);
   m_imageStream.m_mapAnnounced.emplace(data, handle);

@@ -123,6 +123,9 @@ bool CStreamThread::AnnounceBuffers(std::vector<BUFFER_HANDLE>* own) {
 }
 
 void CStreamThread::Run() {
+  // The camera lives as long as its thread: closed from inside the callback,
+  // it is released here at the earliest.
+  std::shared_ptr<transport::CDevice> keep = camera_.shared_from_this();
   transport::CGenTL* producer = camera_.producer();
   producer->PrepareThread();
   const transport::EntryPoints& fn = producer->fn();
@@ -169,6 +172,12 @@ void CStreamThread::Run() {
       if (!good) camera_.NoteFailedStatus(kThreadName, status, /*pause=*/true);
       ImageCallBack callback = m_pfnImageCallBack.load(std::memory_order_acquire);
       if (!callback) break;
+      if (!event.data) {
+        // A buffer announced without telling where its data is: nothing to hand over.
+        if (fn.DSQueueBuffer(stream.handle(), event.buffer) != GC_ERR_SUCCESS) break;
+        rc = stream.WaitNewBuffer(kWaitMs, &event);
+        continue;
+      }
       {
         ImageInfo* passed = nullptr;
         if (m_bImageInfo) {
@@ -192,6 +201,8 @@ void CStreamThread::Run() {
           break;
         }
       }
+      // Removed from inside the callback: no second wait of a second.
+      if (m_hStopEvent->Wait(0)) break;
       rc = stream.WaitNewBuffer(kWaitMs, &event);
     }
     // A completion waiting on the same event is told the thread has gone.

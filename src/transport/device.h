@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <string>
 
 #include "kivgentl/gentl.h"
@@ -31,7 +32,7 @@ class DeviceHandle {
   DEV_HANDLE handle_ = nullptr;
 };
 
-class CDevice {
+class CDevice : public std::enable_shared_from_this<CDevice> {
  public:
   // Takes the device and its remote port; raises the producer's text when
   // the port can't be had (the device is closed again).

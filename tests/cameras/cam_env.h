@@ -33,7 +33,12 @@ std::string LibDir();  // where libkivcam.so and the producers are
   X(KIVCAM_CloseReg) X(KIVCAM_ReadReg) X(KIVCAM_WriteReg) X(KIVCAM_CameraRegInfo) X(KIVCAM_CameraInfo) \
   X(KIVCAM_CameraInfoGigE) X(KIVCAM_CameraInfoUSB) X(KIVCAM_GetNodeMap) X(KIVCAM_SetCmdTimeOut)     \
   X(KIVCAM_SetCallBack) X(KIVCAM_FreeLibrary) X(KIVCAM_GetLibraryRevision) X(KIVCAM_CreateConvHandle)  \
-  X(KIVCAM_CloseConvHandle) X(KIVCAM_CloseAllConvHandle) X(KIVCAM_ColorConvExec) X(KIVCAM_MonoBMPINFO)
+  X(KIVCAM_CloseConvHandle) X(KIVCAM_CloseAllConvHandle) X(KIVCAM_ColorConvExec) X(KIVCAM_MonoBMPINFO)     \
+  X(KIVCAM_ResourceAlloc) X(KIVCAM_ResourceRelease) X(KIVCAM_ImageAlloc) X(KIVCAM_ImageFree)              \
+  X(KIVCAM_ImageFreeAll) X(KIVCAM_ImageStart) X(KIVCAM_ImageStop) X(KIVCAM_ImageReq) X(KIVCAM_ImageComplete) \
+  X(KIVCAM_ImageReqAbortAll) X(KIVCAM_VSyncReq) X(KIVCAM_VSyncComplete) X(KIVCAM_SetImageCallBack)        \
+  X(KIVCAM_ResourceAllocGigE) X(KIVCAM_GetGigEPktLog) X(KIVCAM_TestStream) X(KIVCAM_ConvMode)             \
+  X(KIVCAM_ImageConvExec) X(KIVCAM_BufferConvExec) X(KIVCAM_SetBMPINFO) X(KIVCAM_GetBMPINFO)
 
 // Last-error value Err gives for a call that did not fail.
 constexpr uint32_t kSucceeded = 0xFFFFFFFFu;
@@ -67,8 +72,9 @@ class Sim {
   explicit Sim(const std::string& cti_path);
   ~Sim();
   bool loaded() const { return handle_ != nullptr; }
-#define CAMTEST_SIM_CONTROLS(X) \
-  X(camera_index) X(plug) X(raise_interface_event) X(fail_next) X(short_reads)
+#define CAMTEST_SIM_CONTROLS(X)                                                              \
+  X(camera_index) X(plug) X(raise_interface_event) X(fail_next) X(short_reads) X(deliver) X(free_run) \
+  X(set_delivery_status) X(get_counters) X(reset_faults)
 #define CAMTEST_SIM_FN(name) decltype(&::kivsim_##name) name = nullptr;
   CAMTEST_SIM_CONTROLS(CAMTEST_SIM_FN)
 #undef CAMTEST_SIM_FN
@@ -85,6 +91,7 @@ class LogDrain {
   bool ok() const { return ok_; }
   // Forgets every line written so far.
   void Clear();
+  void SetLevel(uint32_t level) { reader_.SetLevel(level); }
   // True when a line holding both texts was written.
   bool Saw(const std::string& a, const std::string& b = "");
   // The first line seen holding both texts, or empty.

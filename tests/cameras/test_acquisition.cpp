@@ -1,0 +1,446 @@
+// Acquisition through the exports on the virtual cameras: the checks of
+// every export, the places a buffer goes through, completions and their
+// statuses, VSync tokens, and what every pixel format looks like once
+// grabbed and converted. The cameras deliver on demand, so every frame
+// here is one the test asked for.
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "cam_env.h"
+#include "kivgenapi/KivGenApi.h"
+#include "pixfmt.h"
+
+namespace camtest {
+namespace {
+
+constexpr uint32_t kWait = 5000;  // ms; generous, never reached when things work
+
+class Acquisition : public CameraTest {
+ protected:
+  struct Cam {
+    HCAMERA h = nullptr;
+    Sim* sim = nullptr;
+    uint32_t index = 0;
+  };
+
+  // Opens the camera and switches it to delivery on demand.
+  Cam Open(uint64_t uid) {
+    Cam c;
+    c.h = OpenUid(uid);
+    const bool usb = uid == kUsb1;
+    c.sim = usb ? &USB() : &GigE();
+    c.index = static_cast<uint32_t>(c.sim->camera_index(((usb ? "KivU3V::" : "KivGEV::") + std::to_string(uid)).c_str()));
+    EXPECT_EQ(c.sim->deliver(c.index, 0), 0);
+    return c;
+  }
+  ImageBuffer* Alloc(HCAMERA h) {
+    ImageBuffer* b = nullptr;
+    EXPECT_EQ(lib_->KIVCAM_ImageAlloc(h, &b), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+    return b;
+  }
+  kivsim_counters Counters(const Cam& c) {
+    kivsim_counters k{};
+    c.sim->get_counters(c.index, &k);
+    return k;
+  }
+  // Waits until the producer has put `n` frames into this process's buffers.
+  bool WaitDelivered(const Cam& c, uint64_t n) {
+    for (auto t0 = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() - t0 < std::chrono::seconds(5);) {
+      if (Counters(c).frames_delivered >= n) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+  }
+  // Allocates, starts and requests `buffer`, then has one frame delivered.
+  void RequestOne(const Cam& c, ImageBuffer* buffer) {
+    ASSERT_EQ(lib_->KIVCAM_ImageReq(c.h, buffer), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  }
+};
+
+// ---- checks ---------------------------------------------------------------------
+
+TEST_F(Acquisition, EveryExportChecksInItsOrderOnBothKinds) {
+  Load();
+  Cam gige = Open(kGigE1), usb = Open(kUsb1);
+  CamLib& l = *lib_;
+  ImageBuffer* b = nullptr;
+  HVSYNC token = nullptr;
+  GigEPacketLog plog;
+  auto cb = [](HCAMERA, void*, uint32_t, uint32_t, uint32_t, ImageInfo*, void*) {};
+  for (HCAMERA h : {gige.h, usb.h}) {
+    SCOPED_TRACE(h == gige.h ? "GigE" : "USB");
+    // Before the resources: 9 everywhere, null pointers 1 first.
+    EXPECT_EQ(Err(l.KIVCAM_ImageAlloc(h, nullptr)), KIVCAM_ERR_PARAM);
+    EXPECT_EQ(Err(l.KIVCAM_ImageAlloc(h, &b)), KIVCAM_ERR_NOT_ALLOCATED);
+    EXPECT_EQ(b, nullptr);
+    EXPECT_EQ(Err(l.KIVCAM_ResourceRelease(h)), KIVCAM_ERR_NOT_ALLOCATED);
+    EXPECT_EQ(Err(l.KIVCAM_ImageStart(h)), KIVCAM_ERR_NOT_ALLOCATED);
+    EXPECT_EQ(Err(l.KIVCAM_ImageStop(h)), KIVCAM_ERR_NOT_ALLOCATED);
+    EXPECT_EQ(Err(l.KIVCAM_VSyncReq(h, nullptr)), KIVCAM_ERR_PARAM);
+    EXPECT_EQ(Err(l.KIVCAM_VSyncReq(h, &token)), KIVCAM_ERR_NOT_ALLOCATED);
+    EXPECT_EQ(Err(l.KIVCAM_SetImageCallBack(h, nullptr, cb, 0, 0)), KIVCAM_ERR_PARAM);
+    EXPECT_EQ(Err(l.KIVCAM_SetImageCallBack(h, nullptr, cb, 4, 0)), KIVCAM_ERR_NOT_ALLOCATED);
+    EXPECT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);  // none: nothing to stop
+    EXPECT_EQ(l.KIVCAM_ImageReqAbortAll(h), KIVCAM_TRUE);
+    EXPECT_EQ(Err(l.KIVCAM_GetGigEPktLog(h, nullptr)), KIVCAM_ERR_PARAM);
+    // Allocated: 8, then start and stop rules.
+    ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
+    EXPECT_EQ(Err(l.KIVCAM_ResourceAlloc(h)), KIVCAM_ERR_ALLOCATED);
+    EXPECT_EQ(Err(l.KIVCAM_ImageStop(h)), KIVCAM_ERR_NOT_RUNNING);
+    ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
+    EXPECT_EQ(Err(l.KIVCAM_ImageStart(h)), KIVCAM_ERR_RUNNING);
+    EXPECT_EQ(Err(l.KIVCAM_ResourceRelease(h)), KIVCAM_ERR_RUNNING);
+    EXPECT_EQ(Err(l.KIVCAM_ImageFreeAll(h)), KIVCAM_ERR_RUNNING);
+    EXPECT_EQ(l.KIVCAM_ImageStop(h), KIVCAM_TRUE);
+  }
+  // The GigE exports: the address before the kind, the kind before the rest.
+  const uint8_t bad_group[4] = {239, 0, 0, 1}, high_group[4] = {239, 128, 1, 1};
+  EXPECT_EQ(Err(l.KIVCAM_ResourceAllocGigE(usb.h, bad_group, 0)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(l.KIVCAM_ResourceAllocGigE(gige.h, high_group, 0)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(l.KIVCAM_ResourceAllocGigE(usb.h, nullptr, 0)), KIVCAM_ERR_NOT_GIGE);
+  EXPECT_EQ(Err(l.KIVCAM_ResourceAllocGigE(gige.h, nullptr, 0)), KIVCAM_ERR_ALLOCATED);
+  EXPECT_EQ(Err(l.KIVCAM_TestStream(usb.h)), KIVCAM_ERR_NOT_GIGE);
+  EXPECT_EQ(Err(l.KIVCAM_TestStream(gige.h)), KIVCAM_ERR_ALLOCATED);
+  EXPECT_EQ(Err(l.KIVCAM_GetGigEPktLog(usb.h, &plog)), KIVCAM_ERR_NOT_GIGE);
+  EXPECT_EQ(l.KIVCAM_GetGigEPktLog(gige.h, &plog), KIVCAM_TRUE);
+  // An unplugged camera: 5 where presence counts, not where it does not.
+  ASSERT_EQ(usb.sim->plug(usb.index, 0), 0);
+  uint32_t state = 1;
+  ASSERT_EQ(l.KIVCAM_Camera(usb.h, &state), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_ImageStart(usb.h)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(l.KIVCAM_ImageAlloc(usb.h, &b)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(l.KIVCAM_ResourceRelease(usb.h), KIVCAM_TRUE);
+}
+
+TEST_F(Acquisition, BufferHandlesAreCheckedLikeCameraHandles) {
+  Load();
+  Cam a = Open(kGigE1), other = Open(kGigE2);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(a.h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(other.h), KIVCAM_TRUE);
+  ImageBuffer* mine = Alloc(a.h);
+  ImageBuffer* theirs = Alloc(other.h);
+  ImageBuffer* freed = Alloc(a.h);
+  ASSERT_EQ(l.KIVCAM_ImageFree(a.h, freed), KIVCAM_TRUE);
+  // A new buffer never gets the freed one's address.
+  ImageBuffer* again = Alloc(a.h);
+  EXPECT_NE(again, freed);
+  ImageBuffer fake;
+  std::memcpy(&fake, mine, sizeof fake);  // looks right, is nobody's
+  for (ImageBuffer* bad : {freed, &fake, static_cast<ImageBuffer*>(nullptr)}) {
+    EXPECT_EQ(Err(l.KIVCAM_ImageReq(a.h, bad)), KIVCAM_ERR_PARAM);
+    EXPECT_EQ(Err(l.KIVCAM_ImageComplete(a.h, bad, 0, nullptr)), KIVCAM_ERR_PARAM);
+    EXPECT_EQ(Err(l.KIVCAM_ImageFree(a.h, bad)), KIVCAM_ERR_PARAM);
+    EXPECT_EQ(Err(l.KIVCAM_ImageConvExec(a.h, bad, &fake)), KIVCAM_ERR_PARAM);
+  }
+  // Another camera's buffer is a buffer, but not this camera's.
+  EXPECT_EQ(Err(l.KIVCAM_ImageReq(a.h, theirs)), KIVCAM_ERR_BUFFER);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(a.h, theirs, 0, nullptr)), KIVCAM_ERR_BUFFER);
+  EXPECT_EQ(Err(l.KIVCAM_ImageFree(a.h, theirs)), KIVCAM_ERR_BUFFER);
+  // A buffer of a closed camera is gone with it.
+  ASSERT_EQ(l.KIVCAM_Close(other.h), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_ImageFree(a.h, theirs)), KIVCAM_ERR_PARAM);
+}
+
+// ---- buffer places --------------------------------------------------------------
+
+TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
+  Load();
+  Cam c = Open(kGigE1);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Alloc(c.h);
+  EXPECT_EQ(b->Width, 640u);
+  EXPECT_EQ(b->Height, 480u);
+  EXPECT_EQ(b->PayloadSize, 640u * 480u);
+  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  RequestOne(c, b);
+  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_REQUESTED);
+  EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);  // queued twice
+  EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);
+  ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
+  // Collected but still announced: not free yet, but queued again without a new announcement.
+  EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);
+  const uint32_t announced = Counters(c).announces;
+  RequestOne(c, b);
+  ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).announces, announced);
+  // A completion of a buffer not requested (any more).
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_PARAM);
+  // The abort revokes it: free now.
+  ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(l.KIVCAM_ImageFree(c.h, b), KIVCAM_TRUE);
+
+  // A release revokes every buffer; free-all then frees them.
+  ImageBuffer* q = Alloc(c.h);
+  RequestOne(c, q);
+  ASSERT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(l.KIVCAM_ImageFree(c.h, q), KIVCAM_TRUE);
+  ImageBuffer* none = nullptr;
+  EXPECT_EQ(Err(l.KIVCAM_ImageAlloc(c.h, &none)), KIVCAM_ERR_NOT_ALLOCATED);
+
+  // A buffer of another geometry is refused once the resources are sized anew.
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* small = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
+  void* raw = nullptr;
+  ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
+  KivGenApi::CIntegerPtr width = static_cast<KivGenApi::CNodeMapRef*>(raw)->_GetNode("Width");
+  width->SetValue(800);
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, small)), KIVCAM_ERR_PARAM);
+  ImageBuffer* wide = Alloc(c.h);
+  EXPECT_EQ(wide->Width, 800u);
+  EXPECT_EQ(l.KIVCAM_ImageReq(c.h, wide), KIVCAM_TRUE);
+  EXPECT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(l.KIVCAM_ImageFreeAll(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, wide)), KIVCAM_ERR_PARAM);
+}
+
+// ---- completions ----------------------------------------------------------------
+
+TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), kSucceeded);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);  // nothing yet
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(WaitDelivered(c, 1));
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), kSucceeded);
+  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
+}
+
+TEST_F(Acquisition, AnAbortFromAnotherThreadEndsAnEndlessWait) {
+  Load();
+  Cam c = Open(kGigE2);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ImageReq(c.h, b), KIVCAM_TRUE);
+  uint32_t error = 0;
+  log_->SetLevel(2);  // the completion's own lines are verbose
+  std::thread waiter([&] { error = Err(l.KIVCAM_ImageComplete(c.h, b, KIVCAM_INFINITE, nullptr)); });
+  // The waiter has given the camera lock up for its wait once this returns:
+  // the abort takes the same lock.
+  ASSERT_TRUE(log_->WaitFor("KIVCAM_ImageComplete", "Start"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // into EventGetData, most likely; either way it ends
+  ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
+  waiter.join();
+  // Killed in the wait (99, the producer's text), or, had the abort come
+  // first, the request was gone (1): never a hang.
+  EXPECT_TRUE(error == KIVCAM_ERR_OTHER || error == KIVCAM_ERR_PARAM) << error;
+  if (error == KIVCAM_ERR_OTHER) {
+    EXPECT_TRUE(log_->Saw("CCamera::ImageComplete", "Wait aborted"));
+  }
+  EXPECT_EQ(l.KIVCAM_ImageFree(c.h, b), KIVCAM_TRUE);  // back in place 1
+}
+
+TEST_F(Acquisition, StatusesOfDeliveredImages) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  // Informational: usable, but a request reports it as 14.
+  ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_INFO, 0, 0, 1), 0);
+  RequestOne(c, b);
+  ImageInfo info{};
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, &info)), KIVCAM_ERR_NO_IMAGE);
+  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_FAILED);
+  EXPECT_EQ(info.Transport, KIVCAM_CAMERAKIND_USB);  // filled all the same
+  // A transfer failure: one USB stream reset request at the next abort, none after.
+  ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_TRANSFER_ERROR, 0, 0, 1), 0);
+  RequestOne(c, b);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, &info)), KIVCAM_ERR_NO_IMAGE);
+  EXPECT_EQ(info.USB.Complete, 0u);  // one byte short
+  const uint32_t resets = Counters(c).reset_requests;
+  ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).reset_requests, resets + 1);
+  ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).reset_requests, resets + 1);
+  // A good one again.
+  RequestOne(c, b);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, &info)), kSucceeded);
+  EXPECT_EQ(info.USB.Complete, 1u);
+}
+
+TEST_F(Acquisition, TransportRecordsHoldWhatTheProducerWrote) {
+  Load();
+  Cam g = Open(kGigE1), u = Open(kUsb1);
+  CamLib& l = *lib_;
+  for (const Cam* c : {&g, &u}) {
+    ASSERT_EQ(l.KIVCAM_ResourceAlloc(c->h), KIVCAM_TRUE);
+    ImageBuffer* b = Alloc(c->h);
+    ASSERT_EQ(l.KIVCAM_ImageStart(c->h), KIVCAM_TRUE);
+    RequestOne(*c, b);
+    ImageInfo info;
+    std::memset(&info, 0xA5, sizeof info);
+    ASSERT_EQ(l.KIVCAM_ImageComplete(c->h, b, kWait, &info), KIVCAM_TRUE);
+    if (c == &g) {
+      EXPECT_EQ(info.Transport, KIVCAM_CAMERAKIND_GIGE);
+      EXPECT_EQ(info.GigE.Complete, 1u);
+      kivsim_gige_info block;
+      std::memcpy(&block, info.GigE.PacketInfo, sizeof block);
+      EXPECT_EQ(block.payload_size, b->PayloadSize);
+      EXPECT_EQ(block.width, 640u);
+      EXPECT_EQ(block.height, 480u);
+      EXPECT_EQ(block.pixel_format, b->PixelFormat);
+      // The block sits where the library told the producer to put it.
+      EXPECT_EQ(std::memcmp(info.GigE.PacketInfo, static_cast<const uint8_t*>(b->Data) + b->InfoOffset, 540), 0);
+    } else {
+      EXPECT_EQ(info.USB.Transport, KIVCAM_CAMERAKIND_USB);
+      EXPECT_EQ(info.USB.Complete, 1u);
+      EXPECT_EQ(info.USB.PayloadType, 1u);
+      EXPECT_EQ(info.USB.ValidPayloadSize, b->PayloadSize);
+      EXPECT_EQ(info.USB.PixelFormat, b->PixelFormat);
+      EXPECT_EQ(info.USB.SizeX, 640u);
+      EXPECT_EQ(info.USB.SizeY, 480u);
+      EXPECT_EQ(info.USB.TrailerSizeY, 480u);
+      EXPECT_GE(info.USB.BlockID, 1u);
+    }
+  }
+}
+
+TEST_F(Acquisition, VSyncTokensComeBackAndAreReused) {
+  Load();
+  Cam c = Open(kGigE1);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  HVSYNC token = nullptr;
+  ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &token), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, nullptr, 0)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, 0)), KIVCAM_ERR_TIMEOUT);
+  RequestOne(c, b);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, kWait)), kSucceeded);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, 0)), KIVCAM_ERR_PARAM);  // collected
+  HVSYNC again = nullptr;
+  ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &again), KIVCAM_TRUE);
+  EXPECT_EQ(again, token);
+}
+
+// ---- conversion -------------------------------------------------------------------
+
+// Every format the USB camera offers, grabbed at 64x8: the raw frame is the
+// test pattern for its frame number, and the camera's conversion of it is
+// what a conversion handle makes of the recomputed pattern.
+TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  void* raw = nullptr;
+  ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
+  auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
+  KivGenApi::CEnumerationPtr format = map->_GetNode("PixelFormat");
+  KivGenApi::CIntegerPtr(map->_GetNode("Width"))->SetValue(64);
+  KivGenApi::CIntegerPtr(map->_GetNode("Height"))->SetValue(8);
+  KivGenApi::NodeList_t entries;
+  format->GetEntries(entries);
+  ASSERT_GE(entries.size(), 60u);
+  // The same explicit settings for the camera's engine and the handle.
+  KIVCAM_CONVMODE mode{0, 4, 0, 0, 0};
+  HCTBL handle = nullptr;
+  ASSERT_EQ(l.KIVCAM_CreateConvHandle(&handle, &mode, nullptr), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ConvMode(c.h, &mode, nullptr), KIVCAM_TRUE);
+  size_t checked = 0;
+  for (KivGenApi::INode* n : entries) {
+    KivGenApi::CEnumEntryPtr e = n;
+    if (!KivGenApi::IsAvailable(e)) continue;
+    const uint32_t code = static_cast<uint32_t>(e->GetValue());
+    SCOPED_TRACE(e->GetSymbolic());
+    format->SetIntValue(code);
+    ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+    ImageBuffer* b = Alloc(c.h);
+    ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+    RequestOne(c, b);
+    ImageInfo info{};
+    ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, &info), KIVCAM_TRUE);
+    auto pattern = kivsim::GetPattern(code, 64, 8);
+    ASSERT_TRUE(pattern);
+    const uint8_t* expected = pattern->frame(info.USB.BlockID - 1);
+    ASSERT_EQ(pattern->payload(), b->PayloadSize);
+    EXPECT_EQ(std::memcmp(b->Data, expected, b->PayloadSize), 0);
+    // The fourth byte of a 32-bit pixel is never written: the same fill for both.
+    std::vector<uint8_t> grabbed(64 * 8 * 4, 0x11), recomputed(64 * 8 * 4, 0x11);
+    KIVCAM_IMAGEDESC desc{64, 8, expected, b->PayloadSize, code, 1};
+    uint32_t conv_error = Err(l.KIVCAM_ColorConvExec(handle, &desc, recomputed.data()));
+    if (conv_error == kSucceeded) {
+      ASSERT_EQ(l.KIVCAM_ImageConvExec(c.h, b, grabbed.data()), KIVCAM_TRUE);
+      EXPECT_EQ(grabbed, recomputed);
+      ++checked;
+    } else {
+      // A format the converters don't know is refused by both.
+      EXPECT_EQ(conv_error, KIVCAM_ERR_PARAM);
+    }
+    ASSERT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageFreeAll(c.h), KIVCAM_TRUE);
+  }
+  EXPECT_GE(checked, 60u);
+}
+
+TEST_F(Acquisition, BitmapInformationAndTheAutomaticShift) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  uint32_t size = 0;
+  EXPECT_EQ(Err(l.KIVCAM_GetBMPINFO(c.h, nullptr, &size, 0)), KIVCAM_ERR_NOT_ALLOCATED);
+  EXPECT_EQ(Err(l.KIVCAM_BufferConvExec(c.h, &size, &size)), KIVCAM_ERR_OTHER);  // no engine yet
+  void* raw = nullptr;
+  ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
+  auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
+  KivGenApi::CEnumerationPtr(map->_GetNode("PixelFormat"))->SetIntValue(0x01100005);  // Mono12
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_SetBMPINFO(c.h, nullptr, &size, 1), KIVCAM_TRUE);
+  EXPECT_EQ(size, 1064u);  // grey form
+  size = 0;
+  ASSERT_EQ(l.KIVCAM_SetBMPINFO(c.h, nullptr, &size, 0), KIVCAM_TRUE);
+  EXPECT_EQ(size, 44u);
+  KIVCAM_BITMAPINFO bmi{};
+  size = 43;
+  EXPECT_EQ(Err(l.KIVCAM_GetBMPINFO(c.h, &bmi, &size, 0)), KIVCAM_ERR_BUFFER_SIZE);
+  EXPECT_EQ(size, 43u);
+  size = sizeof bmi;
+  ASSERT_EQ(l.KIVCAM_GetBMPINFO(c.h, &bmi, &size, 0), KIVCAM_TRUE);
+  EXPECT_EQ(bmi.bmiHeader.biWidth, 640);
+  EXPECT_EQ(bmi.bmiHeader.biBitCount, 32);  // no engine with 24-bit output
+  // The first start makes an engine that shifts 12-bit samples by 4.
+  ImageBuffer* b = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  RequestOne(c, b);
+  ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+  std::vector<uint8_t> by_camera(640 * 480 * 4), by_buffer(640 * 480 * 4), by_handle(640 * 480 * 4);
+  ASSERT_EQ(l.KIVCAM_ImageConvExec(c.h, b, by_camera.data()), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_BufferConvExec(c.h, b->Data, by_buffer.data()), KIVCAM_TRUE);
+  EXPECT_EQ(by_camera, by_buffer);
+  KIVCAM_CONVMODE four{0, 4, 0, 0, 0};
+  HCTBL handle = nullptr;
+  ASSERT_EQ(l.KIVCAM_CreateConvHandle(&handle, &four, nullptr), KIVCAM_TRUE);
+  KIVCAM_IMAGEDESC desc{640, 480, b->Data, b->PayloadSize, 0x01100005, 1};
+  ASSERT_EQ(l.KIVCAM_ColorConvExec(handle, &desc, by_handle.data()), KIVCAM_TRUE);
+  EXPECT_EQ(by_camera, by_handle);
+  // A mode out of range, and one for 24-bit output.
+  KIVCAM_CONVMODE nine{0, 9, 0, 0, 0}, bgr{0, -1, 1, 0, 0};
+  EXPECT_EQ(Err(l.KIVCAM_ConvMode(c.h, &nine, nullptr)), KIVCAM_ERR_PARAM);
+  ASSERT_EQ(l.KIVCAM_ConvMode(c.h, &bgr, nullptr), KIVCAM_TRUE);
+  size = sizeof bmi;
+  ASSERT_EQ(l.KIVCAM_GetBMPINFO(c.h, &bmi, &size, 0), KIVCAM_TRUE);
+  EXPECT_EQ(bmi.bmiHeader.biBitCount, 24);
+}
+
+}  // namespace
+}  // namespace camtest

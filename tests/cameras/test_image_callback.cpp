@@ -1,0 +1,368 @@
+// The image callback on the camera's stream thread: what it is handed, how
+// it starts and ends, what it may call (anything: nothing waits for its
+// thread), and teardown of cameras and the library while images flow.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "cam_env.h"
+
+namespace camtest {
+namespace {
+
+// What the callback saw; an optional action runs inside each call.
+struct Seen {
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<uint32_t> sizes;
+  uint32_t width = 0, height = 0;
+  uint32_t transport = 99;
+  HCAMERA camera = nullptr;
+  std::function<void(HCAMERA)> action;
+
+  bool WaitFor(size_t n) {
+    std::unique_lock<std::mutex> g(m);
+    return cv.wait_for(g, std::chrono::seconds(10), [&] { return sizes.size() >= n; });
+  }
+  size_t Count() {
+    std::lock_guard<std::mutex> g(m);
+    return sizes.size();
+  }
+};
+
+void OnImage(HCAMERA camera, void*, uint32_t size, uint32_t width, uint32_t height, ImageInfo* info,
+             void* context) {
+  auto* s = static_cast<Seen*>(context);
+  std::function<void(HCAMERA)> action;
+  {
+    std::lock_guard<std::mutex> g(s->m);
+    s->sizes.push_back(size);
+    s->width = width;
+    s->height = height;
+    s->camera = camera;
+    if (info) s->transport = info->Transport;
+    action = s->action;
+  }
+  if (action) action(camera);
+  s->cv.notify_all();
+}
+
+class ImageCallback : public CameraTest {
+ protected:
+  struct Cam {
+    HCAMERA h = nullptr;
+    Sim* sim = nullptr;
+    uint32_t index = 0;
+  };
+  Cam Open(uint64_t uid) {
+    Cam c;
+    c.h = OpenUid(uid);
+    const bool usb = uid == kUsb1;
+    c.sim = usb ? &USB() : &GigE();
+    c.index = static_cast<uint32_t>(c.sim->camera_index(((usb ? "KivU3V::" : "KivGEV::") + std::to_string(uid)).c_str()));
+    EXPECT_EQ(c.sim->deliver(c.index, 0), 0);
+    return c;
+  }
+  kivsim_counters Counters(const Cam& c) {
+    kivsim_counters k{};
+    c.sim->get_counters(c.index, &k);
+    return k;
+  }
+  // Resources allocated and acquisition started.
+  void Ready(const Cam& c) {
+    ASSERT_EQ(lib_->KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+    ASSERT_EQ(lib_->KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  }
+};
+
+TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
+  Load();
+  Cam c = Open(kGigE1);
+  CamLib& l = *lib_;
+  Ready(c);
+  Seen seen;
+  const uint32_t announced = Counters(c).announces;
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 4, 1), KIVCAM_TRUE);
+  // Four producer-allocated buffers, announced before the export returned.
+  EXPECT_EQ(Counters(c).announces, announced + 4);
+  EXPECT_EQ(Err(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 4, 1)), KIVCAM_ERR_BUFFER_BUSY);
+  for (size_t n = 1; n <= 6; ++n) {
+    // One at a time: a frame that finds no buffer queued is lost.
+    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+    ASSERT_TRUE(seen.WaitFor(n));
+  }
+  {
+    std::lock_guard<std::mutex> g(seen.m);
+    EXPECT_EQ(seen.width, 640u);
+    EXPECT_EQ(seen.height, 480u);
+    EXPECT_EQ(seen.camera, c.h);
+    EXPECT_EQ(seen.transport, KIVCAM_CAMERAKIND_GIGE);
+    for (uint32_t s : seen.sizes) EXPECT_EQ(s, 640u * 480u);
+  }
+  // An informational status is a good image here; an error status has size 0.
+  ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_INFO, 0, 0, 1), 0);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(7));
+  ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_BUFFER_TOO_SMALL, 0, 0, 1), 0);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(8));
+  {
+    std::lock_guard<std::mutex> g(seen.m);
+    EXPECT_EQ(seen.sizes[6], 640u * 480u);
+    EXPECT_EQ(seen.sizes[7], 0u);
+  }
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).revokes, Counters(c).announces);  // the thread gave its buffers back
+  // Installed again after removal.
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(9));
+}
+
+TEST_F(ImageCallback, AReleaseEndsTheThreadAndTheRemovalFindsItEnded) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  Ready(c);
+  Seen seen;
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 0), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(1));
+  ASSERT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
+  ASSERT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
+  EXPECT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).revokes, Counters(c).announces);
+}
+
+TEST_F(ImageCallback, AUsbTransferFailureGetsOneStreamResetAtTheNextThreadStart) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  Ready(c);
+  Seen seen;
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_TRANSFER_ERROR, 0, 0, 1), 0);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(1));
+  const uint32_t resets = Counters(c).reset_requests;
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).reset_requests, resets + 1);
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  EXPECT_EQ(Counters(c).reset_requests, resets + 1);
+}
+
+// Exports called from the image callback: of its own camera (taking its
+// lock while another thread removes the callback), of the library, and the
+// removal of the callback itself.
+TEST_F(ImageCallback, TheCallbackMayCallAnyExport) {
+  Load();
+  Cam c = Open(kGigE1);
+  CamLib& l = *lib_;
+  Ready(c);
+  Seen seen;
+  std::atomic<int> failures{0};
+  std::atomic<bool> removed_itself{false};
+  std::vector<uint8_t> bgr(640 * 480 * 4);
+  seen.action = [&](HCAMERA h) {
+    CameraListEntry e;
+    uint32_t state = 0, size = 0;
+    if (!l.KIVCAM_CameraInfo(h, &e)) ++failures;
+    if (!l.KIVCAM_Camera(h, &state)) ++failures;
+    if (!l.KIVCAM_GetBMPINFO(h, nullptr, &size, 0)) ++failures;
+    CameraList head{};
+    if (!l.KIVCAM_GetList(&head)) ++failures;
+    if (removed_itself) return;
+    if (seen.Count() == 3) {
+      // Removing the callback from inside itself returns at once.
+      if (!l.KIVCAM_SetImageCallBack(h, nullptr, nullptr, 0, 0)) ++failures;
+      removed_itself = true;
+    }
+  };
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  for (size_t n = 1; n <= 3; ++n) {
+    // One at a time: a frame that finds no buffer queued is lost.
+    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+    ASSERT_TRUE(seen.WaitFor(n));
+  }
+  ASSERT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
+  EXPECT_TRUE(removed_itself);
+  EXPECT_EQ(failures.load(), 0);
+  // A new installation works once the old thread has ended.
+  seen.action = nullptr;
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  // Another thread removes the callback while it takes the camera lock.
+  std::atomic<bool> in_callback{false}, release{false};
+  seen.action = [&](HCAMERA h) {
+    in_callback = true;
+    while (!release) std::this_thread::yield();
+    uint32_t state = 0;
+    if (!l.KIVCAM_Camera(h, &state)) ++failures;  // the remover holds no lock while it waits
+  };
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  while (!in_callback) std::this_thread::yield();
+  std::thread remover([&] { EXPECT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE); });
+  release = true;
+  remover.join();
+  EXPECT_EQ(failures.load(), 0);
+}
+
+TEST_F(ImageCallback, CloseFromItsOwnCallbackReleasesTheCameraAtOnce) {
+  Load();
+  Cam c = Open(kGigE1);
+  CamLib& l = *lib_;
+  Ready(c);
+  Seen seen;
+  std::atomic<uint32_t> close_error{7777};
+  seen.action = [&](HCAMERA h) { close_error = l.Err(l.KIVCAM_Close(h)); };
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(1));
+  ASSERT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
+  EXPECT_EQ(close_error.load(), kSucceeded);
+  uint32_t state = 0;
+  EXPECT_EQ(Err(l.KIVCAM_Camera(c.h, &state)), KIVCAM_ERR_PARAM);
+  // The device is free again: it opens.
+  EXPECT_NE(OpenUid(kGigE1), nullptr);
+}
+
+TEST_F(ImageCallback, FreeLibraryFromTheCallbackReturnsAndTheUnloadJoinsTheThread) {
+  Load();
+  Cam c = Open(kUsb1);
+  CamLib& l = *lib_;
+  Ready(c);
+  Seen seen;
+  std::atomic<bool> freed{false};
+  seen.action = [&](HCAMERA) {
+    l.KIVCAM_FreeLibrary();
+    freed = true;
+  };
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(seen.WaitFor(1));
+  for (int i = 0; i < 1000 && !freed; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_TRUE(freed.load());
+  EXPECT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_FALSE);  // no library object any more
+  Unload();
+  Load();
+  EXPECT_NE(OpenUid(kUsb1), nullptr);
+}
+
+// Close, close-all, unplug and unload while a callback runs and another
+// thread waits without a time limit: each ends, in a bounded time, again
+// and again.
+TEST_F(ImageCallback, TeardownUnderLoadNeverHangs) {
+  enum Way { kClose, kCloseAll, kUnplug, kUnload };
+  for (int round = 0; round < 8; ++round) {
+    const Way way = static_cast<Way>(round % 4);
+    SCOPED_TRACE(round);
+    Load();
+    Cam c = Open(kGigE2);
+    CamLib& l = *lib_;
+    Ready(c);
+    ASSERT_EQ(c.sim->free_run(c.index, 0), 0);  // as fast as buffers come back
+    Seen seen;
+    ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 1), KIVCAM_TRUE);
+    ImageBuffer* b = nullptr;
+    ASSERT_EQ(l.KIVCAM_ImageAlloc(c.h, &b), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageReq(c.h, b), KIVCAM_TRUE);
+    ASSERT_TRUE(seen.WaitFor(2));
+    std::atomic<bool> waiter_done{false};
+    std::thread waiter([&] {
+      // Requests until the camera goes; every failure ends the loop.
+      while (l.KIVCAM_ImageComplete(c.h, b, KIVCAM_INFINITE, nullptr) || l.KIVCAM_GetLastError() == 14) {
+        if (!l.KIVCAM_ImageReq(c.h, b)) break;
+      }
+      waiter_done = true;
+    });
+    auto t0 = std::chrono::steady_clock::now();
+    switch (way) {
+      case kClose: EXPECT_EQ(l.KIVCAM_Close(c.h), KIVCAM_TRUE); break;
+      case kCloseAll: l.KIVCAM_CloseAll(); break;
+      case kUnplug: ASSERT_EQ(c.sim->plug(c.index, 0), 0); break;
+      case kUnload: break;
+    }
+    if (way == kUnplug) {
+      // The producer stops delivering; the waiter ends with the abort of a release.
+      uint32_t state = 1;
+      ASSERT_EQ(l.KIVCAM_Camera(c.h, &state), KIVCAM_TRUE);
+      EXPECT_EQ(state, 0u);
+      l.KIVCAM_ImageReqAbortAll(c.h);
+      l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0);
+    }
+    if (way == kUnload) {
+      l.KIVCAM_FreeLibrary();
+    }
+    waiter.join();
+    EXPECT_TRUE(waiter_done.load());
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    Unload();
+  }
+}
+
+// A producer call that fails on the way to a frame: its code, its text in
+// the call log, and nothing left behind.
+TEST_F(ImageCallback, ProducerFailuresOnTheWayToAFrame) {
+  Load();
+  Cam c = Open(kGigE1);
+  CamLib& l = *lib_;
+  struct Case {
+    const char* call;
+    uint32_t error;
+  };
+  // Allocation: every failure is undone, so the next allocation works.
+  for (Case k : {Case{"GCRegisterEvent", KIVCAM_ERR_OTHER}, Case{"DSStartAcquisition", KIVCAM_ERR_OTHER}}) {
+    SCOPED_TRACE(k.call);
+    std::string text = std::string("Injected ") + k.call;
+    ASSERT_EQ(c.sim->fail_next(k.call, -1001, text.c_str(), 1), 0);
+    log_->Clear();
+    EXPECT_EQ(Err(l.KIVCAM_ResourceAlloc(c.h)), k.error);
+    EXPECT_TRUE(log_->Saw("CCamera::AllocResources", text));
+    ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
+  }
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = nullptr;
+  ASSERT_EQ(l.KIVCAM_ImageAlloc(c.h, &b), KIVCAM_TRUE);
+  // Requests: the buffer stays free (not announced), or announced and not queued.
+  for (const char* call : {"DSAnnounceBuffer", "DSQueueBuffer"}) {
+    SCOPED_TRACE(call);
+    std::string text = std::string("Injected ") + call;
+    ASSERT_EQ(c.sim->fail_next(call, -1001, text.c_str(), 1), 0);
+    log_->SetLevel(2);
+    log_->Clear();
+    EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), KIVCAM_ERR_OTHER);
+    EXPECT_TRUE(log_->Saw("CCamera::ImageReq", text));
+    EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_PARAM);  // not requested
+  }
+  // Completion: the buffer information.
+  ASSERT_EQ(l.KIVCAM_ImageReq(c.h, b), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_EQ(c.sim->fail_next("DSGetBufferInfo", -1001, "Injected info", 1), 0);
+  log_->Clear();
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 5000, nullptr)), KIVCAM_ERR_OTHER);
+  EXPECT_TRUE(log_->Saw("CCamera::ImageComplete", "Injected info"));
+  // The stream thread: a failing announcement ends it, logged, and the
+  // installation still counts (it is removed as usual).
+  ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->fail_next("DSAnnounceBuffer", -1001, "Injected thread", 1), 0);
+  Seen seen;
+  log_->Clear();
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  EXPECT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "Injected thread"));
+  EXPECT_EQ(Err(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0)), KIVCAM_ERR_BUFFER_BUSY);
+  EXPECT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  kivsim_counters k = Counters(c);
+  EXPECT_EQ(k.revokes, k.announces);
+}
+
+}  // namespace
+}  // namespace camtest
