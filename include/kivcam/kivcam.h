@@ -343,9 +343,11 @@ typedef union ImageInfo {
  * the camera's stream thread with the image's data address, its size in bytes
  * (the payload size, or 0 when the image arrived with an error status), the
  * width and height read when the thread started, the transport information
- * (or null when not asked for) and the application's context. It must not
- * call a function that takes this camera's lock while the callback is being
- * removed; the conversion functions are safe. */
+ * (or null when not asked for) and the application's context. It may call
+ * any function, of this camera too: removing the callback, releasing the
+ * resources, closing the camera or freeing the library from inside it
+ * returns at once, and the image it was handed is no longer valid after a
+ * close or a free. */
 typedef void (*ImageCallBack)(HCAMERA camera, void *data, uint32_t size,
                               uint32_t width, uint32_t height,
                               ImageInfo *info, void *context);
@@ -1029,9 +1031,13 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_VSyncComplete(HCAMERA camera, HVSYNC token, uint32
  * bufferCount producer-allocated buffers and calls callback once per image
  * (with an ImageInfo when passImageInfo is non-zero) until the callback is
  * removed, the resources are released or the producer fails. A null callback
- * removes it (always succeeds). Returns once the buffers are queued.
+ * removes it (always succeeds); it waits for the stream thread to end with
+ * the camera lock given up, so the callback may take it meanwhile, and from
+ * inside the callback it returns at once (the thread ends when the callback
+ * returns). Returns once the buffers are queued.
  * Errors: PARAM (bufferCount 0), NO_CAMERA, NOT_ALLOCATED, BUFFER_BUSY
- * (already installed), OTHER (thread not created). Lock: camera lock. */
+ * (already installed, or called from inside the callback whose thread has not
+ * ended yet), OTHER (thread not created). Lock: camera lock. */
 KIVCAM_API KIVCAM_BOOL KIVCAM_SetImageCallBack(HCAMERA camera, void *context, ImageCallBack callback,
                                                uint32_t bufferCount, uint32_t passImageInfo);
 

@@ -6,6 +6,8 @@
 #include <cstdlib>
 
 #include <algorithm>
+#include <mutex>
+#include <set>
 
 #include "common.h"
 #include "pixfmt.h"
@@ -25,19 +27,41 @@ struct LastError {
   std::string text;
 };
 pthread_key_t g_error_key;
+// Every thread's record, so that an unload frees those of threads that end
+// later, whose key destructor no longer runs then. Raw: static destructors
+// may run before the unload's.
+std::mutex* g_errors_mu = nullptr;
+std::set<LastError*>* g_errors = nullptr;
 
-void FreeLastError(void* p) { delete static_cast<LastError*>(p); }
+void FreeLastError(void* p) {
+  if (!p) return;
+  {
+    std::lock_guard<std::mutex> g(*g_errors_mu);
+    g_errors->erase(static_cast<LastError*>(p));
+  }
+  delete static_cast<LastError*>(p);
+}
 
-__attribute__((constructor)) void CreateErrorKey() { pthread_key_create(&g_error_key, FreeLastError); }
+__attribute__((constructor)) void CreateErrorKey() {
+  g_errors_mu = new std::mutex;
+  g_errors = new std::set<LastError*>;
+  pthread_key_create(&g_error_key, FreeLastError);
+}
 __attribute__((destructor)) void DeleteErrorKey() {
-  FreeLastError(pthread_getspecific(g_error_key));
   pthread_key_delete(g_error_key);
+  for (LastError* e : *g_errors) delete e;
+  delete g_errors;
+  delete g_errors_mu;
 }
 
 LastError* ThreadError(bool create) {
   auto* e = static_cast<LastError*>(pthread_getspecific(g_error_key));
   if (!e && create) {
     e = new LastError();
+    {
+      std::lock_guard<std::mutex> g(*g_errors_mu);
+      g_errors->insert(e);
+    }
     pthread_setspecific(g_error_key, e);
   }
   return e;

@@ -47,6 +47,21 @@ void OpenByParam(CKivCamDLL& lib, const KIVCAM_OPENPARAM* param, HCAMERA* camera
 
 }  // namespace
 
+namespace {
+
+// A camera's stream thread ends before the API lock is taken: its callback
+// may be inside an export that takes that lock.
+void StopCallback(kivcam::camera::CCamera& c) {
+  try {
+    CameraLock g(c);
+    if (!c.watch()) c.StopImageCallBack();
+  } catch (const kivcam::Error&) {
+    // Closed meanwhile: nothing to stop.
+  }
+}
+
+}  // namespace
+
 extern "C" {
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_Open(uint64_t uid, HCAMERA* camera) {
@@ -77,10 +92,12 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_OpenUSB(const KIVCAM_OPENPARAM* param, HCAMERA* ca
   });
 }
 
+
 KIVCAM_API KIVCAM_BOOL KIVCAM_Close(HCAMERA camera) {
   return RunBool(Frame::Camera("KIVCAM_Close", camera), [&](CKivCamDLL& lib) {
     auto c = CameraOf(lib, camera);
     c->PreCall();
+    StopCallback(*c);
     LockGuard api(lib.api_lock());
     // Closed meanwhile (its interface went away): as stale as any other.
     if (c->closed()) Require(nullptr);
@@ -91,6 +108,12 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_Close(HCAMERA camera) {
 
 KIVCAM_API void KIVCAM_CloseAll(void) {
   Run(Frame::Plain("KIVCAM_CloseAll"), [&](CKivCamDLL& lib) {
+    std::vector<std::shared_ptr<kivcam::camera::CCamera>> cameras;
+    {
+      LockGuard api(lib.api_lock());
+      cameras = lib.Cameras();
+    }
+    for (const auto& c : cameras) StopCallback(*c);
     LockGuard api(lib.api_lock());
     lib.CloseAllCameras();
   }, /*always_end=*/true);

@@ -134,6 +134,16 @@ void CKivCamDLL::CloseAllCameras() {
   }
 }
 
+std::vector<std::shared_ptr<camera::CCamera>> CKivCamDLL::Cameras() {
+  std::vector<std::shared_ptr<camera::CCamera>> all;
+  for (const auto& p : producers_) {
+    for (const auto& i : p->interfaces()) {
+      for (const auto& d : i->Cameras()) all.push_back(std::static_pointer_cast<camera::CCamera>(d));
+    }
+  }
+  return all;
+}
+
 HCTBL CKivCamDLL::AddConvHandle(std::shared_ptr<CConvHandle> handle) {
   void* h = handles_.Add(HandleKind::kConv, handle);
   if (!h) throw Failure("Handle Space Exhausted");

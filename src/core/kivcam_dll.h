@@ -65,6 +65,8 @@ class CKivCamDLL : public transport::IBusEvents {
   void Close(transport::CDevice& object);
   // Closes every camera of every interface; port objects stay.
   void CloseAllCameras();
+  // Every open camera; under the API lock.
+  std::vector<std::shared_ptr<camera::CCamera>> Cameras();
 
   // The live object behind a handle, else null. A reference keeps the object
   // (not its device) alive; it may be closed meanwhile.

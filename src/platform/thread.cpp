@@ -85,6 +85,10 @@ void JoinRetiredThreads() {
     if (g_retired && !g_retired->empty()) {
       t = g_retired->back();
       g_retired->pop_back();
+    } else {
+      // Called at unload: nothing may stay behind.
+      delete g_retired;
+      g_retired = nullptr;
     }
     pthread_mutex_unlock(&g_retired_lock);
     if (!t) return;

@@ -314,6 +314,11 @@ void CInterface::DestroyAllCameras() {
   }
 }
 
+std::vector<std::shared_ptr<CDevice>> CInterface::Cameras() {
+  platform::LockGuard g(lock_);
+  return cameras_;
+}
+
 size_t CInterface::camera_count() {
   platform::LockGuard g(lock_);
   return cameras_.size();

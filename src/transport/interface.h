@@ -83,6 +83,8 @@ class CInterface {
   bool Destroy(const CDevice* object);
   // Destroys every camera, first to last.
   void DestroyAllCameras();
+  // The cameras held now.
+  std::vector<std::shared_ptr<CDevice>> Cameras();
   size_t camera_count();
 
  private:

@@ -304,12 +304,14 @@ TEST_F(Acquisition, TransportRecordsHoldWhatTheProducerWrote) {
       EXPECT_EQ(info.USB.Transport, KIVCAM_CAMERAKIND_USB);
       EXPECT_EQ(info.USB.Complete, 1u);
       EXPECT_EQ(info.USB.PayloadType, 1u);
-      EXPECT_EQ(info.USB.ValidPayloadSize, b->PayloadSize);
+      // Packed 64-bit fields: read by value.
+      const uint64_t valid = info.USB.ValidPayloadSize, block = info.USB.BlockID;
+      EXPECT_EQ(valid, b->PayloadSize);
       EXPECT_EQ(info.USB.PixelFormat, b->PixelFormat);
       EXPECT_EQ(info.USB.SizeX, 640u);
       EXPECT_EQ(info.USB.SizeY, 480u);
       EXPECT_EQ(info.USB.TrailerSizeY, 480u);
-      EXPECT_GE(info.USB.BlockID, 1u);
+      EXPECT_GE(block, 1u);
     }
   }
 }
@@ -371,7 +373,8 @@ TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
     ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, &info), KIVCAM_TRUE);
     auto pattern = kivsim::GetPattern(code, 64, 8);
     ASSERT_TRUE(pattern);
-    const uint8_t* expected = pattern->frame(info.USB.BlockID - 1);
+    const uint64_t block = info.USB.BlockID;  // packed: by value
+    const uint8_t* expected = pattern->frame(block - 1);
     ASSERT_EQ(pattern->payload(), b->PayloadSize);
     EXPECT_EQ(std::memcmp(b->Data, expected, b->PayloadSize), 0);
     // The fourth byte of a 32-bit pixel is never written: the same fill for both.

@@ -214,6 +214,41 @@ TEST_F(ImageCallback, TheCallbackMayCallAnyExport) {
   EXPECT_EQ(failures.load(), 0);
 }
 
+// Closing (or closing all) from another thread ends the stream thread before
+// it takes the library-level lock, which the callback may be waiting for.
+TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
+  Load();
+  for (bool all : {false, true}) {
+    SCOPED_TRACE(all ? "CloseAll" : "Close");
+    Cam c = Open(kGigE1);
+    CamLib& l = *lib_;
+    Ready(c);
+    Seen seen;
+    std::atomic<bool> in_callback{false}, release{false};
+    std::atomic<uint32_t> list_error{7777};
+    seen.action = [&](HCAMERA) {
+      in_callback = true;
+      while (!release) std::this_thread::yield();
+      CameraList head{};
+      list_error = l.Err(l.KIVCAM_GetList(&head));
+    };
+    ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+    while (!in_callback) std::this_thread::yield();
+    std::thread closer([&] {
+      if (all) {
+        l.KIVCAM_CloseAll();
+      } else {
+        EXPECT_EQ(l.KIVCAM_Close(c.h), KIVCAM_TRUE);
+      }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the close waits for the thread by now, most likely
+    release = true;
+    closer.join();
+    EXPECT_EQ(list_error.load(), kSucceeded);
+  }
+}
+
 TEST_F(ImageCallback, CloseFromItsOwnCallbackReleasesTheCameraAtOnce) {
   Load();
   Cam c = Open(kGigE1);
