@@ -203,6 +203,65 @@ TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, wide)), KIVCAM_ERR_PARAM);
 }
 
+// The buffer layout each kind sizes from the device: GigE from the packet
+// size and the packet header (36 bytes, 48 with extended IDs), USB from the
+// streaming registers' alignment and leader and trailer sizes.
+TEST_F(Acquisition, BufferGeometryFollowsTheDevice) {
+  World(
+      "[gige]\ninterfaces = 1\n"
+      "[camera]\ntransport = gige\ninterface = 0\nuid = 1\nextended_ids = no\n"
+      "[camera]\ntransport = gige\ninterface = 0\nuid = 2\nextended_ids = yes\n"
+      "[camera]\ntransport = usb\nuid = 3\nusb_alignment = 0\n"
+      "[camera]\ntransport = usb\nuid = 4\nusb_alignment = 9\n");
+  Load();
+  CamLib& l = *lib_;
+  auto set = [&](HCAMERA h, const char* name, int64_t v) {
+    void* raw = nullptr;
+    ASSERT_EQ(l.KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
+    KivGenApi::CIntegerPtr f = static_cast<KivGenApi::CNodeMapRef*>(raw)->_GetNode(name);
+    f->SetValue(v);
+  };
+  struct Layout {
+    uint32_t info_offset, buffer_size, packets;
+  };
+  // Payload 1456: one packet of 1464 bytes, or two of 1452.
+  auto gige = [&](uint64_t uid) {
+    HCAMERA h = OpenUid(uid);
+    set(h, "GevSCPSPacketSize", 1500);
+    set(h, "Width", 728);
+    set(h, "Height", 2);
+    EXPECT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
+    ImageBuffer* b = Alloc(h);
+    EXPECT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
+    EXPECT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
+    GigE().deliver(static_cast<uint32_t>(GigE().camera_index(("KivGEV::" + std::to_string(uid)).c_str())), 1);
+    ImageInfo info{};
+    EXPECT_EQ(l.KIVCAM_ImageComplete(h, b, kWait, &info), KIVCAM_TRUE);
+    kivsim_gige_info block;
+    std::memcpy(&block, info.GigE.PacketInfo, sizeof block);
+    return Layout{b->InfoOffset, b->BufferSize, block.packet_count};
+  };
+  Layout standard = gige(1), extended = gige(2);
+  EXPECT_EQ(standard.info_offset, 1464u);  // (1456 + 15) / 8 * 8
+  EXPECT_EQ(standard.buffer_size, 2032u);  // (1 + 1464 + 577) with the low four bits cleared
+  EXPECT_EQ(standard.packets, 1u);
+  EXPECT_EQ(extended.packets, 2u);
+  // Payload 1,000,000 bytes; leader 52 and trailer 32 bytes.
+  auto usb = [&](uint64_t uid) {
+    HCAMERA h = OpenUid(uid);
+    set(h, "Width", 1000);
+    set(h, "Height", 1000);
+    EXPECT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
+    ImageBuffer* b = Alloc(h);
+    return Layout{b->InfoOffset, b->BufferSize, 0};
+  };
+  Layout a128 = usb(3), a512 = usb(4);
+  EXPECT_EQ(a128.info_offset, 1000064u);
+  EXPECT_EQ(a128.buffer_size, 1000320u);  // trailer at 1,000,192
+  EXPECT_EQ(a512.info_offset, 1000448u);
+  EXPECT_EQ(a512.buffer_size, 1000448u + 512u + 512u);
+}
+
 // ---- completions ----------------------------------------------------------------
 
 TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
