@@ -455,6 +455,55 @@ TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
   EXPECT_GE(checked, 60u);
 }
 
+// A camera that reports small legacy numbers for its pixel formats: the
+// buffers keep the number, the conversions use the format it stands for.
+TEST_F(Acquisition, LegacyPixelFormatNumbersConvertAsTheFormatsTheyStandFor) {
+  World("[camera]\ntransport = usb\nuid = 7\npixel_values = legacy\n");
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA h = OpenUid(7);
+  const uint32_t index = static_cast<uint32_t>(USB().camera_index("KivU3V::7"));
+  ASSERT_EQ(USB().deliver(index, 0), 0);
+  void* raw = nullptr;
+  ASSERT_EQ(l.KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
+  auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
+  KivGenApi::CEnumerationPtr format = map->_GetNode("PixelFormat");
+  KivGenApi::CIntegerPtr(map->_GetNode("Width"))->SetValue(64);
+  KivGenApi::CIntegerPtr(map->_GetNode("Height"))->SetValue(8);
+  HCTBL handle = nullptr;
+  KIVCAM_CONVMODE mode{0, 4, 0, 0, 0};
+  ASSERT_EQ(l.KIVCAM_CreateConvHandle(&handle, &mode, nullptr), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ConvMode(h, &mode, nullptr), KIVCAM_TRUE);
+  size_t checked = 0;
+  for (const char* name : {"Mono8", "BayerRG8", "Mono12", "YUV422Packed"}) {
+    KivGenApi::CEnumEntryPtr e = format->GetEntryByName(name);
+    if (!e.IsValid()) continue;
+    SCOPED_TRACE(name);
+    const uint32_t number = static_cast<uint32_t>(e->GetValue());
+    ASSERT_LT(number, 0x1000000u);
+    const kivsim::PixelFormatInfo* f = kivsim::FindPixelFormatByLegacy(number);
+    ASSERT_NE(f, nullptr);
+    format->SetIntValue(number);
+    ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
+    ImageBuffer* b = Alloc(h);
+    EXPECT_EQ(b->PixelFormat, number);
+    ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
+    ASSERT_EQ(USB().deliver(index, 1), 0);
+    ASSERT_EQ(l.KIVCAM_ImageComplete(h, b, kWait, nullptr), KIVCAM_TRUE);
+    std::vector<uint8_t> grabbed(64 * 8 * 4, 0), expected(64 * 8 * 4, 0);
+    KIVCAM_IMAGEDESC desc{64, 8, b->Data, b->PayloadSize, f->code, 1};
+    ASSERT_EQ(l.KIVCAM_ColorConvExec(handle, &desc, expected.data()), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageConvExec(h, b, grabbed.data()), KIVCAM_TRUE);
+    EXPECT_EQ(grabbed, expected);
+    ++checked;
+    ASSERT_EQ(l.KIVCAM_ImageStop(h), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ResourceRelease(h), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageFreeAll(h), KIVCAM_TRUE);
+  }
+  EXPECT_GE(checked, 2u);
+}
+
 TEST_F(Acquisition, BitmapInformationAndTheAutomaticShift) {
   Load();
   Cam c = Open(kUsb1);
