@@ -105,6 +105,15 @@ GC_ERROR RemoteAccess(Device* d, uint64_t addr, void* buf, size_t* size, bool wr
   SharedLock l(g_prod->st());
   SharedCamera& sc = g_prod->cam(d->cam);
   if (!sc.plugged) return SetError(GC_ERR_IO, "Device does not answer");
+  if (vd.transport() == Transport::GigE && sc.owner_pid && !ProcessAlive(sc.owner_pid)) {
+    // The controlling process died: as a real camera does when its control
+    // channel's heartbeat expires, it forgets it and its stream channel.
+    sc.owner_pid = 0;
+    sc.acquiring = 0;
+    vd.SetReg32(sc, 0x0D18, 0);
+    vd.SetReg32(sc, 0x0D00, 0);
+    l.Notify();
+  }
   if (write && !d->writable()) return SetError(GC_ERR_ACCESS_DENIED, "Device opened read-only");
   GC_ERROR e = write ? vd.Write(sc, addr, buf, *size, &why) : vd.Read(sc, addr, buf, *size, &why);
   if (e != GC_ERR_SUCCESS) return SetError(e, why);

@@ -325,6 +325,12 @@ void CloseDevice(Device* d, std::unique_lock<std::mutex>& lock) {
     if (sc.owner_pid == me) {
       sc.owner_pid = 0;
       sc.acquiring = 0;
+      // Its stream channel goes with the controller.
+      const VirtualDevice& vd = *g_prod->devices[d->cam];
+      if (vd.transport() == Transport::GigE) {
+        vd.SetReg32(sc, 0x0D18, 0);
+        vd.SetReg32(sc, 0x0D00, 0);
+      }
     }
     for (auto& r : sc.reader_pids)
       if (r == me) {

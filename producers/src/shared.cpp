@@ -1,5 +1,8 @@
 #include "shared.h"
 
+#include <cstdio>
+#include <cstring>
+
 #include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -35,7 +38,20 @@ uint64_t MonotonicNs() {
   return uint64_t(ts.tv_sec) * 1000000000ULL + uint64_t(ts.tv_nsec);
 }
 
-bool ProcessAlive(int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+bool ProcessAlive(int32_t pid) {
+  if (pid <= 0 || (kill(pid, 0) != 0 && errno != EPERM)) return false;
+  // A killed process its parent has not collected yet still answers: its
+  // state in /proc says it is a zombie.
+  char path[32];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  FILE* f = std::fopen(path, "r");
+  if (!f) return true;
+  char line[256] = {};
+  const bool read = std::fgets(line, sizeof line, f) != nullptr;
+  std::fclose(f);
+  const char* paren = read ? std::strrchr(line, ')') : nullptr;
+  return !(paren && paren[1] == ' ' && (paren[2] == 'Z' || paren[2] == 'X'));
+}
 
 bool SharedMap::Open(const std::string& name, void (*init)(SharedState&, void*), void* ctx, std::string* err) {
   name_ = name;

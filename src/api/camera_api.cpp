@@ -1,8 +1,7 @@
 // Camera handles: opening, closing, presence, and the library-level reset and
 // re-detection.
-#include <cstring>
-
 #include "api/frame.h"
+#include "api/open_close.h"
 #include "camera/camera.h"
 #include "core/kivcam_dll.h"
 #include "kivcam/kivcam.h"
@@ -11,41 +10,15 @@
 
 using kivcam::api::CameraLock;
 using kivcam::api::CameraOf;
+using kivcam::api::CloseCamera;
+using kivcam::api::OpenByParam;
+using kivcam::api::OpenByUid;
 using kivcam::api::Frame;
 using kivcam::api::Require;
 using kivcam::api::Run;
 using kivcam::api::RunBool;
 using kivcam::core::CKivCamDLL;
 using kivcam::platform::LockGuard;
-using kivcam::transport::DeviceMatch;
-
-namespace {
-
-constexpr size_t kKeyBytes = 16;
-
-// KIVCAM_OpenGigE and KIVCAM_OpenUSB: by UID, else by key, else the first free one.
-void OpenByParam(CKivCamDLL& lib, const KIVCAM_OPENPARAM* param, HCAMERA* camera, int32_t kind) {
-  Require(param);
-  Require(camera);
-  const bool uid_given = param->UID != KIVCAM_UID_ANY;
-  const size_t key_length = strnlen(param->DeviceKey, kKeyBytes);
-  if (uid_given && key_length != 0) Require(nullptr);
-  // A GigE key must leave room for its terminator.
-  if (kind == kivcam::transport::kKindGigE && !uid_given && key_length >= kKeyBytes) Require(nullptr);
-  *camera = nullptr;
-  DeviceMatch match;
-  if (uid_given) {
-    match.kind = DeviceMatch::kUid;
-    match.uid = param->UID;
-  } else if (key_length != 0) {
-    match.kind = DeviceMatch::kKey;
-    match.key.assign(param->DeviceKey, key_length);
-  }
-  LockGuard api(lib.api_lock());
-  *camera = lib.OpenCamera(match, param->DescriptionIndex, kind, 0);
-}
-
-}  // namespace
 
 namespace {
 
@@ -54,7 +27,7 @@ namespace {
 void StopCallback(kivcam::camera::CCamera& c) {
   try {
     CameraLock g(c);
-    if (!c.watch()) c.StopImageCallBack();
+    c.StopImageCallBack();
   } catch (const kivcam::Error&) {
     // Closed meanwhile: nothing to stop.
   }
@@ -66,44 +39,25 @@ extern "C" {
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_Open(uint64_t uid, HCAMERA* camera) {
   const Frame f = Frame::OpenUid("KIVCAM_Open", uid, reinterpret_cast<const void* const*>(camera));
-  return RunBool(f, [&](CKivCamDLL& lib) {
-    Require(camera);
-    *camera = nullptr;
-    if (uid == 0) Require(nullptr);
-    DeviceMatch match;
-    if (uid != KIVCAM_UID_ANY) {
-      match.kind = DeviceMatch::kUid;
-      match.uid = uid;
-    }
-    LockGuard api(lib.api_lock());
-    *camera = lib.OpenCamera(match, 0, 0, 0);
-  });
+  return RunBool(f, [&](CKivCamDLL& lib) { OpenByUid(lib, uid, camera, 0); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_OpenGigE(const KIVCAM_OPENPARAM* param, HCAMERA* camera) {
   return RunBool(Frame::Plain("KIVCAM_OpenGigE"), [&](CKivCamDLL& lib) {
-    OpenByParam(lib, param, camera, kivcam::transport::kKindGigE);
+    OpenByParam(lib, param, camera, kivcam::transport::kKindGigE, 0);
   });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_OpenUSB(const KIVCAM_OPENPARAM* param, HCAMERA* camera) {
   return RunBool(Frame::Plain("KIVCAM_OpenUSB"), [&](CKivCamDLL& lib) {
-    OpenByParam(lib, param, camera, kivcam::transport::kKindUSB);
+    OpenByParam(lib, param, camera, kivcam::transport::kKindUSB, 0);
   });
 }
 
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_Close(HCAMERA camera) {
-  return RunBool(Frame::Camera("KIVCAM_Close", camera), [&](CKivCamDLL& lib) {
-    auto c = CameraOf(lib, camera);
-    c->PreCall();
-    StopCallback(*c);
-    LockGuard api(lib.api_lock());
-    // Closed meanwhile (its interface went away): as stale as any other.
-    if (c->closed()) Require(nullptr);
-    if (c->watch()) throw kivcam::Error(KIVCAM_ERR_MODE);
-    lib.Close(*c);
-  });
+  return RunBool(Frame::Camera("KIVCAM_Close", camera),
+                 [&](CKivCamDLL& lib) { CloseCamera(lib, camera, /*watch=*/false); });
 }
 
 KIVCAM_API void KIVCAM_CloseAll(void) {

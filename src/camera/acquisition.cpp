@@ -22,6 +22,8 @@ constexpr uint64_t kDevStreamReset = 0x105;
 constexpr uint32_t kStatusTransferError = 0xC0000001u;
 constexpr uint32_t kInfinite = 0xFFFFFFFFu;
 constexpr uint32_t kIoErrorPauseMs = 10;
+// How long a watcher waits before it looks whether the stream still runs.
+constexpr uint32_t kWatchSliceMs = 1000;
 // A "PixelFormat" below this is a legacy number, not a pixel-format code.
 constexpr uint32_t kFirstPfncCode = 0x01000000u;
 
@@ -273,19 +275,26 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
     if (!queued.count(data)) throw Error(KIVCAM_ERR_PARAM);  // never requested
     if (!allocated()) break;
     remaining = Remaining(timeout, start);
+    // A watcher waits in slices: the stream it watches may end without a word.
+    const uint32_t slice = m_bWatch ? std::min(remaining, kWatchSliceMs) : remaining;
     NewBufferEvent event;
     GC_ERROR rc;
     {
       // Only the wait runs without the camera lock.
       platform::LockRelease unlocked(m_csCamera);
-      rc = m_imageStream.WaitNewBuffer(remaining == kInfinite ? GENTL_INFINITE : remaining, &event);
+      rc = m_imageStream.WaitNewBuffer(slice == kInfinite ? GENTL_INFINITE : slice, &event);
     }
     // Closed while it waited: nothing of it is left to look at.
     if (torn_down_) throw Error(KIVCAM_ERR_NO_IMAGE);
+    if (rc == GC_ERR_TIMEOUT && slice != remaining) {
+      if (WatchedStreamGone()) throw Error(KIVCAM_ERR_NOT_RUNNING);
+      continue;
+    }
     if (rc == GC_ERR_TIMEOUT) break;
     if (rc != GC_ERR_SUCCESS) {
       m_pGenTL->LogLastError(kName);
-      throw Error(KIVCAM_ERR_OTHER);
+      // Ended because the camera went away: say so.
+      throw Error(visible() ? KIVCAM_ERR_OTHER : KIVCAM_ERR_NO_CAMERA);
     }
     if (queued.empty() && filled.empty()) throw Error(KIVCAM_ERR_NO_IMAGE);
     for (auto it = queued.begin(); it != queued.end(); ++it) {
@@ -337,6 +346,11 @@ void CCamera::ResetStreamIfFailed() {
   uint32_t zero = 0;
   size_t size = sizeof zero;
   m_pGenTL->fn().GCWritePort(device(), kDevStreamReset, &zero, &size);
+}
+
+void CCamera::PresenceLost() {
+  m_imageStream.KillWaits();
+  m_vsyncStream.KillWaits();
 }
 
 void CCamera::ImageReqAbortAll() {

@@ -59,6 +59,9 @@ class CCamera : public transport::CDevice {
   virtual bool CheckMulticast() { return false; }
   // The last CheckMulticast's result.
   virtual bool multicast() const { return false; }
+  // Watch mode: whether the stream watched has ended (the controlling
+  // application released the camera, or died). Any thread; no lock.
+  virtual bool WatchedStreamGone() { return false; }
   // Fills the transport record of a delivered image.
   virtual void GetImageInfo(const uint8_t* data, uint32_t status, uint32_t value, ImageInfo* info) = 0;
 
@@ -118,6 +121,9 @@ class CCamera : public transport::CDevice {
   friend class CStreamThread;
 
   void ReleaseDevice() override;
+  // A camera that went away ends the waits for its images at once: they
+  // would otherwise wait for images that never come.
+  void PresenceLost() override;
   // The shared part of AllocResources; GigE and USB size the buffers first.
   void AllocCommon(const char* op);
   // The stop of acquisition and the freeing of every buffer that the GigE and

@@ -217,6 +217,15 @@ bool CCameraGigE::CheckMulticast() {
   return m_bMulticast;
 }
 
+bool CCameraGigE::WatchedStreamGone() {
+  if (!m_bWatch) return false;
+  uint8_t port[4] = {}, destination[4] = {};
+  if (!ReadWire(m_pGenTL, m_hPort, kRegStreamPort, port)) return true;
+  if ((port[0] | port[1] | port[2] | port[3]) == 0) return true;
+  if (!ReadWire(m_pGenTL, m_hPort, kRegStreamDestination, destination)) return true;
+  return destination[0] != kMulticastFirstOctet;
+}
+
 void CCameraGigE::GetImageInfo(const uint8_t* data, uint32_t, uint32_t, ImageInfo* info) {
   const uint8_t* block = data + m_nInfoOffset;
   uint32_t missing;

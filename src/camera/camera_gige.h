@@ -19,6 +19,7 @@ class CCameraGigE : public CCamera {
   bool WriteRegister(uint32_t address, uint32_t value) override;
   bool CheckMulticast() override;
   bool multicast() const override { return m_bMulticast; }
+  bool WatchedStreamGone() override;
   void GetImageInfo(const uint8_t* data, uint32_t status, uint32_t value, ImageInfo* info) override;
 
   // Streams to the group `address` (4 bytes, first 239) when given, else to

@@ -147,6 +147,11 @@ void CStreamThread::Run() {
     GC_ERROR rc = stream.WaitNewBuffer(kWaitMs, &event);
     while (!m_hStopEvent->Wait(0)) {
       if (rc == GC_ERR_TIMEOUT) {
+        // A watcher's stream may end without a word: the controller is gone.
+        if (camera_.WatchedStreamGone()) {
+          diag::LogEvent(false, kThreadName, "Watched stream ended");
+          break;
+        }
         rc = stream.WaitNewBuffer(kWaitMs, &event);
         continue;
       }

@@ -40,8 +40,16 @@ bool CDevice::SetVisibleFlag() {
   size_t size = 1;
   bool ok = m_pGenTL->fn().DevGetInfo(m_hDevice.get(), kInfoPresence, &type, &present, &size) == GC_ERR_SUCCESS;
   if (!ok) m_pGenTL->LogLastError("CCamera::SetVisibleFlag");
-  m_bVisible.store(present != 0, std::memory_order_relaxed);
+  if (present) {
+    m_bVisible.store(true, std::memory_order_relaxed);
+  } else {
+    MarkAbsent();
+  }
   return ok;
+}
+
+void CDevice::MarkAbsent() {
+  if (m_bVisible.exchange(false, std::memory_order_relaxed)) PresenceLost();
 }
 
 void CDevice::Close() {

@@ -65,7 +65,10 @@ class CDevice : public std::enable_shared_from_this<CDevice> {
   // What a derived object releases before the device closes; runs once,
   // from Close.
   virtual void ReleaseDevice() {}
-  void MarkAbsent() { m_bVisible.store(false, std::memory_order_relaxed); }
+  // Told once each time the device goes from present to absent, on whichever
+  // thread noticed (an export, the node map's port, the bus-reset thread).
+  virtual void PresenceLost() {}
+  void MarkAbsent();
 
   CGenTL* const m_pGenTL;
   CInterface* const m_pInterface;

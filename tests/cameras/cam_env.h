@@ -38,7 +38,9 @@ std::string LibDir();  // where libkivcam.so and the producers are
   X(KIVCAM_ImageFreeAll) X(KIVCAM_ImageStart) X(KIVCAM_ImageStop) X(KIVCAM_ImageReq) X(KIVCAM_ImageComplete) \
   X(KIVCAM_ImageReqAbortAll) X(KIVCAM_VSyncReq) X(KIVCAM_VSyncComplete) X(KIVCAM_SetImageCallBack)        \
   X(KIVCAM_ResourceAllocGigE) X(KIVCAM_GetGigEPktLog) X(KIVCAM_TestStream) X(KIVCAM_ConvMode)             \
-  X(KIVCAM_ImageConvExec) X(KIVCAM_BufferConvExec) X(KIVCAM_SetBMPINFO) X(KIVCAM_GetBMPINFO)
+  X(KIVCAM_ImageConvExec) X(KIVCAM_BufferConvExec) X(KIVCAM_SetBMPINFO) X(KIVCAM_GetBMPINFO)              \
+  X(KIVCAM_WatchOpen) X(KIVCAM_WatchOpenGigE) X(KIVCAM_WatchClose) X(KIVCAM_WatchCamera) X(KIVCAM_WatchAlloc) \
+  X(KIVCAM_WatchRelease) X(KIVCAM_WatchStart) X(KIVCAM_WatchStop)
 
 // Last-error value Err gives for a call that did not fail.
 constexpr uint32_t kSucceeded = 0xFFFFFFFFu;

@@ -6,15 +6,6 @@
 #define KIVCAM_TESTS_CAPI_MISSING_H
 
 #define KIVCAM_MISSING_EXPORTS(X) \
-    /* watch mode */ \
-    X(KIVCAM_WatchOpen) \
-    X(KIVCAM_WatchOpenGigE) \
-    X(KIVCAM_WatchClose) \
-    X(KIVCAM_WatchCamera) \
-    X(KIVCAM_WatchAlloc) \
-    X(KIVCAM_WatchRelease) \
-    X(KIVCAM_WatchStart) \
-    X(KIVCAM_WatchStop) \
     /* output filter */ \
     X(KIVCAMFILTER_Alloc) \
     X(KIVCAMFILTER_OutPut) \

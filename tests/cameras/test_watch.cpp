@@ -1,0 +1,258 @@
+// Watch mode and the loss of a camera while images flow: a controlling
+// process streams a GigE camera to a multicast group, watchers in other
+// processes receive the same frames; a camera that goes away ends every wait
+// for its images at once.
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <condition_variable>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cam_env.h"
+#include "child_process.h"
+
+namespace camtest {
+namespace {
+
+constexpr uint32_t kWait = 5000;
+
+// A controlling process, forked before the test loads the library: it opens
+// the camera, streams to `group` (null: unicast) and, per command, lets the
+// camera make one frame and completes it. Commands and answers go through
+// pipes, one 64-bit word each.
+class Controller {
+ public:
+  Controller(uint64_t uid, const uint8_t* group) {
+    signal(SIGPIPE, SIG_IGN);  // a killed controller: its pipe's end is gone
+    if (pipe(to_child_) != 0 || pipe(to_parent_) != 0) return;
+    uint8_t g[4] = {};
+    if (group) std::memcpy(g, group, 4);
+    const bool multicast = group != nullptr;
+    child_ = std::make_unique<kivtest::ChildProcess>([=]() -> int { return Run(uid, multicast, g); });
+    close(to_child_[0]);
+    close(to_parent_[1]);
+  }
+  ~Controller() {
+    Send(kQuit);
+    close(to_child_[1]);
+    close(to_parent_[0]);
+  }
+  // 0 once streaming; else a failure code.
+  uint64_t Ready() { return Receive(); }
+  // The block ID of one more frame, as the controller received it.
+  uint64_t Frame() {
+    Send(kFrame);
+    return Receive();
+  }
+  void Kill() { kill(child_->pid(), SIGKILL); }
+
+ private:
+  enum : uint64_t { kFrame = 1, kQuit = 2 };
+  void Send(uint64_t v) { (void)!write(to_child_[1], &v, sizeof v); }
+  uint64_t Receive() {
+    uint64_t v = ~0ull;
+    return read(to_parent_[0], &v, sizeof v) == sizeof v ? v : ~0ull;
+  }
+  int Run(uint64_t uid, bool multicast, const uint8_t* group) {
+    close(to_child_[1]);
+    close(to_parent_[0]);
+    auto answer = [&](uint64_t v) { (void)!write(to_parent_[1], &v, sizeof v); };
+    CamLib l;
+    HCAMERA h = nullptr;
+    if (!l.loaded() || !l.KIVCAM_SetStructVersion(KIVCAM_LIBRARY_REVISION) || !l.KIVCAM_Open(uid, &h)) {
+      answer(100 + l.KIVCAM_GetLastError());
+      return 1;
+    }
+    Sim sim(LibDir() + "/KivGigEGenTL.cti");
+    const uint32_t index = static_cast<uint32_t>(sim.camera_index(("KivGEV::" + std::to_string(uid)).c_str()));
+    sim.deliver(index, 0);
+    if (!l.KIVCAM_ResourceAllocGigE(h, multicast ? group : nullptr, 0) || !l.KIVCAM_ImageStart(h)) {
+      answer(200 + l.KIVCAM_GetLastError());
+      return 1;
+    }
+    std::vector<ImageBuffer*> buffers(4);
+    for (ImageBuffer*& b : buffers) {
+      if (!l.KIVCAM_ImageAlloc(h, &b) || !l.KIVCAM_ImageReq(h, b)) return 1;
+    }
+    answer(0);
+    size_t next = 0;
+    for (uint64_t cmd = 0; read(to_child_[0], &cmd, sizeof cmd) == sizeof cmd && cmd == kFrame;) {
+      sim.deliver(index, 1);
+      ImageBuffer* b = buffers[next++ % buffers.size()];
+      ImageInfo info{};
+      if (!l.KIVCAM_ImageComplete(h, b, kWait, &info)) return 2;
+      uint32_t block;
+      std::memcpy(&block, info.GigE.PacketInfo, sizeof block);
+      answer(block);
+      l.KIVCAM_ImageReq(h, b);
+    }
+    l.KIVCAM_CloseAll();
+    return 0;
+  }
+
+  int to_child_[2] = {-1, -1};
+  int to_parent_[2] = {-1, -1};
+  std::unique_ptr<kivtest::ChildProcess> child_;
+};
+
+class Watch : public CameraTest {
+ protected:
+  HCAMERA WatchOpen(uint64_t uid) {
+    HCAMERA h = nullptr;
+    EXPECT_EQ(lib_->KIVCAM_WatchOpen(uid, &h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+    return h;
+  }
+};
+
+const uint8_t kGroup[4] = {239, 1, 1, 1};
+
+TEST_F(Watch, WatchersInAnotherProcessReceiveTheControllersFrames) {
+  Controller controller(kGigE1, kGroup);
+  ASSERT_EQ(controller.Ready(), 0u);
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA w = WatchOpen(kGigE1);
+  uint32_t state = 7;
+  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
+  EXPECT_EQ(state, 1u);
+  ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
+  std::vector<ImageBuffer*> buffers(3);
+  for (ImageBuffer*& b : buffers) {
+    ASSERT_EQ(l.KIVCAM_ImageAlloc(w, &b), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageReq(w, b), KIVCAM_TRUE);
+  }
+  for (int i = 0; i < 6; ++i) {
+    SCOPED_TRACE(i);
+    const uint64_t sent = controller.Frame();
+    ImageBuffer* b = buffers[i % buffers.size()];
+    ImageInfo info{};
+    ASSERT_EQ(l.KIVCAM_ImageComplete(w, b, kWait, &info), KIVCAM_TRUE) << l.KIVCAM_GetLastError();
+    uint32_t block;
+    std::memcpy(&block, info.GigE.PacketInfo, sizeof block);
+    EXPECT_EQ(block, sent);
+    EXPECT_EQ(info.GigE.Complete, 1u);
+    // The pixels are the controller's: the pattern of that frame.
+    const uint8_t* p = static_cast<const uint8_t*>(b->Data);
+    const uint32_t frame = block - 1, y = 5, x = 7;
+    EXPECT_EQ(p[y * b->Width + x], (x + ((y + 2 * (frame % 128)) & 0xFF)) & 0xFF);
+    ASSERT_EQ(l.KIVCAM_ImageReq(w, b), KIVCAM_TRUE);
+  }
+  // What the watcher leaves to the controller: the camera keeps streaming.
+  EXPECT_EQ(l.KIVCAM_WatchStop(w), KIVCAM_TRUE);
+  EXPECT_EQ(l.KIVCAM_WatchRelease(w), KIVCAM_TRUE);
+  EXPECT_NE(controller.Frame(), ~0ull);
+  EXPECT_EQ(l.KIVCAM_WatchClose(w), KIVCAM_TRUE);
+}
+
+TEST_F(Watch, AUnicastStreamIsNothingToWatch) {
+  Controller controller(kGigE1, nullptr);
+  ASSERT_EQ(controller.Ready(), 0u);
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA w = WatchOpen(kGigE1);
+  EXPECT_EQ(Err(l.KIVCAM_WatchAlloc(w)), KIVCAM_ERR_NOT_RUNNING);  // no KIVCAM_WatchCamera yet
+  uint32_t state = 7;
+  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
+  EXPECT_EQ(state, 0u);
+  EXPECT_EQ(Err(l.KIVCAM_WatchAlloc(w)), KIVCAM_ERR_NOT_RUNNING);
+}
+
+TEST_F(Watch, AControllerThatDiesEndsTheWatchersWaits) {
+  Controller controller(kGigE2, kGroup);
+  ASSERT_EQ(controller.Ready(), 0u);
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA w = WatchOpen(kGigE2);
+  uint32_t state = 0;
+  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
+  ImageBuffer* b = nullptr;
+  ASSERT_EQ(l.KIVCAM_ImageAlloc(w, &b), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ImageReq(w, b), KIVCAM_TRUE);
+  std::atomic<uint32_t> error{0};
+  std::thread waiter([&] { error = Err(l.KIVCAM_ImageComplete(w, b, KIVCAM_INFINITE, nullptr)); });
+  controller.Kill();
+  auto t0 = std::chrono::steady_clock::now();
+  waiter.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
+  EXPECT_NE(error.load(), kSucceeded);
+}
+
+// Watch exports refuse cameras opened for control and the reverse; USB
+// cameras can't be watched.
+TEST_F(Watch, EachModeRefusesTheOthersExports) {
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA control = OpenUid(kGigE1);
+  HCAMERA watch = WatchOpen(kGigE2);
+  uint32_t state = 0;
+  for (auto f : {l.KIVCAM_WatchClose, l.KIVCAM_WatchAlloc, l.KIVCAM_WatchRelease, l.KIVCAM_WatchStart,
+                 l.KIVCAM_WatchStop}) {
+    EXPECT_EQ(Err(f(control)), KIVCAM_ERR_MODE);
+  }
+  EXPECT_EQ(Err(l.KIVCAM_WatchCamera(control, &state)), KIVCAM_ERR_MODE);
+  EXPECT_EQ(Err(l.KIVCAM_WatchCamera(watch, nullptr)), KIVCAM_ERR_PARAM);
+  for (auto f : {l.KIVCAM_Close, l.KIVCAM_ResourceAlloc, l.KIVCAM_ResourceRelease, l.KIVCAM_ImageStart,
+                 l.KIVCAM_ImageStop, l.KIVCAM_TestStream}) {
+    EXPECT_EQ(Err(f(watch)), KIVCAM_ERR_MODE);
+  }
+  EXPECT_EQ(Err(l.KIVCAM_ResourceAllocGigE(watch, nullptr, 0)), KIVCAM_ERR_MODE);
+  EXPECT_EQ(Err(l.KIVCAM_SetCmdTimeOut(watch, 1000)), KIVCAM_ERR_MODE);
+  // The control camera is as usable as before.
+  EXPECT_EQ(l.KIVCAM_ResourceAlloc(control), KIVCAM_TRUE);
+  // No USB camera in watch mode: by UID it is not supported.
+  HCAMERA none = nullptr;
+  EXPECT_EQ(Err(l.KIVCAM_WatchOpen(kUsb1, &none)), KIVCAM_ERR_NOT_SUPPORTED);
+  l.KIVCAM_CloseAll();  // closes the watch-mode camera too
+  EXPECT_EQ(Err(l.KIVCAM_WatchCamera(watch, &state)), KIVCAM_ERR_PARAM);
+}
+
+TEST_F(Watch, OnlyUsbCamerasLeaveNothingToWatch) {
+  World("[camera]\ntransport = usb\n");
+  Load();
+  HCAMERA h = nullptr;
+  EXPECT_EQ(Err(lib_->KIVCAM_WatchOpen(KIVCAM_UID_ANY, &h)), KIVCAM_ERR_NO_CAMERA);
+}
+
+// A camera unplugged while images flow: a completion without a time limit
+// and the stream thread end within about a second; stopping still works.
+TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA h = OpenUid(kUsb1);
+  const uint32_t index = static_cast<uint32_t>(USB().camera_index(("KivU3V::" + std::to_string(kUsb1)).c_str()));
+  ASSERT_EQ(USB().deliver(index, 0), 0);
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
+  auto cb = [](HCAMERA, void*, uint32_t, uint32_t, uint32_t, ImageInfo*, void*) {};
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, cb, 2, 0), KIVCAM_TRUE);
+  ImageBuffer* b = nullptr;
+  ASSERT_EQ(l.KIVCAM_ImageAlloc(h, &b), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
+  std::atomic<uint32_t> error{0};
+  std::thread waiter([&] { error = Err(l.KIVCAM_ImageComplete(h, b, KIVCAM_INFINITE, nullptr)); });
+  auto t0 = std::chrono::steady_clock::now();
+  ASSERT_EQ(USB().plug(index, 0), 0);
+  waiter.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
+  EXPECT_EQ(error.load(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
+  EXPECT_EQ(Err(l.KIVCAM_ImageStart(h)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(l.KIVCAM_ImageStop(h), KIVCAM_TRUE);  // stopping needs no camera
+  EXPECT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  // Back again: it opens anew.
+  ASSERT_EQ(USB().plug(index, 1), 0);
+  ASSERT_EQ(l.KIVCAM_Close(h), KIVCAM_TRUE);
+  EXPECT_NE(OpenUid(kUsb1), nullptr);
+}
+
+}  // namespace
+}  // namespace camtest
