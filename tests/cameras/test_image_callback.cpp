@@ -49,11 +49,20 @@ void OnImage(HCAMERA camera, void*, uint32_t size, uint32_t width, uint32_t heig
     action = s->action;
   }
   if (action) action(camera);
+  std::lock_guard<std::mutex> g(s->m);
   s->cv.notify_all();
 }
 
 class ImageCallback : public CameraTest {
  protected:
+  // What callbacks see lives as long as the fixture, past the unload in
+  // TearDown: a stream thread may still be in a callback when a test ends.
+  Seen& NewSeen() {
+    seen_.push_back(std::make_unique<Seen>());
+    return *seen_.back();
+  }
+  std::vector<std::unique_ptr<Seen>> seen_;
+
   struct Cam {
     HCAMERA h = nullptr;
     Sim* sim = nullptr;
@@ -85,7 +94,7 @@ TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
   Cam c = Open(kGigE1);
   CamLib& l = *lib_;
   Ready(c);
-  Seen seen;
+  Seen& seen = NewSeen();
   const uint32_t announced = Counters(c).announces;
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 4, 1), KIVCAM_TRUE);
   // Four producer-allocated buffers, announced before the export returned.
@@ -129,7 +138,7 @@ TEST_F(ImageCallback, AReleaseEndsTheThreadAndTheRemovalFindsItEnded) {
   Cam c = Open(kUsb1);
   CamLib& l = *lib_;
   Ready(c);
-  Seen seen;
+  Seen& seen = NewSeen();
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 0), KIVCAM_TRUE);
   ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
   ASSERT_TRUE(seen.WaitFor(1));
@@ -145,7 +154,7 @@ TEST_F(ImageCallback, AUsbTransferFailureGetsOneStreamResetAtTheNextThreadStart)
   Cam c = Open(kUsb1);
   CamLib& l = *lib_;
   Ready(c);
-  Seen seen;
+  Seen& seen = NewSeen();
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_TRANSFER_ERROR, 0, 0, 1), 0);
   ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
@@ -167,7 +176,7 @@ TEST_F(ImageCallback, TheCallbackMayCallAnyExport) {
   Cam c = Open(kGigE1);
   CamLib& l = *lib_;
   Ready(c);
-  Seen seen;
+  Seen& seen = NewSeen();
   std::atomic<int> failures{0};
   std::atomic<bool> removed_itself{false};
   std::vector<uint8_t> bgr(640 * 480 * 4);
@@ -223,7 +232,7 @@ TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
     Cam c = Open(kGigE1);
     CamLib& l = *lib_;
     Ready(c);
-    Seen seen;
+    Seen& seen = NewSeen();
     std::atomic<bool> in_callback{false}, release{false};
     std::atomic<uint32_t> list_error{7777};
     seen.action = [&](HCAMERA) {
@@ -254,7 +263,7 @@ TEST_F(ImageCallback, CloseFromItsOwnCallbackReleasesTheCameraAtOnce) {
   Cam c = Open(kGigE1);
   CamLib& l = *lib_;
   Ready(c);
-  Seen seen;
+  Seen& seen = NewSeen();
   std::atomic<uint32_t> close_error{7777};
   seen.action = [&](HCAMERA h) { close_error = l.Err(l.KIVCAM_Close(h)); };
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
@@ -273,7 +282,7 @@ TEST_F(ImageCallback, FreeLibraryFromTheCallbackReturnsAndTheUnloadJoinsTheThrea
   Cam c = Open(kUsb1);
   CamLib& l = *lib_;
   Ready(c);
-  Seen seen;
+  Seen& seen = NewSeen();
   std::atomic<bool> freed{false};
   seen.action = [&](HCAMERA) {
     l.KIVCAM_FreeLibrary();
@@ -303,7 +312,7 @@ TEST_F(ImageCallback, TeardownUnderLoadNeverHangs) {
     CamLib& l = *lib_;
     Ready(c);
     ASSERT_EQ(c.sim->free_run(c.index, 0), 0);  // as fast as buffers come back
-    Seen seen;
+    Seen& seen = NewSeen();
     ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 1), KIVCAM_TRUE);
     ImageBuffer* b = nullptr;
     ASSERT_EQ(l.KIVCAM_ImageAlloc(c.h, &b), KIVCAM_TRUE);
@@ -389,7 +398,7 @@ TEST_F(ImageCallback, ProducerFailuresOnTheWayToAFrame) {
   // installation still counts (it is removed as usual).
   ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
   ASSERT_EQ(c.sim->fail_next("DSAnnounceBuffer", -1001, "Injected thread", 1), 0);
-  Seen seen;
+  Seen& seen = NewSeen();
   log_->Clear();
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
   EXPECT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "Injected thread"));

@@ -2,6 +2,7 @@
 // process streams a GigE camera to a multicast group, watchers in other
 // processes receive the same frames; a camera that goes away ends every wait
 // for its images at once.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,90 +16,61 @@
 #include <vector>
 
 #include "cam_env.h"
-#include "child_process.h"
+#include <sys/wait.h>
 
 namespace camtest {
 namespace {
 
 constexpr uint32_t kWait = 5000;
 
-// A controlling process, forked before the test loads the library: it opens
-// the camera, streams to `group` (null: unicast) and, per command, lets the
-// camera make one frame and completes it. Commands and answers go through
-// pipes, one 64-bit word each.
+// The controlling process (watch_controller): it streams the camera to
+// `group` (null: unicast) and, per command, lets it make one frame and
+// completes it. Commands and answers go through pipes, a 64-bit word each.
 class Controller {
  public:
   Controller(uint64_t uid, const uint8_t* group) {
     signal(SIGPIPE, SIG_IGN);  // a killed controller: its pipe's end is gone
-    if (pipe(to_child_) != 0 || pipe(to_parent_) != 0) return;
-    uint8_t g[4] = {};
-    if (group) std::memcpy(g, group, 4);
-    const bool multicast = group != nullptr;
-    child_ = std::make_unique<kivtest::ChildProcess>([=]() -> int { return Run(uid, multicast, g); });
-    close(to_child_[0]);
-    close(to_parent_[1]);
+    int in[2], out[2];
+    // Close-on-exec: the controller holds only its ends, so closing ours ends its loop.
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+    char where[32] = "unicast";
+    if (group) std::snprintf(where, sizeof where, "%u.%u.%u.%u", group[0], group[1], group[2], group[3]);
+    const std::string program = BuildDir() + "/bin/watch_controller", id = std::to_string(uid);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      execl(program.c_str(), program.c_str(), id.c_str(), where, static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    to_child_ = in[1];
+    from_child_ = out[0];
   }
   ~Controller() {
-    Send(kQuit);
-    close(to_child_[1]);
-    close(to_parent_[0]);
+    close(to_child_);  // ends its loop
+    close(from_child_);
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
   }
   // 0 once streaming; else a failure code.
   uint64_t Ready() { return Receive(); }
   // The block ID of one more frame, as the controller received it.
   uint64_t Frame() {
-    Send(kFrame);
+    uint64_t cmd = 1;
+    (void)!write(to_child_, &cmd, sizeof cmd);
     return Receive();
   }
-  void Kill() { kill(child_->pid(), SIGKILL); }
+  void Kill() { kill(pid_, SIGKILL); }
 
  private:
-  enum : uint64_t { kFrame = 1, kQuit = 2 };
-  void Send(uint64_t v) { (void)!write(to_child_[1], &v, sizeof v); }
   uint64_t Receive() {
     uint64_t v = ~0ull;
-    return read(to_parent_[0], &v, sizeof v) == sizeof v ? v : ~0ull;
+    return read(from_child_, &v, sizeof v) == sizeof v ? v : ~0ull;
   }
-  int Run(uint64_t uid, bool multicast, const uint8_t* group) {
-    close(to_child_[1]);
-    close(to_parent_[0]);
-    auto answer = [&](uint64_t v) { (void)!write(to_parent_[1], &v, sizeof v); };
-    CamLib l;
-    HCAMERA h = nullptr;
-    if (!l.loaded() || !l.KIVCAM_SetStructVersion(KIVCAM_LIBRARY_REVISION) || !l.KIVCAM_Open(uid, &h)) {
-      answer(100 + l.KIVCAM_GetLastError());
-      return 1;
-    }
-    Sim sim(LibDir() + "/KivGigEGenTL.cti");
-    const uint32_t index = static_cast<uint32_t>(sim.camera_index(("KivGEV::" + std::to_string(uid)).c_str()));
-    sim.deliver(index, 0);
-    if (!l.KIVCAM_ResourceAllocGigE(h, multicast ? group : nullptr, 0) || !l.KIVCAM_ImageStart(h)) {
-      answer(200 + l.KIVCAM_GetLastError());
-      return 1;
-    }
-    std::vector<ImageBuffer*> buffers(4);
-    for (ImageBuffer*& b : buffers) {
-      if (!l.KIVCAM_ImageAlloc(h, &b) || !l.KIVCAM_ImageReq(h, b)) return 1;
-    }
-    answer(0);
-    size_t next = 0;
-    for (uint64_t cmd = 0; read(to_child_[0], &cmd, sizeof cmd) == sizeof cmd && cmd == kFrame;) {
-      sim.deliver(index, 1);
-      ImageBuffer* b = buffers[next++ % buffers.size()];
-      ImageInfo info{};
-      if (!l.KIVCAM_ImageComplete(h, b, kWait, &info)) return 2;
-      uint32_t block;
-      std::memcpy(&block, info.GigE.PacketInfo, sizeof block);
-      answer(block);
-      l.KIVCAM_ImageReq(h, b);
-    }
-    l.KIVCAM_CloseAll();
-    return 0;
-  }
-
-  int to_child_[2] = {-1, -1};
-  int to_parent_[2] = {-1, -1};
-  std::unique_ptr<kivtest::ChildProcess> child_;
+  pid_t pid_ = -1;
+  int to_child_ = -1;
+  int from_child_ = -1;
 };
 
 class Watch : public CameraTest {
