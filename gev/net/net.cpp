@@ -77,6 +77,7 @@ std::vector<NetInterface> ListInterfaces() {
     n.mask = a->ifa_netmask ? ntohl(reinterpret_cast<sockaddr_in*>(a->ifa_netmask)->sin_addr.s_addr) : 0xFFFFFFFF;
     n.up = (a->ifa_flags & IFF_UP) && (a->ifa_flags & IFF_RUNNING);
     n.loopback = (a->ifa_flags & IFF_LOOPBACK) != 0;
+    n.index = if_nametoindex(a->ifa_name);
     out.push_back(n);
   }
   for (ifaddrs* a = list; a; a = a->ifa_next) {
@@ -202,6 +203,27 @@ bool UdpSocket::SendTo(uint32_t ip, uint16_t port, const void* data, size_t n) {
     if (r < 0 && errno == EINTR) continue;
     return r == static_cast<ssize_t>(n);
   }
+}
+
+bool UdpSocket::SendVia(unsigned interface_index, uint32_t ip, uint16_t port, const void* data, size_t n) {
+  sockaddr_in a = Addr(ip, port);
+  iovec v{const_cast<void*>(data), n};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+  msghdr m{};
+  m.msg_name = &a;
+  m.msg_namelen = sizeof a;
+  m.msg_iov = &v;
+  m.msg_iovlen = 1;
+  m.msg_control = control;
+  m.msg_controllen = sizeof control;
+  cmsghdr* c = CMSG_FIRSTHDR(&m);
+  c->cmsg_level = IPPROTO_IP;
+  c->cmsg_type = IP_PKTINFO;
+  c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+  in_pktinfo info{};
+  info.ipi_ifindex = static_cast<int>(interface_index);
+  std::memcpy(CMSG_DATA(c), &info, sizeof info);
+  return sendmsg(fd_, &m, 0) == static_cast<ssize_t>(n);
 }
 
 unsigned UdpSocket::SendMany(uint32_t ip, uint16_t port, const Datagram* d, unsigned n) {

@@ -21,6 +21,7 @@ uint64_t WallNs();  // since the Unix epoch
 
 struct NetInterface {
   std::string name;
+  unsigned index = 0;  // the system's interface index
   uint32_t ip = 0, mask = 0;
   uint64_t mac = 0;
   bool up = false, loopback = false;
@@ -72,6 +73,8 @@ class UdpSocket {
   bool SetDontFragment(bool on);
 
   bool SendTo(uint32_t ip, uint16_t port, const void* data, size_t n);
+  // Sends out of the interface with this index only (a broadcast on one link).
+  bool SendVia(unsigned interface_index, uint32_t ip, uint16_t port, const void* data, size_t n);
   // Sends up to `n` datagrams of two pieces each (a header and a body) in
   // one system call where it can; returns how many went out.
   struct Datagram {

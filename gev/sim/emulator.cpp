@@ -24,6 +24,7 @@ constexpr uint32_t kCapabilities = 0x80000000 | 0x40000000 | kCapHeartbeatDisabl
                                    kCapPendingAck | kCapPacketResend | kCapWriteMem | kCapConcatenation;
 constexpr size_t kHistory = 64;  // blocks a resend can still reach
 constexpr size_t kPaceBatch = 16;  // packets sent back to back between two waits
+constexpr size_t kArrivalsKept = 4096;
 
 // What a block needs to be sent again, packet by packet.
 struct Block {
@@ -91,6 +92,7 @@ struct EmulatedCamera::Impl {
   EmulatorStats st;
   std::mt19937_64 rng;
   bool trace = std::getenv("KIVGEV_SIM_TRACE") != nullptr;  // every command on stderr
+  std::deque<uint64_t> arrivals;  // of the last kArrivalsKept commands
 
   uint32_t Reg(uint32_t a) const { return model->Reg32(*sc, a); }
   void SetReg(uint32_t a, uint32_t v) { model->SetReg32(*sc, a, v); }
@@ -131,6 +133,10 @@ EmulatedCamera::EmulatedCamera(const kivsim::CameraConfig& camera, uint32_t ip, 
   m.SetReg(kRegGvspConfig, options.extended_ids || camera.extended_ids ? kGvspExtendedIds : 0);
   if (options.fps >= 0) m.SetReg(kivsim::kRegFrameRate, static_cast<uint32_t>(options.fps * 1000.0 + 0.5));
   m.sc->packet_size_limit = options.packet_size_limit;
+  if (!options.first_url.empty()) {
+    std::memset(m.sc->regs + kRegFirstUrl, 0, 512);
+    std::memcpy(m.sc->regs + kRegFirstUrl, options.first_url.data(), std::min<size_t>(options.first_url.size(), 511));
+  }
 }
 
 EmulatedCamera::~EmulatedCamera() { Stop(); }
@@ -203,6 +209,11 @@ EmulatorStats EmulatedCamera::stats() const {
 uint32_t EmulatedCamera::ReadRegister(uint32_t address) const {
   std::lock_guard<std::mutex> l(impl_->mu);
   return impl_->Reg(address);
+}
+
+std::vector<uint64_t> EmulatedCamera::CommandTimes() const {
+  std::lock_guard<std::mutex> l(impl_->mu);
+  return std::vector<uint64_t>(impl_->arrivals.begin(), impl_->arrivals.end());
 }
 
 uint64_t EmulatedCamera::frames() const {
@@ -324,6 +335,8 @@ void EmulatedCamera::Impl::Handle(const uint8_t* p, size_t n, uint32_t from_ip, 
     return;
   }
   st.commands++;
+  arrivals.push_back(NowNs());
+  if (arrivals.size() > kArrivalsKept) arrivals.pop_front();
   if (trace) {
     std::fprintf(stderr, "kivgev-sim %s: command 0x%04X id %u from %s:%u,", IpText(ip).c_str(), c.code, c.req_id,
                  IpText(from_ip).c_str(), from_port);

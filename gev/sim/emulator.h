@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kivsim {
 struct CameraConfig;
@@ -24,6 +25,7 @@ struct EmulatorOptions {
   bool extended_ids = false;     // 64-bit block IDs enabled at start
   double link_mbps = 1000;       // speed at which a block's packets leave
   uint64_t seed = 1;
+  std::string first_url;         // replaces the first description URL (to offer File: or http: ones)
 };
 
 // Faults a test sets on a running camera; each counts down as it is used.
@@ -61,6 +63,8 @@ class EmulatedCamera {
   EmulatorFaults& faults();
   EmulatorStats stats() const;
   uint32_t ReadRegister(uint32_t address) const;  // as the device holds it
+  // Arrival times (monotonic ns) of the last commands, oldest first.
+  std::vector<uint64_t> CommandTimes() const;
   uint64_t frames() const;                        // produced so far
 
  private:
