@@ -3,18 +3,20 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <ifaddrs.h>
+#include <linux/ethtool.h>
 #include <linux/if_packet.h>
+#include <linux/sockios.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 namespace kivgev {
 
@@ -89,11 +91,20 @@ std::vector<NetInterface> ListInterfaces() {
       if (n.name == a->ifa_name) n.mac = mac;
   }
   freeifaddrs(list);
+  // The link speed, asked of the driver (sysfs would show another namespace's devices).
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   for (auto& n : out) {
-    std::ifstream f("/sys/class/net/" + n.name + "/speed");
-    long speed = 0;
-    if (f >> speed && speed > 0) n.speed_mbps = static_cast<uint32_t>(speed);
+    ethtool_cmd cmd{};
+    cmd.cmd = ETHTOOL_GSET;
+    ifreq req{};
+    std::strncpy(req.ifr_name, n.name.c_str(), IFNAMSIZ - 1);
+    req.ifr_data = reinterpret_cast<char*>(&cmd);
+    if (fd >= 0 && ioctl(fd, SIOCETHTOOL, &req) == 0) {
+      const uint32_t speed = ethtool_cmd_speed(&cmd);
+      if (speed != 0 && speed != uint32_t(SPEED_UNKNOWN)) n.speed_mbps = speed;
+    }
   }
+  if (fd >= 0) close(fd);
   return out;
 }
 

@@ -1,5 +1,7 @@
 #include "netns.h"
 
+#include "net.h"
+
 #include <net/if.h>
 #include <sched.h>
 #include <sys/wait.h>
@@ -8,7 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
 #include <set>
+#include <thread>
 
 namespace gevtest {
 
@@ -29,6 +33,12 @@ bool Run(const std::string& command, std::string* why) {
 
 bool EnterPrivateNetwork(std::string* why) {
   if (g_entered) return true;
+  if (std::getenv(kSharedNetwork)) {
+    // A child of a test: it stays in its parent's namespace, links and all.
+    g_entered = true;
+    for (int n = 0; n < 8; ++n) g_links.insert(n);
+    return true;
+  }
   if (unshare(CLONE_NEWNET) != 0) {
     *why = std::string("a network namespace of its own is refused (unshare: ") + std::strerror(errno) +
            "); run the network tests as root, as CI does";
@@ -69,6 +79,17 @@ bool AddLink(int n, std::string* why) {
   if (!Run("ip addr add " + net + "1/24 dev " + h, why) || !Run("ip addr add " + net + "2/24 dev " + c, why) ||
       !Run("ip link set " + h + " up", why) || !Run("ip link set " + c + " up", why))
     return false;
+  // A veth reports its carrier a moment after it is set up.
+  auto running = [&] {
+    int up = 0;
+    for (const kivgev::NetInterface& i : kivgev::ListInterfaces()) up += (i.name == h || i.name == c) && i.up;
+    return up == 2;
+  };
+  for (int i = 0; i < 2000 && !running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (!running()) {
+    *why = h + " and " + c + " did not come up";
+    return false;
+  }
   g_links.insert(n);
   return true;
 }

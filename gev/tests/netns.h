@@ -7,6 +7,9 @@
 
 namespace gevtest {
 
+// Set in a test's child processes: they share the parent's namespace.
+constexpr char kSharedNetwork[] = "GEVTEST_SHARED_NETWORK";
+
 // Enters a new network namespace once per process, with the loopback up.
 // False (and why) where the system refuses, e.g. without root.
 bool EnterPrivateNetwork(std::string* why);
