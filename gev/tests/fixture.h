@@ -58,11 +58,12 @@ class GevTest : public ProducerTest {
       at = end + 1;
     }
     StartCameras();
+    if (IsSkipped() || HasFatalFailure()) return;
     ProducerTest::SetUp();
   }
 
   void TearDown() override {
-    if (p.module) ProducerTest::TearDown();
+    if (p.module && tl) ProducerTest::TearDown();
     cameras.clear();
   }
 
