@@ -216,27 +216,6 @@ bool UdpSocket::SendTo(uint32_t ip, uint16_t port, const void* data, size_t n) {
   }
 }
 
-bool UdpSocket::SendVia(unsigned interface_index, uint32_t ip, uint16_t port, const void* data, size_t n) {
-  sockaddr_in a = Addr(ip, port);
-  iovec v{const_cast<void*>(data), n};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
-  msghdr m{};
-  m.msg_name = &a;
-  m.msg_namelen = sizeof a;
-  m.msg_iov = &v;
-  m.msg_iovlen = 1;
-  m.msg_control = control;
-  m.msg_controllen = sizeof control;
-  cmsghdr* c = CMSG_FIRSTHDR(&m);
-  c->cmsg_level = IPPROTO_IP;
-  c->cmsg_type = IP_PKTINFO;
-  c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
-  in_pktinfo info{};
-  info.ipi_ifindex = static_cast<int>(interface_index);
-  std::memcpy(CMSG_DATA(c), &info, sizeof info);
-  return sendmsg(fd_, &m, 0) == static_cast<ssize_t>(n);
-}
-
 unsigned UdpSocket::SendMany(uint32_t ip, uint16_t port, const Datagram* d, unsigned n) {
   sockaddr_in a = Addr(ip, port);
   constexpr unsigned kBatch = 64;

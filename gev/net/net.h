@@ -73,8 +73,6 @@ class UdpSocket {
   bool SetDontFragment(bool on);
 
   bool SendTo(uint32_t ip, uint16_t port, const void* data, size_t n);
-  // Sends out of the interface with this index only (a broadcast on one link).
-  bool SendVia(unsigned interface_index, uint32_t ip, uint16_t port, const void* data, size_t n);
   // Sends up to `n` datagrams of two pieces each (a header and a body) in
   // one system call where it can; returns how many went out.
   struct Datagram {

@@ -57,11 +57,12 @@ uint16_t FromGcError(GC_ERROR e) {
 kivsim::CameraConfig DefaultEmulatedCamera(size_t index) {
   static const kivsim::World world = kivsim::DefaultWorld(kivsim::Transport::GigE);
   kivsim::CameraConfig c = world.cameras[index % world.cameras.size()];
+  // MACs of their own (00:A0:B7:01:..), so that no emulated camera is taken for a virtual one.
+  c.uid = 0x00A0B7010001ULL + index;
   if (index >= world.cameras.size()) {
     char serial[16];
     std::snprintf(serial, sizeof serial, "KG%05zu", 1001 + index);
     c.serial = serial;
-    c.uid += index;
     c.user_name = "cam" + std::to_string(index + 1);
   }
   c.interface_index = 0;

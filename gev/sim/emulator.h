@@ -72,8 +72,8 @@ class EmulatedCamera {
   std::unique_ptr<Impl> impl_;
 };
 
-// The cameras of the built-in GigE world, in order (mono, colour, ...);
-// `index` beyond them repeats the pattern with new serials and MACs.
+// The cameras of the built-in GigE world, in order (mono, colour, ...), with
+// MACs of their own; `index` beyond them repeats the models with new serials.
 kivsim::CameraConfig DefaultEmulatedCamera(size_t index);
 
 }  // namespace kivgev

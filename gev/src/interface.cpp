@@ -38,8 +38,9 @@ std::vector<DeviceRecord> Interface::Discover(uint32_t window_ms) const {
   if (id == 0) id = next_id++;
   uint8_t msg[kGvcpHeader];
   PutCommand(msg, kFlagAckRequired | kFlagBroadcastAck, kDiscoveryCmd, 0, id);
-  // The broadcast leaves through this interface only.
-  s.SendVia(net.index, 0xFFFFFFFF, kGvcpPort, msg, sizeof msg);
+  // From a socket bound to the interface's address, a limited broadcast
+  // leaves through that interface only.
+  s.SendTo(0xFFFFFFFF, kGvcpPort, msg, sizeof msg);
   for (uint32_t ip : prod->settings.devices)
     if ((ip & net.mask) == (net.ip & net.mask)) s.SendTo(ip, kGvcpPort, msg, sizeof msg);
   const uint64_t deadline = NowNs() + uint64_t(window_ms) * 1000000ULL;

@@ -107,8 +107,11 @@ void Receiver::Main() {
     if (watcher_) PollDestination(now);
     bool busy = false;
     for (const Block& b : blocks_) busy |= b.used;
-    Receive(busy ? 1 : 50);
+    const int got = Receive(busy ? 1 : 50);
     Tick(NowNs());
+    // Mid-block, a short batch means the camera's packets trickle in: let a
+    // few more gather in the socket rather than wake up for each one.
+    if (busy && got > 0 && got < int(kBatch) && cfg_.coalesce_us) std::this_thread::sleep_for(std::chrono::microseconds(cfg_.coalesce_us));
   }
 }
 
@@ -161,14 +164,15 @@ void Receiver::Predict(unsigned count) {
   }
 }
 
-void Receiver::Receive(int timeout_ms) {
+int Receiver::Receive(int timeout_ms) {
   UdpSocket& sock = group_ ? group_sock_ : unicast_;
   if (!sock.valid()) {
-    if (!sock.Wait(timeout_ms, &wake_)) return;
+    sock.Wait(timeout_ms, &wake_);
+    return 0;
   }
   Predict(kBatch);
   const int k = sock.ReceiveMany(msgs_.data(), kBatch, timeout_ms, &wake_);
-  if (k <= 0) return;
+  if (k <= 0) return 0;
   // First every misplaced datagram is taken out whole, so that no later copy
   // can overwrite one still waiting in a slot it was not meant for.
   bool fast[kBatch];
@@ -209,6 +213,7 @@ void Receiver::Receive(int timeout_ms) {
     }
     Dispatch(pk[j], from[j], fast[j] ? pk[j].data : nullptr);
   }
+  return k;
 }
 
 Block* Receiver::Find(uint64_t block_id) {

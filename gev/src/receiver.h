@@ -24,6 +24,7 @@ struct ReceiverConfig {
   uint32_t frame_timeout_ms = 200;  // a block with no news for this long is delivered as it is
   uint32_t resend_delay_us = 1000;  // reordering gets this long before a gap counts
   uint32_t max_rounds = 4;          // requests for one gap
+  uint32_t coalesce_us = 200;       // pause after a short batch in the middle of a block
   size_t socket_buffer = 32u << 20;
 };
 
@@ -67,7 +68,7 @@ class Receiver {
  private:
   struct Slot;
   void Main();
-  void Receive(int timeout_ms);
+  int Receive(int timeout_ms);  // datagrams taken
   void Dispatch(const GvspPacket& pk, uint32_t from, const uint8_t* placed_at);
   Block* Find(uint64_t block_id);
   Block* Begin(uint64_t block_id);
