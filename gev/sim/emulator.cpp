@@ -155,12 +155,14 @@ bool EmulatedCamera::Start(std::string* error) {
   }
   m.SetReg(kRegSubnet, m.mask);
   if (!m.gvcp.Open(m.ip, kGvcpPort, error)) return false;
-  // Discovery broadcasts reach a socket bound to the broadcast address on the camera's interface.
-  if (!m.bcast.Open(0xFFFFFFFF, kGvcpPort, error, true) || !m.bcast.BindToDevice(m.ifname)) {
-    if (error->empty()) *error = "cannot listen for discovery on " + m.ifname;
+  // Discovery broadcasts reach a socket bound to the broadcast address; tied
+  // to the camera's interface where the system allows, so that a broadcast
+  // on another link stays unanswered.
+  if (!m.bcast.Open(0xFFFFFFFF, kGvcpPort, error, true)) {
     m.gvcp.Close();
     return false;
   }
+  m.bcast.BindToDevice(m.ifname);
   if (!m.stream.Open(m.ip, 0, error)) return false;
   m.stream.SetSendBuffer(8 << 20);
   m.stream.SetMulticastInterface(m.ip);
