@@ -150,6 +150,44 @@ GC_ERROR Access(const void* hPort, uint64_t addr, void* buf, size_t* size, bool 
   }
 }
 
+// Stacked access: runs of 4-byte registers travel as one batched READREG/WRITEREG.
+GC_ERROR Stacked(Producer& prod, PORT_HANDLE hPort, PORT_REGISTER_STACK_ENTRY* e, size_t* count, bool write) {
+  if (BadPtr(e) || BadPtr(count)) return SetError(GC_ERR_INVALID_PARAMETER, "NULL parameter");
+  Target t = AsPort(prod, hPort);
+  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
+  const bool batch = t.remote && !t.remote->lost && (!write || t.remote->writable());
+  size_t done = 0;
+  while (done < *count) {
+    size_t run = 0;
+    while (batch && done + run < *count && e[done + run].Size == 4 && e[done + run].Address % 4 == 0 &&
+           e[done + run].Address < 0x100000000ULL)
+      ++run;
+    if (run > 1) {
+      std::vector<uint32_t> a(run), v(run);
+      for (size_t i = 0; i < run; ++i) {
+        a[i] = static_cast<uint32_t>(e[done + i].Address);
+        if (write) v[i] = Get32(static_cast<const uint8_t*>(e[done + i].pBuffer));
+      }
+      GvcpResult r = write ? t.remote->gvcp.WriteRegs(a.data(), v.data(), run) : t.remote->gvcp.ReadRegs(a.data(), v.data(), run);
+      if (!r.ok()) {
+        *count = done + (write ? r.index : 0);
+        return FromGvcp(r);
+      }
+      if (!write)
+        for (size_t i = 0; i < run; ++i) Put32(static_cast<uint8_t*>(e[done + i].pBuffer), v[i]);
+      done += run;
+      continue;
+    }
+    size_t n = e[done].Size;
+    if (GC_ERROR err = Access(hPort, e[done].Address, e[done].pBuffer, &n, write)) {
+      *count = done;
+      return err;
+    }
+    ++done;
+  }
+  return GC_ERR_SUCCESS;
+}
+
 struct Url {
   std::string text, scheme, file;
   uint64_t address = 0, size = 0;
@@ -220,73 +258,14 @@ GC_API GCWritePort(PORT_HANDLE hPort, uint64_t iAddress, const void* pBuffer, si
   return Access(hPort, iAddress, const_cast<void*>(pBuffer), piSize, true);
 }
 
-// Stacked access: runs of 4-byte registers travel as one batched READREG/WRITEREG.
 GC_API GCReadPortStacked(PORT_HANDLE hPort, PORT_REGISTER_STACK_ENTRY* pEntries, size_t* piNumEntries) {
   KIVGEV_ENTRY();
-  if (BadPtr(pEntries) || BadPtr(piNumEntries)) return SetError(GC_ERR_INVALID_PARAMETER, "NULL parameter");
-  Target t = AsPort(*prod_, hPort);
-  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
-  size_t done = 0;
-  while (done < *piNumEntries) {
-    size_t run = 0;
-    while (t.remote && done + run < *piNumEntries && pEntries[done + run].Size == 4 && pEntries[done + run].Address % 4 == 0 &&
-           pEntries[done + run].Address < 0x100000000ULL)
-      ++run;
-    if (run > 1 && !t.remote->lost) {
-      std::vector<uint32_t> a(run), v(run);
-      for (size_t i = 0; i < run; ++i) a[i] = static_cast<uint32_t>(pEntries[done + i].Address);
-      GvcpResult r = t.remote->gvcp.ReadRegs(a.data(), v.data(), run);
-      if (!r.ok()) {
-        *piNumEntries = done;
-        return FromGvcp(r);
-      }
-      for (size_t i = 0; i < run; ++i) Put32(static_cast<uint8_t*>(pEntries[done + i].pBuffer), v[i]);
-      done += run;
-      continue;
-    }
-    size_t n = pEntries[done].Size;
-    if (GC_ERROR e = Access(hPort, pEntries[done].Address, pEntries[done].pBuffer, &n, false)) {
-      *piNumEntries = done;
-      return e;
-    }
-    ++done;
-  }
-  return GC_ERR_SUCCESS;
+  return Stacked(*prod_, hPort, pEntries, piNumEntries, false);
 }
 
 GC_API GCWritePortStacked(PORT_HANDLE hPort, PORT_REGISTER_STACK_ENTRY* pEntries, size_t* piNumEntries) {
   KIVGEV_ENTRY();
-  if (BadPtr(pEntries) || BadPtr(piNumEntries)) return SetError(GC_ERR_INVALID_PARAMETER, "NULL parameter");
-  Target t = AsPort(*prod_, hPort);
-  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
-  size_t done = 0;
-  while (done < *piNumEntries) {
-    size_t run = 0;
-    while (t.remote && t.remote->writable() && done + run < *piNumEntries && pEntries[done + run].Size == 4 &&
-           pEntries[done + run].Address % 4 == 0 && pEntries[done + run].Address < 0x100000000ULL)
-      ++run;
-    if (run > 1 && !t.remote->lost) {
-      std::vector<uint32_t> a(run), v(run);
-      for (size_t i = 0; i < run; ++i) {
-        a[i] = static_cast<uint32_t>(pEntries[done + i].Address);
-        v[i] = Get32(static_cast<const uint8_t*>(pEntries[done + i].pBuffer));
-      }
-      GvcpResult r = t.remote->gvcp.WriteRegs(a.data(), v.data(), run);
-      if (!r.ok()) {
-        *piNumEntries = done + r.index;
-        return FromGvcp(r);
-      }
-      done += run;
-      continue;
-    }
-    size_t n = pEntries[done].Size;
-    if (GC_ERROR e = Access(hPort, pEntries[done].Address, pEntries[done].pBuffer, &n, true)) {
-      *piNumEntries = done;
-      return e;
-    }
-    ++done;
-  }
-  return GC_ERR_SUCCESS;
+  return Stacked(*prod_, hPort, pEntries, piNumEntries, true);
 }
 
 GC_API GCGetNumPortURLs(PORT_HANDLE hPort, uint32_t* piNumURLs) {
