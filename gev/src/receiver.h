@@ -93,7 +93,7 @@ class Receiver {
   std::thread thread_;
   std::atomic<bool> stop_{false};
   Waker wake_;
-  static constexpr size_t kInFlight = 4;
+  static constexpr size_t kInFlight = 8;
   Block blocks_[kInFlight];
   std::vector<uint64_t> closed_;  // recently finished block IDs, newest last
   uint64_t newest_ = 0;
