@@ -183,7 +183,8 @@ struct Stream : EventSource {
   std::map<uint32_t, uint32_t> regs;  // data-stream module registers
   uint32_t log[6] = {};               // packet log
   std::atomic<uint64_t> stale{0}, malformed{0}, resend_requests{0}, zero_copy{0};
-  uint32_t packet_size = 0;  // of the channel, as read at the start
+  uint32_t packet_size = 0;      // of the channel, as read at the start
+  bool destination_set = false;  // register 0x104 was written (0 included)
   std::unique_ptr<Receiver> receiver;  // image streams only
 
   bool Supports(EVENT_TYPE type) const override { return type == EVENT_ERROR || type == EVENT_NEW_BUFFER; }

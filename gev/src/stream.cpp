@@ -93,7 +93,8 @@ void Stream::DeliverTokens(bool running) {
 GC_ERROR Stream::SetDestination(uint32_t ip) {
   if (!receiver) return SetError(GC_ERR_ACCESS_DENIED, "Only the image stream has a destination");
   Device& d = *device;
-  const bool restart = receiver->running();
+  // A destination of 0 closes the channel: nothing to receive until a new one.
+  const bool restart = receiver->running() && ip != 0;
   receiver->Stop();
   std::string err;
   GvcpResult r;
@@ -117,6 +118,7 @@ GC_ERROR Stream::SetDestination(uint32_t ip) {
   {
     std::lock_guard<std::mutex> l(mu);
     regs[0x104] = ip;
+    destination_set = true;
   }
   return restart ? StartReceiver() : GC_ERR_SUCCESS;
 }
@@ -125,15 +127,15 @@ GC_ERROR Stream::StartReceiver() {
   if (!receiver) return GC_ERR_SUCCESS;
   Device& d = *device;
   if (d.lost) return SetError(GC_ERR_IO, "Device does not answer: the camera was lost");
-  uint32_t destination;
+  bool chosen;
   {
     std::lock_guard<std::mutex> l(mu);
-    destination = Reg(0x104);
+    chosen = destination_set;
   }
   std::string err;
   if (!receiver->Open(d.iface->net.ip, &err)) return SetError(GC_ERR_IO, err);
-  if (d.writable() && destination == 0) {
-    // A host that set no destination gets the stream on this interface.
+  if (d.writable() && !chosen) {
+    // A host that never set a destination gets the stream on this interface.
     GC_ERROR e = SetDestination(d.destination ? d.destination : d.iface->net.ip);
     if (e != GC_ERR_SUCCESS) return e;
   }

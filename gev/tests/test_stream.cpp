@@ -256,6 +256,26 @@ TEST_F(Streaming, TheSecondStreamCarriesOneTokenPerImageOfTheStreamItFollows) {
   EXPECT_EQ(p.EventGetData(vev, &d, &n, 300), GC_ERR_TIMEOUT);
 }
 
+TEST_F(Streaming, ADestinationOfZeroClosesTheChannelUntilANewOneIsSet) {
+  Open();
+  const uint32_t payload = Reg(kPayload);
+  Announce(2, payload, 0);
+  Start(true);
+  EXPECT_EQ(Reg(kivgev::kRegScda0), HostIp(0)) << "no destination written: this interface";
+  EXPECT_NE(Reg(kivgev::kRegScp0), 0u);
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_DESTINATION, 0), GC_ERR_SUCCESS);
+  EXPECT_EQ(Reg(kivgev::kRegScp0), 0u) << "closed, and not opened again behind the host's back";
+  Reg(kTriggerSoftware, 1);
+  GC_ERROR e = GC_ERR_SUCCESS;
+  EXPECT_EQ(Next(300, &e), nullptr);
+  EXPECT_EQ(e, GC_ERR_TIMEOUT);
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_DESTINATION, HostIp(0)), GC_ERR_SUCCESS);
+  Reg(kTriggerSoftware, 1);
+  BUFFER_HANDLE b = Next();
+  ASSERT_NE(b, nullptr);
+  EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
+}
+
 class SizeLimit : public Streaming {
  protected:
   SizeLimit() { options.packet_size_limit = 1200; }
