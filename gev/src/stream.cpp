@@ -94,7 +94,11 @@ GC_ERROR Stream::SetDestination(uint32_t ip) {
   if (!receiver) return SetError(GC_ERR_ACCESS_DENIED, "Only the image stream has a destination");
   Device& d = *device;
   // A destination of 0 closes the channel: nothing to receive until a new one.
-  const bool restart = receiver->running() && ip != 0;
+  bool restart;
+  {
+    std::lock_guard<std::mutex> l(mu);
+    restart = started && ip != 0;
+  }
   receiver->Stop();
   std::string err;
   GvcpResult r;
