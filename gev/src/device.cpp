@@ -37,8 +37,13 @@ void Device::StartHeartbeat() {
   });
 }
 
-void Device::MarkLost(const std::string& /*why*/) {
-  if (lost.exchange(true)) return;
+void Device::MarkLost(const std::string& why) {
+  {
+    std::lock_guard<std::mutex> l(mu);
+    if (lost) return;
+    lost_why = why;
+    lost = true;
+  }
   // Waiters on the streams' events must see it, and the interface's listeners learn the list changed.
   for (auto& w : streams)
     if (auto s = w.lock()) {
@@ -47,6 +52,11 @@ void Device::MarkLost(const std::string& /*why*/) {
     }
   std::lock_guard<std::mutex> l(iface->mu);
   iface->Push(EVENT_CUSTOM_ID, &kBusReset, sizeof kBusReset);
+}
+
+GC_ERROR Device::LostError() {
+  std::lock_guard<std::mutex> l(mu);
+  return SetError(GC_ERR_IO, "Device does not answer: the camera was lost (" + lost_why + ")");
 }
 
 void Device::Close() {

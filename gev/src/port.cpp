@@ -24,10 +24,8 @@ Target AsPort(Producer& p, const void* h) {
   return t;
 }
 
-GC_ERROR Lost() { return SetError(GC_ERR_IO, "Device does not answer: the camera was lost"); }
-
 GC_ERROR RemoteRead(Device& d, uint64_t addr, void* buf, size_t n) {
-  if (d.lost) return Lost();
+  if (d.lost) return d.LostError();
   if (addr + n > 0x100000000ULL) return SetError(GC_ERR_INVALID_ADDRESS, "Address beyond the camera's 32-bit space");
   GvcpResult r;
   if (n == 4 && addr % 4 == 0) {
@@ -51,7 +49,7 @@ GvcpResult WriteWords(Device& d, uint32_t addr, const uint8_t* p, size_t n) {
 
 GC_ERROR RemoteWrite(Device& d, uint64_t addr, const void* buf, size_t n) {
   if (!d.writable()) return SetError(GC_ERR_ACCESS_DENIED, "Device opened read-only");
-  if (d.lost) return Lost();
+  if (d.lost) return d.LostError();
   if (addr + n > 0x100000000ULL) return SetError(GC_ERR_INVALID_ADDRESS, "Address beyond the camera's 32-bit space");
   const uint32_t first = static_cast<uint32_t>(addr & ~uint64_t(3));
   const size_t span = static_cast<size_t>(((addr + n + 3) & ~uint64_t(3)) - first);

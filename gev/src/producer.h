@@ -143,12 +143,14 @@ struct Device : EventSource {
   uint32_t test_result = 0, destination = 0, heartbeat_ms = 0, command_timeout = 0, reset_requests = 0;
   uint32_t heartbeat_changes = 0;
   std::atomic<bool> lost{false};
+  std::string lost_why;  // set once, with the lock, before `lost`
   std::thread heartbeat;
   bool stop = false;
 
   bool writable() const { return access != DEVICE_ACCESS_READONLY; }
   void StartHeartbeat();
   void MarkLost(const std::string& why);
+  GC_ERROR LostError();  // "the camera was lost" with the reason
   void Close();
   GC_ERROR StreamTest(uint32_t timeout_ms);
 };

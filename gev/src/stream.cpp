@@ -130,7 +130,7 @@ GC_ERROR Stream::SetDestination(uint32_t ip) {
 GC_ERROR Stream::StartReceiver() {
   if (!receiver) return GC_ERR_SUCCESS;
   Device& d = *device;
-  if (d.lost) return SetError(GC_ERR_IO, "Device does not answer: the camera was lost");
+  if (d.lost) return d.LostError();
   bool chosen;
   {
     std::lock_guard<std::mutex> l(mu);

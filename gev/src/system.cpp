@@ -15,7 +15,9 @@ namespace kivgev {
 namespace {
 
 std::mutex g_mu;
-std::shared_ptr<Producer> g_prod;
+// Never destroyed: a host may exit without GCCloseLib while the producer's
+// threads still run, and must not tear their modules down under them.
+std::shared_ptr<Producer>& g_prod = *new std::shared_ptr<Producer>();
 
 // The last error of each thread. A pthread key rather than thread_local: a
 // module loaded with dlopen would get dynamic TLS, which leak checkers trip over.

@@ -127,6 +127,26 @@ TEST_F(Multicast, TwoWatchersReceiveTheStreamTheControllerSendsToAGroup) {
   EXPECT_EQ(cameras[0]->ReadRegister(kivgev::kRegCcp), kivgev::kCcpControl) << "the controller kept the camera";
 }
 
+// A host may leave without closing anything while the producer's threads run.
+class ExitWithoutClose : public Acquire {
+ protected:
+  void StartCameras() override {
+    if (!std::getenv(kSharedNetwork)) AddCamera(CameraIp(0));
+  }
+};
+
+TEST_F(ExitWithoutClose, LeaverRole) {
+  if (!std::getenv(kSharedNetwork)) GTEST_SKIP() << "the other process of a test";
+  dev = OpenAt(CameraIp(0));
+  ASSERT_NE(dev, nullptr);
+  std::exit(0);  // the heartbeat still running
+}
+
+TEST_F(ExitWithoutClose, TheProcessEndsCleanly) {
+  EXPECT_EQ(Reap(SpawnSelf("ExitWithoutClose.LeaverRole"), 20000), 0);
+  EXPECT_EQ(cameras[0]->ReadRegister(kivgev::kRegCcp), kivgev::kCcpControl) << "it did take the camera";
+}
+
 // The emulator program, killed while it streams.
 class KilledEmulator : public Acquire {
  protected:
