@@ -205,6 +205,7 @@ struct Stream : EventSource {
   void Close();
   // The stream channel: destination set by register 0x104, started and stopped with acquisition.
   GC_ERROR SetDestination(uint32_t ip);
+  GC_ERROR OpenChannel(uint32_t ip);
   GC_ERROR StartReceiver();
   void StopReceiver();
 };

@@ -92,7 +92,6 @@ void Stream::DeliverTokens(bool running) {
 
 GC_ERROR Stream::SetDestination(uint32_t ip) {
   if (!receiver) return SetError(GC_ERR_ACCESS_DENIED, "Only the image stream has a destination");
-  Device& d = *device;
   // A destination of 0 closes the channel: nothing to receive until a new one.
   bool restart;
   {
@@ -100,6 +99,14 @@ GC_ERROR Stream::SetDestination(uint32_t ip) {
     restart = started && ip != 0;
   }
   receiver->Stop();
+  GC_ERROR e = OpenChannel(ip);
+  if (e != GC_ERR_SUCCESS) return e;
+  return restart ? StartReceiver() : GC_ERR_SUCCESS;
+}
+
+// With the receiver stopped: the sockets for `ip`, then the camera's registers.
+GC_ERROR Stream::OpenChannel(uint32_t ip) {
+  Device& d = *device;
   std::string err;
   GvcpResult r;
   if (ip == 0) {
@@ -119,12 +126,10 @@ GC_ERROR Stream::SetDestination(uint32_t ip) {
     r = d.gvcp.WriteRegs(regs, values, 2);
   }
   if (!r.ok()) return FromGvcp(r);
-  {
-    std::lock_guard<std::mutex> l(mu);
-    regs[0x104] = ip;
-    destination_set = true;
-  }
-  return restart ? StartReceiver() : GC_ERR_SUCCESS;
+  std::lock_guard<std::mutex> l(mu);
+  regs[0x104] = ip;
+  destination_set = true;
+  return GC_ERR_SUCCESS;
 }
 
 GC_ERROR Stream::StartReceiver() {
@@ -140,7 +145,7 @@ GC_ERROR Stream::StartReceiver() {
   if (!receiver->Open(d.iface->net.ip, &err)) return SetError(GC_ERR_IO, err);
   if (d.writable() && !chosen) {
     // A host that never set a destination gets the stream on this interface.
-    GC_ERROR e = SetDestination(d.destination ? d.destination : d.iface->net.ip);
+    GC_ERROR e = OpenChannel(d.destination ? d.destination : d.iface->net.ip);
     if (e != GC_ERR_SUCCESS) return e;
   }
   uint32_t scps = 0, gvsp = 0;
