@@ -139,6 +139,27 @@ GC_API IFOpenDevice(IF_HANDLE hIface, const char* sDeviceID, DEVICE_ACCESS_FLAGS
     if (it != i->open.end() && it->second.lock()) return SetError(GC_ERR_RESOURCE_IN_USE, kAlreadyOpen);
     d->rec = *r;
   }
+  // The same camera may answer on two interfaces; this process opens it once.
+  std::shared_ptr<System> sys;
+  {
+    std::lock_guard<std::mutex> l(prod_->mu);
+    sys = prod_->system;
+  }
+  if (sys) {
+    std::vector<std::shared_ptr<Interface>> others;
+    {
+      std::lock_guard<std::mutex> l(sys->mu);
+      for (auto& kv : sys->open)
+        if (kv.second != i) others.push_back(kv.second);
+    }
+    for (auto& o : others) {
+      std::lock_guard<std::mutex> l(o->mu);
+      for (auto& kv : o->open) {
+        auto other = kv.second.lock();
+        if (other && other->rec.uid == d->rec.uid && !other->lost) return SetError(GC_ERR_RESOURCE_IN_USE, kAlreadyOpen);
+      }
+    }
+  }
   d->prod = prod_.get();
   d->iface = i;
   d->access = iOpenFlag;
