@@ -128,13 +128,17 @@ Child StartEmulator(int fps) {
   return c;
 }
 
+// The entry points the benchmarks call, listed once.
+#define GEV_ENTRY_POINTS(X)                                                                                   \
+  X(GCInitLib) X(GCCloseLib) X(TLOpen) X(TLClose) X(TLUpdateInterfaceList) X(TLGetInterfaceID)              \
+  X(TLOpenInterface) X(IFUpdateDeviceList) X(IFGetNumDevices) X(IFGetDeviceID) X(IFOpenDevice) X(DevGetPort) \
+  X(DevOpenDataStream) X(GCWritePort) X(GCReadPort) X(DSAnnounceBuffer) X(DSQueueBuffer)                      \
+  X(DSStartAcquisition) X(DSStopAcquisition) X(GCRegisterEvent) X(EventGetData) X(DSGetBufferInfo)           \
+  X(DevClose) X(DSGetInfo)
+
 struct Producer {
 #define GEV_FN(name) P##name name = nullptr;
-  GEV_FN(GCInitLib) GEV_FN(GCCloseLib) GEV_FN(TLOpen) GEV_FN(TLClose) GEV_FN(TLUpdateInterfaceList)
-  GEV_FN(TLGetInterfaceID) GEV_FN(TLOpenInterface) GEV_FN(IFUpdateDeviceList) GEV_FN(IFGetNumDevices)
-  GEV_FN(IFGetDeviceID) GEV_FN(IFOpenDevice) GEV_FN(DevGetPort) GEV_FN(DevOpenDataStream) GEV_FN(GCWritePort)
-  GEV_FN(GCReadPort) GEV_FN(DSAnnounceBuffer) GEV_FN(DSQueueBuffer) GEV_FN(DSStartAcquisition)
-  GEV_FN(DSStopAcquisition) GEV_FN(GCRegisterEvent) GEV_FN(EventGetData) GEV_FN(DSGetBufferInfo) GEV_FN(DevClose) GEV_FN(DSGetInfo)
+  GEV_ENTRY_POINTS(GEV_FN)
 #undef GEV_FN
   void* module = nullptr;
   TL_HANDLE tl = nullptr;
@@ -148,11 +152,7 @@ struct Producer {
     module = dlopen((g_dir + "/../lib/gev/KivGigEGenTL.cti").c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!module) return false;
 #define GEV_FN(name) name = reinterpret_cast<P##name>(dlsym(module, #name));
-    GEV_FN(GCInitLib) GEV_FN(GCCloseLib) GEV_FN(TLOpen) GEV_FN(TLClose) GEV_FN(TLUpdateInterfaceList)
-    GEV_FN(TLGetInterfaceID) GEV_FN(TLOpenInterface) GEV_FN(IFUpdateDeviceList) GEV_FN(IFGetNumDevices)
-    GEV_FN(IFGetDeviceID) GEV_FN(IFOpenDevice) GEV_FN(DevGetPort) GEV_FN(DevOpenDataStream) GEV_FN(GCWritePort)
-    GEV_FN(GCReadPort) GEV_FN(DSAnnounceBuffer) GEV_FN(DSQueueBuffer) GEV_FN(DSStartAcquisition)
-    GEV_FN(DSStopAcquisition) GEV_FN(GCRegisterEvent) GEV_FN(EventGetData) GEV_FN(DSGetBufferInfo) GEV_FN(DevClose) GEV_FN(DSGetInfo)
+    GEV_ENTRY_POINTS(GEV_FN)
 #undef GEV_FN
     char id[256];
     size_t n = sizeof id;

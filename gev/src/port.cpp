@@ -233,6 +233,13 @@ GC_ERROR Urls(Device& d, std::vector<Url>* out) {
   return GC_ERR_SUCCESS;
 }
 
+// The description URLs behind any port handle: a module's own port has none.
+GC_ERROR PortUrls(Producer& prod, PORT_HANDLE h, std::vector<Url>* urls) {
+  Target t = AsPort(prod, h);
+  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
+  return t.remote ? Urls(*t.remote, urls) : GC_ERR_SUCCESS;
+}
+
 GC_ERROR NotLocal(const Url& u) {
   return SetError(GC_ERR_NOT_IMPLEMENTED, "Description URL '" + u.text +
                                               "' is not supported: only Local: descriptions in the camera's memory are read");
@@ -268,12 +275,9 @@ GC_API GCWritePortStacked(PORT_HANDLE hPort, PORT_REGISTER_STACK_ENTRY* pEntries
 
 GC_API GCGetNumPortURLs(PORT_HANDLE hPort, uint32_t* piNumURLs) {
   KIVGEV_ENTRY();
-  Target t = AsPort(*prod_, hPort);
-  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
   if (BadPtr(piNumURLs)) return SetError(GC_ERR_INVALID_PARAMETER, "Count pointer is NULL");
   std::vector<Url> urls;
-  if (t.remote)
-    if (GC_ERROR e = Urls(*t.remote, &urls)) return e;
+  if (GC_ERROR e = PortUrls(*prod_, hPort, &urls)) return e;
   *piNumURLs = static_cast<uint32_t>(urls.size());
   return GC_ERR_SUCCESS;
 }
@@ -281,11 +285,8 @@ GC_API GCGetNumPortURLs(PORT_HANDLE hPort, uint32_t* piNumURLs) {
 GC_API GCGetPortURLInfo(PORT_HANDLE hPort, uint32_t iURLIndex, URL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType,
                         void* pBuffer, size_t* piSize) {
   KIVGEV_ENTRY();
-  Target t = AsPort(*prod_, hPort);
-  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
   std::vector<Url> urls;
-  if (t.remote)
-    if (GC_ERROR e = Urls(*t.remote, &urls)) return e;
+  if (GC_ERROR e = PortUrls(*prod_, hPort, &urls)) return e;
   if (iURLIndex >= urls.size()) return SetError(GC_ERR_INVALID_INDEX, "URL index out of range");
   const Url& u = urls[iURLIndex];
   auto i32 = [&](int32_t v) { return PutValue<int32_t>(INFO_DATATYPE_INT32, v, piType, pBuffer, piSize); };
@@ -315,11 +316,8 @@ GC_API GCGetPortURLInfo(PORT_HANDLE hPort, uint32_t iURLIndex, URL_INFO_CMD iInf
 
 GC_API GCGetPortURL(PORT_HANDLE hPort, char* sURL, size_t* piSize) {
   KIVGEV_ENTRY();
-  Target t = AsPort(*prod_, hPort);
-  if (!t.obj) return SetError(GC_ERR_INVALID_HANDLE, "Invalid port handle");
   std::vector<Url> urls;
-  if (t.remote)
-    if (GC_ERROR e = Urls(*t.remote, &urls)) return e;
+  if (GC_ERROR e = PortUrls(*prod_, hPort, &urls)) return e;
   std::string all;
   for (const Url& u : urls) all += u.text + '\0';
   all += '\0';
