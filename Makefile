@@ -4,7 +4,7 @@ JOBS       ?= 2
 CMAKE_GEN   = -G Ninja
 CTEST_ARGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: all deps build test run sanitize tsan bench fuzz clean
+.PHONY: all deps build test run install sanitize tsan bench fuzz clean
 
 all: build
 
@@ -27,6 +27,12 @@ test: build
 # The main job: the command-line tool against the virtual cameras.
 run: build
 	@scripts/run-demo.sh $(BUILD)
+
+# The library, tools and the network GigE producer under PREFIX (virtual
+# cameras in PREFIX/lib/kivcam/virtual, see gev/README.md).
+PREFIX ?= /usr/local
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 # AddressSanitizer + UndefinedBehaviorSanitizer build and test run.
 sanitize: deps

@@ -14,9 +14,12 @@ cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DKIVCAM_BUILD_FUZZ=ON -DKIVCAM_BUILD_TESTS=OFF >/dev/null
 targets=()
-for src in "$ROOT"/genapi/fuzz/fuzz_*.cpp; do
+declare -A home  # the folder each target's seed corpus lives in
+for src in "$ROOT"/genapi/fuzz/fuzz_*.cpp "$ROOT"/gev/fuzz/fuzz_*.cpp; do
   [[ -e "$src" ]] || continue
-  targets+=("$(basename "$src" .cpp)")
+  t=$(basename "$src" .cpp)
+  targets+=("$t")
+  home[$t]=$(dirname "$src")
 done
 [[ ${#targets[@]} -eq 0 ]] && { echo "fuzz-smoke: no targets"; exit 0; }
 cmake --build "$BUILD" -j 2 --target "${targets[@]}"
@@ -27,7 +30,7 @@ for t in "${targets[@]}"; do
   corpus="$work/$t"
   mkdir -p "$corpus"
   # Work on a copy: the run adds inputs that do not belong in the source tree.
-  if [[ -d "$ROOT/genapi/fuzz/corpus/$t" ]]; then cp -r "$ROOT/genapi/fuzz/corpus/$t/." "$corpus/"; fi
+  if [[ -d "${home[$t]}/corpus/$t" ]]; then cp -r "${home[$t]}/corpus/$t/." "$corpus/"; fi
   if [[ "$t" == fuzz_loader ]]; then
     for seed in "$ROOT"/genapi/tests/data/*.xml "$ROOT"/../shared/testdata/genicam/aravis-*.xml; do
       [[ -e "$seed" ]] && cp "$seed" "$corpus/"

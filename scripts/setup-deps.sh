@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing KivCam need.
 # Idempotent and quiet when everything is present. `--bench` adds the packages
-# of the comparison benchmarks (OpenCV).
+# of the comparison benchmarks (OpenCV, Aravis's command-line tool).
+# iproute2 and procps build the network tests' private namespaces; Aravis's
+# tools are the independent GigE Vision peers those tests run there.
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
       libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev
-      libreadline-dev)
+      libreadline-dev iproute2 procps aravis-tools)
 if [[ "${1:-}" == "--bench" ]]; then
-  pkgs+=(libbenchmark-dev libopencv-dev)
+  pkgs+=(libbenchmark-dev libopencv-dev aravis-tools-cli)
 fi
 
 missing=()

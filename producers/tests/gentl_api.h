@@ -18,7 +18,7 @@
   X(DSAnnounceBuffer) X(DSFlushQueue) X(DSStartAcquisition) X(DSStopAcquisition) X(DSClose) X(DSRevokeBuffer) \
   X(DSQueueBuffer) X(DSGetBufferInfo) X(GCReadPort) X(GCWritePort) X(GCGetNumPortURLs) X(GCGetPortURLInfo)    \
   X(GCRegisterEvent) X(GCUnregisterEvent) X(EventGetData) X(EventFlush) X(EventKill) X(DSGetInfo)             \
-  X(GCGetPortInfo) X(EventGetInfo) X(DSAllocAndAnnounceBuffer)
+  X(GCGetPortInfo) X(EventGetInfo) X(DSAllocAndAnnounceBuffer) X(IFGetInfo) X(GCReadPortStacked) X(GCWritePortStacked)
 
 #define KIVSIM_TEST_CONTROL(X)                                                                               \
   X(kivsim_camera_count) X(kivsim_camera_index) X(kivsim_plug) X(kivsim_raise_interface_event)                \

@@ -51,6 +51,7 @@ TEST(Cli, ListShowsEveryVirtualCamera) {
   EXPECT_TRUE(Has(r, "KivSim-UC1920C"));
   EXPECT_TRUE(Has(r, "USB 3.0"));
   EXPECT_TRUE(Has(r, "3 cameras"));
+  EXPECT_TRUE(Has(r, "KivSim-GC1920M           00:A0:B7:00:00:01")) << "a GigE camera's MAC";
 }
 
 TEST(Cli, InfoDecodesTheGigERecordOfTheFirstFreeCamera) {
@@ -59,6 +60,7 @@ TEST(Cli, InfoDecodesTheGigERecordOfTheFirstFreeCamera) {
   EXPECT_TRUE(Has(r, "kind         GigE")) << r.out;
   EXPECT_TRUE(Has(r, "model        KivSim-GC1920M"));
   EXPECT_TRUE(Has(r, "MAC / UID    00:A0:B7:00:00:01"));
+  EXPECT_TRUE(Has(r, "camera IP    192.168.2.100"));
 }
 
 TEST(Cli, InfoOfTheUsbCameraByUid) {

@@ -311,14 +311,20 @@ int List() {
   auto* list = reinterpret_cast<CameraList*>(storage.data());
   list->Count = count;
   if (count && !KIVCAM_GetList(list)) return Fail("KIVCAM_GetList");
-  std::printf("%-22s %-5s %-9s %-24s %s\n", "UID", "KIND", "LINK", "VENDOR", "MODEL");
+  std::printf("%-22s %-5s %-9s %-24s %-24s %s\n", "UID", "KIND", "LINK", "VENDOR", "MODEL", "MAC");
   for (uint32_t i = 0; i < count; ++i) {
     CameraListEntry e;
     std::memcpy(&e, reinterpret_cast<const unsigned char*>(list) + 4 + 532u * i, sizeof e);
     if (e.UID == 0 && e.Vendor[0] == 0 && e.Model[0] == 0) continue;  // information unreadable
-    std::printf("%-22" PRIu64 " %-5s %-9s %-24s %s\n", e.UID, KindName(e.CameraKind),
+    // A GigE camera's UID is its MAC.
+    char mac[24] = "-";
+    if (e.CameraKind == KIVCAM_CAMERAKIND_GIGE)
+      std::snprintf(mac, sizeof mac, "%02X:%02X:%02X:%02X:%02X:%02X", unsigned(e.UID >> 40) & 255,
+                    unsigned(e.UID >> 32) & 255, unsigned(e.UID >> 24) & 255, unsigned(e.UID >> 16) & 255,
+                    unsigned(e.UID >> 8) & 255, unsigned(e.UID) & 255);
+    std::printf("%-22" PRIu64 " %-5s %-9s %-24s %-24s %s\n", e.UID, KindName(e.CameraKind),
                 LinkName(e.CameraKind, e.LinkCode).c_str(), Field(e.Vendor, 256).c_str(),
-                Field(e.Model, 256).c_str());
+                Field(e.Model, 256).c_str(), mac);
   }
   std::printf("%u camera%s\n", count, count == 1 ? "" : "s");
   std::fflush(stdout);
@@ -391,7 +397,8 @@ int Info(Camera& cam) {
     std::printf("MAC / UID    %02X:%02X:%02X:%02X:%02X:%02X\n", g.UID[0], g.UID[1], g.UID[2],
                 g.UID[3], g.UID[4], g.UID[5]);
     std::printf("version      %u.%u\n", g.Info1003, g.Info1004);
-    std::printf("info 1005    0x%08X\n", g.Info1005);
+    a = g.Info1005;
+    std::printf("camera IP    %u.%u.%u.%u\n", (a >> 24) & 255, (a >> 16) & 255, (a >> 8) & 255, a & 255);
     std::printf("device ver.  %s\n", Field(g.DeviceVersion, sizeof g.DeviceVersion).c_str());
     std::printf("maker info   %s\n", Field(g.ManufacturerInfo, sizeof g.ManufacturerInfo).c_str());
     std::printf("serial       %s\n", Field(g.SerialNumber, sizeof g.SerialNumber).c_str());

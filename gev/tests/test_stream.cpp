@@ -1,0 +1,349 @@
+// GVSP streaming through the producer: every pixel format byte-exact, the
+// packet information block, resends under loss and reordering, blocks lost
+// for good, extended IDs, the VSync stream, the stream test and hostile
+// datagrams.
+#include <cstring>
+#include <deque>
+
+#include "fixture.h"
+#include "pixfmt.h"
+#include "wire.h"
+
+using namespace gevtest;
+using kivgev::EmulatorOptions;
+
+namespace {
+
+constexpr uint32_t kWidth = 0xA000, kHeight = 0xA004, kPixelFormat = 0xA010, kPayload = 0xA014,
+                   kAcqStart = 0xA01C, kAcqStop = 0xA020, kTriggerMode = 0xA030, kTriggerSoftware = 0xA034;
+
+class Streaming : public GevTest {
+ protected:
+  void StartCameras() override {
+    for (size_t i = 0; i < models; ++i) AddCamera(CameraIp(0, int(i)), options, i);
+  }
+  size_t models = 1;
+  EmulatorOptions options;
+
+  void Open(int k = 0) {
+    dev = OpenAt(CameraIp(0, k));
+    ASSERT_NE(dev, nullptr);
+    port = Port(dev);
+    ds = Stream(dev, 0);
+    ASSERT_EQ(p.GCRegisterEvent(ds, EVENT_NEW_BUFFER, &ev), GC_ERR_SUCCESS);
+  }
+  void Reg(uint32_t a, uint32_t v) { ASSERT_EQ(Write32(port, a, v, true), GC_ERR_SUCCESS) << std::hex << a << " " << p.LastError(); }
+  uint32_t Reg(uint32_t a) { return Read32(port, a, true); }
+  // Caller buffers of `size` bytes with the packet information block at `info`.
+  void Announce(size_t n, size_t size, uint32_t info) {
+    ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_INFO_OFFSET, info), GC_ERR_SUCCESS);
+    for (size_t i = 0; i < n; ++i) {
+      memory.emplace_back(size, 0xEE);
+      BUFFER_HANDLE b = nullptr;
+      ASSERT_EQ(p.DSAnnounceBuffer(ds, memory.back().data(), size, &memory.back(), &b), GC_ERR_SUCCESS);
+      ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+    }
+  }
+  void Start(bool triggered) {
+    Reg(kTriggerMode, triggered ? 1 : 0);
+    ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS) << p.LastError();
+    ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
+    Reg(kAcqStart, 1);
+  }
+  // The next delivered buffer; null after `ms` without one.
+  BUFFER_HANDLE Next(uint64_t ms = 5000, GC_ERROR* result = nullptr) {
+    EVENT_NEW_BUFFER_DATA d{};
+    size_t n = sizeof d;
+    GC_ERROR e = p.EventGetData(ev, &d, &n, ms);
+    if (result) *result = e;
+    else EXPECT_EQ(e, GC_ERR_SUCCESS) << p.LastError();
+    return e == GC_ERR_SUCCESS ? d.BufferHandle : nullptr;
+  }
+  uint8_t* Data(BUFFER_HANDLE b) { return BufferInfo<uint8_t*>(ds, b, BUFFER_INFO_BASE); }
+  uint32_t Status(BUFFER_HANDLE b) { return BufferInfo<uint32_t>(ds, b, 1000); }
+  // Whether the buffer holds frame (block ID - 1) of the pattern exactly.
+  ::testing::AssertionResult Exact(BUFFER_HANDLE b, uint32_t format, uint32_t w, uint32_t h) {
+    const uint64_t frame = BufferInfo<uint64_t>(ds, b, BUFFER_INFO_FRAMEID) - 1;
+    auto pattern = kivsim::GetPattern(format, w, h);
+    if (!pattern) return ::testing::AssertionFailure() << "no pattern for " << std::hex << format;
+    const size_t filled = BufferInfo<size_t>(ds, b, BUFFER_INFO_SIZE_FILLED);
+    if (filled != pattern->payload()) return ::testing::AssertionFailure() << "filled " << filled << " of " << pattern->payload();
+    if (std::memcmp(Data(b), pattern->frame(frame), filled) != 0)
+      return ::testing::AssertionFailure() << "frame " << frame << " differs from the pattern";
+    return ::testing::AssertionSuccess();
+  }
+  uint32_t InfoWord(BUFFER_HANDLE b, uint32_t info, size_t at) {
+    uint32_t v;
+    std::memcpy(&v, Data(b) + info + at, 4);
+    return v;
+  }
+
+  DEV_HANDLE dev = nullptr;
+  PORT_HANDLE port = nullptr;
+  DS_HANDLE ds = nullptr;
+  EVENT_HANDLE ev = nullptr;
+  std::deque<std::vector<uint8_t>> memory;
+};
+
+class EveryFormat : public Streaming {
+ protected:
+  EveryFormat() { models = 2; }  // the mono and the colour model offer every format between them
+};
+
+TEST_F(EveryFormat, EachOfferedPixelFormatArrivesByteExactWithAFullPacketBlock) {
+  for (int k = 0; k < 2; ++k) {
+    SCOPED_TRACE(k);
+    memory.clear();
+    Open(k);
+    const uint32_t w = 64, h = 8, info = 6 * 64 * 8;
+    Reg(kWidth, w);
+    Reg(kHeight, h);
+    Announce(2, info + 1024, info);
+    Start(true);
+    const kivsim::CameraConfig cfg = kivgev::DefaultEmulatedCamera(k);
+    for (uint32_t format : cfg.formats) {
+      SCOPED_TRACE(kivsim::FindPixelFormat(format)->name);
+      Reg(kAcqStop, 1);
+      Reg(kPixelFormat, format);
+      Reg(kAcqStart, 1);
+      Reg(kTriggerSoftware, 1);
+      BUFFER_HANDLE b = Next();
+      ASSERT_NE(b, nullptr);
+      EXPECT_EQ(Status(b), 0u);
+      EXPECT_EQ(BufferInfo<uint64_t>(ds, b, BUFFER_INFO_PIXELFORMAT), format);
+      EXPECT_TRUE(Exact(b, format, w, h));
+      const uint32_t payload = Reg(kPayload);
+      const uint32_t packets = (payload + 1463) / 1464;
+      EXPECT_EQ(InfoWord(b, info, 4), packets) << "packet count";
+      EXPECT_EQ(InfoWord(b, info, 8), packets) << "received";
+      EXPECT_EQ(InfoWord(b, info, 540), 0u) << "complete";
+      EXPECT_EQ(Data(b)[info + 544], uint8_t((1u << packets) - 1)) << "one bit per packet";
+      EXPECT_EQ(BufferInfo<uint32_t>(ds, b, 1001), packets);
+      ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+    }
+    EXPECT_EQ(p.DSStopAcquisition(ds, ACQ_STOP_FLAGS_KILL), GC_ERR_SUCCESS);
+    EXPECT_EQ(p.DevClose(dev), GC_ERR_SUCCESS);
+  }
+}
+
+class Lossy : public Streaming {
+ protected:
+  Lossy() {
+    options.loss = 0.02;
+    options.reorder = 0.02;
+    options.fps = 100;
+    options.seed = 7;
+  }
+};
+
+TEST_F(Lossy, EveryFrameIsCompletedThroughResendsIntoProducerAllocatedBuffers) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_INFO_OFFSET, info), GC_ERR_SUCCESS);
+  for (int i = 0; i < 4; ++i) {
+    BUFFER_HANDLE b = nullptr;
+    ASSERT_EQ(p.DSAnnounceBuffer(ds, nullptr, info + 1024, nullptr, &b), GC_ERR_SUCCESS);
+    ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+  }
+  Start(false);
+  for (int i = 0; i < 40; ++i) {
+    EVENT_NEW_BUFFER_DATA d{};
+    size_t n = sizeof d;
+    ASSERT_EQ(p.EventGetData(ev, &d, &n, 5000), GC_ERR_SUCCESS) << p.LastError();
+    EXPECT_EQ(d.pUserPointer, Data(d.BufferHandle)) << "producer memory: the event names the data";
+    EXPECT_EQ(Status(d.BufferHandle), 0u) << i;
+    EXPECT_TRUE(Exact(d.BufferHandle, 0x01080001, 640, 480)) << i;
+    EXPECT_EQ(InfoWord(d.BufferHandle, info, 540), 0u);
+    ASSERT_EQ(p.DSQueueBuffer(ds, d.BufferHandle), GC_ERR_SUCCESS);
+  }
+  Reg(kAcqStop, 1);
+  EXPECT_GT(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_RESEND_REQUESTS), 0u);
+  EXPECT_GT(cameras[0]->stats().packets_resent, 0u);
+  uint32_t log[6] = {};
+  size_t n = sizeof log;
+  ASSERT_EQ(p.GCReadPort(ds, KIVSIM_DS_PACKET_LOG, log, &n), GC_ERR_SUCCESS);
+  EXPECT_GE(log[0], 40u);
+  EXPECT_EQ(log[1], 0u) << "no incomplete frame";
+  EXPECT_GT(log[4], 0u) << "resent packets counted";
+}
+
+TEST_F(Streaming, ABlockLostForGoodArrivesIncompleteWithItsBitmapAndStatus) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8, packets = (payload + 1463) / 1464;
+  Announce(2, info + 1024, info);
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_PACKET_COUNT, packets), GC_ERR_SUCCESS);
+  Start(true);
+  cameras[0]->faults().lose_first = 3;
+  cameras[0]->faults().lose_last = 5;
+  cameras[0]->faults().lose_blocks = 1;
+  Reg(kTriggerSoftware, 1);
+  BUFFER_HANDLE b = Next();
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Status(b), 0xC0000001u);
+  EXPECT_TRUE(BufferInfo<bool8_t>(ds, b, BUFFER_INFO_IS_INCOMPLETE));
+  EXPECT_EQ(BufferInfo<uint32_t>(ds, b, 1001), packets - 3) << "packets received";
+  EXPECT_EQ(InfoWord(b, info, 540), 3u) << "three missing";
+  const uint8_t* bitmap = Data(b) + info + 544;
+  for (uint32_t i = 0; i < packets; ++i) EXPECT_EQ((bitmap[i / 8] >> (i % 8)) & 1, (i >= 2 && i <= 4) ? 0 : 1) << i;
+  // The rest of the image is right where it arrived.
+  auto pattern = kivsim::GetPattern(0x01080001, 640, 480);
+  const uint64_t frame = BufferInfo<uint64_t>(ds, b, BUFFER_INFO_FRAMEID) - 1;
+  EXPECT_EQ(std::memcmp(Data(b), pattern->frame(frame), 2 * 1464), 0);
+  EXPECT_EQ(std::memcmp(Data(b) + 5 * 1464, pattern->frame(frame) + 5 * 1464, payload - 5 * 1464), 0);
+  ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+  Reg(kTriggerSoftware, 1);
+  b = Next();
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Status(b), 0u) << "the next block is whole again";
+  uint32_t log[6] = {};
+  size_t n = sizeof log;
+  ASSERT_EQ(p.GCReadPort(ds, KIVSIM_DS_PACKET_LOG, log, &n), GC_ERR_SUCCESS);
+  EXPECT_EQ(log[0], 2u);
+  EXPECT_EQ(log[1], 1u);
+  EXPECT_EQ(log[3], 3u);
+}
+
+class ExtendedIds : public Streaming {
+ protected:
+  ExtendedIds() { options.extended_ids = true; }
+};
+
+TEST_F(ExtendedIds, SixtyFourBitBlocksWithTheLongerHeaderArriveWhole) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+  Announce(2, info + 1024, info);
+  Start(true);
+  for (int i = 0; i < 3; ++i) {
+    Reg(kTriggerSoftware, 1);
+    BUFFER_HANDLE b = Next();
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(Status(b), 0u);
+    EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
+    EXPECT_EQ(InfoWord(b, info, 20), 1500u - 48u) << "data per packet with the 20-byte header";
+    ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+  }
+}
+
+TEST_F(Streaming, TheSecondStreamCarriesOneTokenPerImageOfTheStreamItFollows) {
+  Open();
+  const uint32_t payload = Reg(kPayload);
+  Announce(2, payload, 0);
+  DS_HANDLE vs = Stream(dev, 1);
+  EVENT_HANDLE vev = nullptr;
+  ASSERT_EQ(p.GCRegisterEvent(vs, EVENT_NEW_BUFFER, &vev), GC_ERR_SUCCESS);
+  ASSERT_EQ(WriteModule(vs, KIVSIM_DS_LINK, ReadModule(ds, KIVSIM_DS_LINK)), GC_ERR_SUCCESS);
+  BUFFER_HANDLE t = nullptr;
+  ASSERT_EQ(p.DSAnnounceBuffer(vs, reinterpret_cast<void*>(1), 0, nullptr, &t), GC_ERR_SUCCESS);
+  ASSERT_EQ(p.DSQueueBuffer(vs, t), GC_ERR_SUCCESS);
+  ASSERT_EQ(p.DSStartAcquisition(vs, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
+  Start(true);
+  for (int i = 0; i < 3; ++i) {
+    Reg(kTriggerSoftware, 1);
+    BUFFER_HANDLE b = Next();
+    ASSERT_NE(b, nullptr);
+    EVENT_NEW_BUFFER_DATA d{};
+    size_t n = sizeof d;
+    ASSERT_EQ(p.EventGetData(vev, &d, &n, 5000), GC_ERR_SUCCESS);
+    EXPECT_EQ(d.BufferHandle, t);
+    ASSERT_EQ(p.DSQueueBuffer(vs, t), GC_ERR_SUCCESS);
+    ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+  }
+  // No image stream running, no token.
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 0), GC_ERR_SUCCESS);
+  Reg(kTriggerSoftware, 1);
+  EVENT_NEW_BUFFER_DATA d{};
+  size_t n = sizeof d;
+  EXPECT_EQ(p.EventGetData(vev, &d, &n, 300), GC_ERR_TIMEOUT);
+}
+
+TEST_F(Streaming, ADestinationOfZeroClosesTheChannelUntilANewOneIsSet) {
+  Open();
+  const uint32_t payload = Reg(kPayload);
+  Announce(2, payload, 0);
+  Start(true);
+  EXPECT_EQ(Reg(kivgev::kRegScda0), HostIp(0)) << "no destination written: this interface";
+  EXPECT_NE(Reg(kivgev::kRegScp0), 0u);
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_DESTINATION, 0), GC_ERR_SUCCESS);
+  EXPECT_EQ(Reg(kivgev::kRegScp0), 0u) << "closed, and not opened again behind the host's back";
+  Reg(kTriggerSoftware, 1);
+  GC_ERROR e = GC_ERR_SUCCESS;
+  EXPECT_EQ(Next(300, &e), nullptr);
+  EXPECT_EQ(e, GC_ERR_TIMEOUT);
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_GIGE_DESTINATION, HostIp(0)), GC_ERR_SUCCESS);
+  Reg(kTriggerSoftware, 1);
+  BUFFER_HANDLE b = Next();
+  ASSERT_NE(b, nullptr);
+  EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
+}
+
+class SizeLimit : public Streaming {
+ protected:
+  SizeLimit() { options.packet_size_limit = 1200; }
+};
+
+TEST_F(SizeLimit, TheStreamTestPassesOnlyPacketsThePathCarries) {
+  Open();
+  ASSERT_EQ(WriteModule(dev, KIVSIM_DEV_STREAM_TEST, 100), GC_ERR_SUCCESS) << p.LastError();
+  EXPECT_EQ(ReadModule(dev, KIVSIM_DEV_STREAM_TEST_RESULT), 13u) << "1500-byte packets do not come through";
+  uint8_t size16[2] = {0x04, 0xB0};  // 1200
+  size_t n = 2;
+  ASSERT_EQ(p.GCWritePort(port, 0x0D06, size16, &n), GC_ERR_SUCCESS);
+  ASSERT_EQ(WriteModule(dev, KIVSIM_DEV_STREAM_TEST, 100), GC_ERR_SUCCESS);
+  EXPECT_EQ(ReadModule(dev, KIVSIM_DEV_STREAM_TEST_RESULT), 0u);
+  EXPECT_EQ(cameras[0]->stats().test_packets, 2u);
+  EXPECT_EQ(Reg(kivgev::kRegScp0), 0u) << "the channel is left as it was";
+  EXPECT_EQ(Reg(kivgev::kRegScps0), 1200u) << "without the fire bit";
+}
+
+TEST_F(Streaming, MalformedForeignAndStaleDatagramsAreCountedAndDropped) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+  Announce(2, info + 1024, info);
+  Start(true);
+  Reg(kTriggerSoftware, 1);
+  BUFFER_HANDLE b = Next();
+  ASSERT_NE(b, nullptr);
+  ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+  const uint16_t dport = static_cast<uint16_t>(Reg(kivgev::kRegScp0));
+  kivgev::UdpSocket from_camera, stranger;
+  std::string err;
+  ASSERT_TRUE(from_camera.Open(CameraIp(0), 0, &err)) << err;
+  ASSERT_TRUE(stranger.Open(HostIp(0), 0, &err)) << err;
+  std::vector<uint8_t> big(20000, 0x42);
+  uint8_t short_header[4] = {0, 0, 0, 3};
+  from_camera.SendTo(HostIp(0), dport, short_header, sizeof short_header);
+  from_camera.SendTo(HostIp(0), dport, big.data(), big.size());  // oversize
+  stranger.SendTo(HostIp(0), dport, big.data(), 100);            // not from the camera
+  // A flood of resent packets of the finished block.
+  uint8_t stale[8 + 64] = {};
+  for (uint32_t id = 1; id <= 500; ++id) {
+    kivgev::PutGvspHeader(stale, false, kivgev::kStatusPacketResend, 0, 1, kivgev::kFormatPayload, id % 200 + 1);
+    from_camera.SendTo(HostIp(0), dport, stale, sizeof stale);
+  }
+  ASSERT_TRUE(WaitFor([&] { return InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_STALE_PACKETS) >= 500; }))
+      << InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_STALE_PACKETS);
+  EXPECT_GE(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_MALFORMED_PACKETS), 3u);
+  Reg(kTriggerSoftware, 1);
+  b = Next();
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Status(b), 0u);
+  EXPECT_TRUE(Exact(b, 0x01080001, 640, 480)) << "streaming goes on unharmed";
+}
+
+TEST_F(Streaming, MostPayloadPacketsLandInTheBufferWithoutACopy) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8, packets = (payload + 1463) / 1464;
+  Announce(2, info + 1024, info);
+  Start(true);
+  for (int i = 0; i < 5; ++i) {
+    Reg(kTriggerSoftware, 1);
+    BUFFER_HANDLE b = Next();
+    ASSERT_NE(b, nullptr);
+    EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
+    ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
+  }
+  // Only the first packets of a block after its leader can miss their slot.
+  EXPECT_GT(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_ZERO_COPY_PACKETS), 5u * (packets - 40));
+}
+
+}  // namespace
