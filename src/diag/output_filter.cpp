@@ -111,7 +111,7 @@ int32_t FilterAlloc(uint32_t width, uint32_t height, uint32_t user_value) {
   };
   auto c = std::make_unique<Channel>();
   c->event = platform::NamedEvent::CreateOrOpen(FilterEventName(pid));
-  if (!c->event) return fail();
+  if (!c->event) return KIVCAMFILTER_ERROR;  // nothing made yet
   c->header = platform::SharedMapping::CreateOrOpen(FilterHeaderName(pid), kFilterHeaderSize);
   if (!c->header) return fail();
   // Ours or anyone's: the handles just obtained are closed, the existing
