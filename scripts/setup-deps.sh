@@ -6,7 +6,7 @@ set -euo pipefail
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
       libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev
-      libreadline-dev)
+      libreadline-dev libpng-dev)
 if [[ "${1:-}" == "--bench" ]]; then
   pkgs+=(libbenchmark-dev libopencv-dev)
 fi
