@@ -183,6 +183,7 @@ TEST_F(Filter, StatusesWithoutAChannelWithoutASlotAndForASecondAlloc) {
   EXPECT_EQ(lib.KIVCAMFILTER_Free(), KIVCAMFILTER_OK);
   EXPECT_TRUE(ChannelNames().empty());
   EXPECT_EQ(KIVCAMREADER_Open(Self()), nullptr);
+  EXPECT_TRUE(ChannelNames().empty()) << "a reader creates nothing";
   EXPECT_EQ(lib.KIVCAMFILTER_Free(), KIVCAMFILTER_ERROR);
   EXPECT_EQ(lib.KIVCAMFILTER_OutPut(frame.data()), KIVCAMFILTER_ERROR);
   EXPECT_EQ(lib.KIVCAMFILTER_Alloc(128, 128, 3), KIVCAMFILTER_OK);
