@@ -1,16 +1,17 @@
 cmake_minimum_required(VERSION 3.25)
 # Reads every #include of the library's sources and fails when one points
 # up the layer order (api > core > camera > transport > diag > platform, conv
-# beside) or when code outside src/platform includes an operating-system
+# beside; the frame reader's library over diag) or when code outside src/platform includes an operating-system
 # header. Run as a test: cmake -DSRC=<src dir> -P CheckLayers.cmake
 set(allowed_api api core camera transport diag conv platform)
 set(allowed_core core camera transport diag conv platform)
 set(allowed_camera camera transport diag conv platform)
 set(allowed_transport transport diag platform)
+set(allowed_reader reader diag platform)
 set(allowed_diag diag platform)
 set(allowed_conv conv)
 set(allowed_platform platform)
-set(layers api core camera transport diag conv platform)
+set(layers api core camera transport reader diag conv platform)
 set(os_headers "unistd\\.h|sys/|dlfcn\\.h|pthread\\.h|windows\\.h|fcntl\\.h|poll\\.h|sched\\.h|spawn\\.h|link\\.h|semaphore\\.h")
 
 set(failures "")

@@ -8,7 +8,7 @@ set -euo pipefail
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
       libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev
-      libreadline-dev iproute2 procps aravis-tools)
+      libreadline-dev libpng-dev iproute2 procps aravis-tools)
 if [[ "${1:-}" == "--bench" ]]; then
   pkgs+=(libbenchmark-dev libopencv-dev aravis-tools-cli)
 fi

@@ -855,14 +855,21 @@ KIVCAM_API void KIVCAM_LogCommonAreaGet(uint32_t monitorProcessId, void **buildD
 KIVCAM_API int32_t KIVCAMFILTER_Alloc(uint32_t width, uint32_t height, uint32_t userValue);
 
 /* Copies one frame (FrameSize bytes) into the next free slot and publishes it.
+ * The copy happens under the filter mutex, so a reader never sees it torn.
  * Status: OK, NEWEST_SLOT (the reader holds the other slot, the newest frame
- * was overwritten), ERROR (no channel). Logged at level 2 only. */
+ * was overwritten), ERROR (no channel, or frame null: nothing written).
+ * Logged at level 2 only. */
 KIVCAM_API int32_t KIVCAMFILTER_OutPut(const void *frame);
 
-/* Hands out the next free slot to fill in place (*slot must not be null);
- * KIVCAMFILTER_Flush publishes it.
- * Status: OK, NEWEST_SLOT (the newest frame's slot), ERROR (no channel).
- * Logged at level 2 only. */
+/* Hands out the next free slot to fill in place; KIVCAMFILTER_Flush
+ * publishes it. The slot is filled outside the filter mutex: after OK the
+ * reader never looks at it before the flush; after NEWEST_SLOT it is the
+ * newest published frame's slot, which a reader may take while it is being
+ * filled and then see torn (half old, half new frame). Writers that must
+ * never show a torn frame use KIVCAMFILTER_OutPut, or skip a frame when
+ * told NEWEST_SLOT.
+ * Status: OK, NEWEST_SLOT (the newest frame's slot), ERROR (no channel, or
+ * slot null: nothing is handed out). Logged at level 2 only. */
 KIVCAM_API int32_t KIVCAMFILTER_GetAddr(void **slot);
 
 /* Publishes the slot handed out by KIVCAMFILTER_GetAddr.
@@ -874,7 +881,11 @@ KIVCAM_API int32_t KIVCAMFILTER_Flush(void);
  * Status: OK, ERROR (no channel). */
 KIVCAM_API int32_t KIVCAMFILTER_Purge(void);
 
-/* Closes the channel's event and mappings (views stay mapped until unload).
+/* Closes the channel: its event and both mappings, views included, and
+ * removes their names, so that a later KIVCAMFILTER_Alloc in this process
+ * makes a new channel (of another size, say). Slot addresses handed out
+ * before are invalid afterwards. A reader that has the channel open keeps
+ * its own views of the old one and opens the new one by the same id.
  * Status: OK, ERROR (no channel). */
 KIVCAM_API int32_t KIVCAMFILTER_Free(void);
 

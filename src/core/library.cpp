@@ -6,6 +6,7 @@
 #include "core/kivcam_dll.h"
 #include "core/process_table.h"
 #include "diag/call_log.h"
+#include "diag/output_filter.h"
 #include "diag/process_objects.h"
 #include "platform/platform.h"
 
@@ -18,7 +19,6 @@ namespace {
 
 std::atomic<CKivCamDLL*> g_library{nullptr};
 std::atomic<uint32_t> g_struct_version{0};
-platform::NamedMutex* g_filter_mutex = nullptr;
 // Set by an exit handler: at process exit the handlers run before the
 // library's destructor, at a dynamic unload after it.
 volatile bool g_process_ending = false;
@@ -38,7 +38,10 @@ void RegisterExitHandler() { __cxa_atexit(OnProcessExit, nullptr, &__dso_handle)
 
 __attribute__((constructor)) void LibraryAttach() {
   RegisterExitHandler();
-  g_filter_mutex = platform::NamedMutex::CreateOrOpen(diag::FilterMutexName(platform::ProcessId())).release();
+  // Names of our id can only be those of an earlier process that had it and
+  // was killed (a channel of its own would make our Alloc find one).
+  diag::RemoveProcessObjects(platform::ProcessId());
+  diag::OpenOutputFilter();
 
   // The OpenMP runtime keeps its thread pool after a parallel conversion and
   // cannot be unloaded under it: it stays when the library goes.
@@ -67,8 +70,7 @@ __attribute__((destructor)) void LibraryDetach() {
   }
   UnregisterProcess();
   diag::LogLoad("DLL DETACH");
-  delete g_filter_mutex;
-  g_filter_mutex = nullptr;
+  diag::CloseOutputFilter(g_process_ending);
   diag::RemoveProcessObjects(platform::ProcessId());
   diag::CloseCallLog();
 }

@@ -29,6 +29,9 @@ std::string NameOf(const Pattern& p, uint32_t pid) { return p.stem + std::to_str
 }  // namespace
 
 std::string FilterMutexName(uint32_t pid) { return NameOf(kPatterns[0], pid); }
+std::string FilterEventName(uint32_t pid) { return NameOf(kPatterns[1], pid); }
+std::string FilterHeaderName(uint32_t pid) { return NameOf(kPatterns[2], pid); }
+std::string FilterDataName(uint32_t pid) { return NameOf(kPatterns[3], pid); }
 
 bool ProcessOfObject(const std::string& name, uint32_t* pid) {
   for (const Pattern& p : kPatterns) {

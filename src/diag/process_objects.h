@@ -10,8 +10,15 @@
 
 namespace kivcam::diag {
 
-// "KIVCAMOutFilterMutex_Orvanta_<pid>_3", made at load.
+// The output filter's objects of process `pid`: the mutex
+// "KIVCAMOutFilterMutex_Orvanta_<pid>_3" (made at load), the event
+// "KIVCAMOutFilterEvent_Orvanta_<pid>_3", the header mapping
+// "KIVCAMOutFilterFile_Orvanta_<pid>" and the data mapping
+// "KIVCAMOutFilterDataFile_Orvanta_<pid>".
 std::string FilterMutexName(uint32_t pid);
+std::string FilterEventName(uint32_t pid);
+std::string FilterHeaderName(uint32_t pid);
+std::string FilterDataName(uint32_t pid);
 
 // The process id a per-process object name carries; false for any other name.
 bool ProcessOfObject(const std::string& name, uint32_t* pid);

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/futex.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -56,13 +57,15 @@ struct ShmView {
 };
 
 // Creates the object (existed=false, zero-filled) or opens the existing one,
-// and maps `size` bytes of it read-write.
-bool OpenShm(const std::string& os_name, size_t size, ShmView* out) {
-  if (size == 0) return false;
+// and maps `size` bytes of it read-write. Without `create` only an existing
+// object of at least `size` bytes is mapped.
+bool OpenShm(const std::string& os_name, size_t size, ShmView* out, bool create = true) {
+  if (size == 0 || size > static_cast<size_t>(INT64_MAX)) return false;
   int fd = -1;
-  bool existed = false;
+  bool existed = !create;
+  if (!create) fd = shm_open(os_name.c_str(), O_RDWR | O_CLOEXEC, 0);
   // The object can vanish between a failed exclusive create and the open.
-  for (int attempt = 0; attempt < 4 && fd < 0; ++attempt) {
+  for (int attempt = 0; create && attempt < 4 && fd < 0; ++attempt) {
     fd = shm_open(os_name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     existed = false;
     if (fd < 0 && errno == EEXIST) {
@@ -75,11 +78,19 @@ bool OpenShm(const std::string& os_name, size_t size, ShmView* out) {
   if (!existed) ApplyAccess(fd);
   // The creator sizes the object right after creating it. An opener that
   // comes in between sizes it itself (everyone asks for the documented size),
-  // so nobody maps past the end of the object.
+  // so nobody maps past the end of the object. A mere opener never grows it.
   struct stat st;
-  if (fstat(fd, &st) != 0 ||
-      (static_cast<size_t>(st.st_size) < size && ftruncate(fd, static_cast<off_t>(size)) != 0)) {
+  if (fstat(fd, &st) != 0 || (static_cast<size_t>(st.st_size) < size &&
+                              (!create || ftruncate(fd, static_cast<off_t>(size)) != 0))) {
     close(fd);
+    return false;
+  }
+  // The memory behind a new object is taken now, as a page-file-backed
+  // section is committed when it is made: touching it later can then never
+  // fault (SIGBUS) because the shared-memory file system ran out of room.
+  if (!existed && posix_fallocate(fd, 0, static_cast<off_t>(size)) != 0) {
+    close(fd);
+    shm_unlink(os_name.c_str());
     return false;
   }
   void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -141,8 +152,16 @@ struct SharedMapping::Impl {
 };
 
 std::unique_ptr<SharedMapping> SharedMapping::CreateOrOpen(const std::string& name, size_t size) {
+  return Make(name, size, true);
+}
+
+std::unique_ptr<SharedMapping> SharedMapping::Open(const std::string& name, size_t size) {
+  return Make(name, size, false);
+}
+
+std::unique_ptr<SharedMapping> SharedMapping::Make(const std::string& name, size_t size, bool create) {
   ShmView view;
-  if (!OpenShm(MachineWideName(name), size, &view)) return nullptr;
+  if (!OpenShm(MachineWideName(name), size, &view, create)) return nullptr;
   std::unique_ptr<SharedMapping> m(new SharedMapping);
   m->impl_.reset(new Impl);
   m->impl_->view = view;
@@ -260,8 +279,14 @@ struct NamedMutex::Impl {
 };
 
 std::unique_ptr<NamedMutex> NamedMutex::CreateOrOpen(const std::string& name) {
+  return Make(name, true);
+}
+
+std::unique_ptr<NamedMutex> NamedMutex::Open(const std::string& name) { return Make(name, false); }
+
+std::unique_ptr<NamedMutex> NamedMutex::Make(const std::string& name, bool create) {
   ShmView view;
-  if (!OpenShm(MachineWideName(name), sizeof(MutexBlock), &view)) return nullptr;
+  if (!OpenShm(MachineWideName(name), sizeof(MutexBlock), &view, create)) return nullptr;
   struct stat st;
   int r = fstat(view.fd, &st);
   close(view.fd);
@@ -357,9 +382,15 @@ struct NamedEvent::Impl {
 };
 
 std::unique_ptr<NamedEvent> NamedEvent::CreateOrOpen(const std::string& name) {
+  return Make(name, true);
+}
+
+std::unique_ptr<NamedEvent> NamedEvent::Open(const std::string& name) { return Make(name, false); }
+
+std::unique_ptr<NamedEvent> NamedEvent::Make(const std::string& name, bool create) {
   const std::string path = kShmDir + MachineWideName(name);
-  bool created = mkfifo(path.c_str(), 0600) == 0;
-  if (!created && errno != EEXIST) return nullptr;
+  bool created = create && mkfifo(path.c_str(), 0600) == 0;
+  if (create && !created && errno != EEXIST) return nullptr;
   // Never through a link someone planted under the name.
   int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return nullptr;
@@ -395,13 +426,31 @@ bool NamedEvent::Wait(uint32_t timeout_ms) {
 
 int NamedEvent::PollFd() const { return impl_->fd; }
 
-bool NamedEvent::TryAcquire() {
+bool NamedEvent::TryAcquire() { return Take() > 0; }
+
+// Every pending byte stands for one Set.
+uint32_t NamedEvent::Take() {
   char buf[kEventPipeBytes];
   ssize_t r;
   do {
     r = read(impl_->fd, buf, sizeof buf);
   } while (r < 0 && errno == EINTR);
-  return r > 0;
+  return r > 0 ? static_cast<uint32_t>(r) : 0;
+}
+
+uint32_t NamedEvent::WaitCount(uint32_t timeout_ms) {
+  const uint64_t deadline = timeout_ms == kInfinite ? 0 : MonotonicMs() + timeout_ms;
+  for (;;) {
+    if (uint32_t n = Take()) return n;
+    int wait_ms = -1;
+    if (timeout_ms != kInfinite) {
+      uint64_t now = MonotonicMs();
+      if (now >= deadline) return 0;
+      wait_ms = static_cast<int>(deadline - now);
+    }
+    pollfd p{impl_->fd, POLLIN, 0};
+    if (poll(&p, 1, wait_ms) < 0 && errno != EINTR) return 0;
+  }
 }
 
 }  // namespace kivcam::platform

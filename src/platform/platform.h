@@ -110,12 +110,15 @@ enum class MutexWait { kAcquired, kAbandoned, kTimeout, kFailed };
 class NamedMutex {
  public:
   static std::unique_ptr<NamedMutex> CreateOrOpen(const std::string& name);
+  // Only an existing one (a reader must not make another process's objects).
+  static std::unique_ptr<NamedMutex> Open(const std::string& name);
   ~NamedMutex();
   MutexWait Wait(uint32_t timeout_ms = kInfinite);
   void Release();
 
  private:
   NamedMutex() = default;
+  static std::unique_ptr<NamedMutex> Make(const std::string& name, bool create);
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
@@ -124,24 +127,34 @@ class NamedMutex {
 class NamedEvent : public Waitable {
  public:
   static std::unique_ptr<NamedEvent> CreateOrOpen(const std::string& name);
+  static std::unique_ptr<NamedEvent> Open(const std::string& name);  // only an existing one
   ~NamedEvent() override;
   void Set();
   bool Wait(uint32_t timeout_ms);
+  // Waits like Wait and tells how many Sets the signal taken stood for
+  // (0: none within the time), up to a few thousand.
+  uint32_t WaitCount(uint32_t timeout_ms);
   int PollFd() const override;
   bool TryAcquire() override;
 
  private:
   NamedEvent() = default;
+  static std::unique_ptr<NamedEvent> Make(const std::string& name, bool create);
+  uint32_t Take();
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
 
 // Machine-wide shared memory, zero-filled when new, mapped read-write.
 // Machine-wide objects are made for their owner and a group (see
-// KIVCAM_IPC_ACCESS and KIVCAM_IPC_GROUP in the README).
+// KIVCAM_IPC_ACCESS and KIVCAM_IPC_GROUP in the README). A new one has its
+// memory reserved when it is made, so using it never faults for want of
+// space; a request the machine cannot hold fails here instead.
 class SharedMapping {
  public:
   static std::unique_ptr<SharedMapping> CreateOrOpen(const std::string& name, size_t size);
+  // Only an existing object at least `size` bytes long.
+  static std::unique_ptr<SharedMapping> Open(const std::string& name, size_t size);
   ~SharedMapping();  // closes the handle; see Detach
   void* data() const;
   size_t size() const;
@@ -152,6 +165,7 @@ class SharedMapping {
 
  private:
   SharedMapping() = default;
+  static std::unique_ptr<SharedMapping> Make(const std::string& name, size_t size, bool create);
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

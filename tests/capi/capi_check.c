@@ -1,6 +1,7 @@
 /* Compiled as strict C11 (-pedantic -Werror), never linked: the header must be
  * usable from C exactly as declared. */
 #include "kivcam/kivcam.h"
+#include "kivcam/kivcam_reader.h"  /* the reader library's header, as strict */
 #include "capi_exports.h"
 
 /* Assigning each export to a pointer of the expected type makes any change of

@@ -1,6 +1,7 @@
 // Compiled as C++17 (-pedantic -Werror), never linked: the header must be
 // usable from C++ with exactly the declared types and C linkage.
 #include "kivcam/kivcam.h"
+#include "kivcam/kivcam_reader.h"
 #include "capi_exports.h"
 
 #include <type_traits>

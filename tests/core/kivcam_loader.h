@@ -30,7 +30,8 @@ class KivCamLibrary {
   X(KIVCAM_SetStructVersion) X(KIVCAM_GetLibraryRevision) X(KIVCAM_FreeLibrary) X(KIVCAM_GetLastError) \
   X(KIVCAM_SetCallBack) X(KIVCAM_LogCommonAreaGet) X(KIVCAM_CreateConvHandle) X(KIVCAM_CloseConvHandle)  \
   X(KIVCAM_CloseAllConvHandle) X(KIVCAM_ColorConvExec) X(KIVCAM_ColorConvSetBMPINFO)                   \
-  X(KIVCAM_ColorConvGetBMPINFO) X(KIVCAM_MonoBMPINFO)
+  X(KIVCAM_ColorConvGetBMPINFO) X(KIVCAM_MonoBMPINFO) X(KIVCAMFILTER_Alloc) X(KIVCAMFILTER_OutPut)         \
+  X(KIVCAMFILTER_GetAddr) X(KIVCAMFILTER_Flush) X(KIVCAMFILTER_Purge) X(KIVCAMFILTER_Free)
 #define KIVTEST_FN(name) decltype(&::name) name = nullptr;
   KIVTEST_EXPORTS(KIVTEST_FN)
 #undef KIVTEST_FN

@@ -12,53 +12,12 @@
 #include <sstream>
 #include <string>
 
+#include "child_process.h"
 #include "kivcam_loader.h"
-
-extern char** environ;
 
 namespace {
 
-struct Child {
-  pid_t pid = -1;
-  int out = -1;  // the child's stdout and stderr
-  std::string text;
-
-  bool Start(const std::vector<std::string>& args) {
-    int p[2];
-    if (pipe(p) != 0) return false;
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, p[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, p[1], 2);
-    posix_spawn_file_actions_addclose(&fa, p[0]);
-    std::vector<char*> argv;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    close(p[1]);
-    out = p[0];
-    return rc == 0;
-  }
-  // Reads until `needle` shows up (bounded), true when it did.
-  bool ReadUntil(const std::string& needle, int timeout_ms = 10000) {
-    while (text.find(needle) == std::string::npos) {
-      pollfd pfd{out, POLLIN, 0};
-      if (poll(&pfd, 1, timeout_ms) <= 0) return false;
-      char buf[4096];
-      ssize_t n = read(out, buf, sizeof buf);
-      if (n <= 0) return text.find(needle) != std::string::npos;
-      text.append(buf, static_cast<size_t>(n));
-    }
-    return true;
-  }
-  int Wait() {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (out >= 0) close(out);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-};
+using Child = kivtest::Program;
 
 std::string Monitor() { return kivtest::BuildDir() + "/bin/kivcam-monitor"; }
 

@@ -4,8 +4,15 @@
 #include <cerrno>
 #include <functional>
 #include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <string>
+#include <vector>
+
+extern char** environ;
 
 namespace kivtest {
 
@@ -54,6 +61,63 @@ class ChildProcess {
  private:
   pid_t pid_;
   int code_ = -1;
+};
+
+// A program started with arguments, its stdout and stderr read through one pipe.
+struct Program {
+  pid_t pid = -1;
+  int out = -1;
+  std::string text;  // everything read so far
+
+  bool Start(const std::vector<std::string>& args) {
+    int p[2];
+    if (pipe(p) != 0) return false;
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, p[1], 1);
+    posix_spawn_file_actions_adddup2(&fa, p[1], 2);
+    posix_spawn_file_actions_addclose(&fa, p[0]);
+    std::vector<char*> argv;
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    close(p[1]);
+    out = p[0];
+    return rc == 0;
+  }
+  // Reads until `needle` shows up (bounded), true when it did.
+  bool ReadUntil(const std::string& needle, int timeout_ms = kBoundMs) {
+    while (text.find(needle) == std::string::npos) {
+      pollfd pfd{out, POLLIN, 0};
+      if (poll(&pfd, 1, timeout_ms) <= 0) return false;
+      char buf[4096];
+      ssize_t n = read(out, buf, sizeof buf);
+      if (n <= 0) return text.find(needle) != std::string::npos;
+      text.append(buf, static_cast<size_t>(n));
+    }
+    return true;
+  }
+  // The exit code once it ended, after reading the rest of its output; -1
+  // when it was killed, or still ran after the bound (it is killed then).
+  int Wait() {
+    for (;;) {
+      pollfd pfd{out, POLLIN, 0};
+      if (poll(&pfd, 1, kBoundMs) <= 0) {
+        kill(pid, SIGKILL);
+        break;
+      }
+      char buf[4096];
+      ssize_t n = read(out, buf, sizeof buf);
+      if (n <= 0) break;
+      text.append(buf, static_cast<size_t>(n));
+    }
+    int status = 0;
+    pid_t r = waitpid(pid, &status, 0);
+    if (out >= 0) close(out);
+    out = -1;
+    return r == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
 };
 
 }  // namespace kivtest
