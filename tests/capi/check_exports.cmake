@@ -1,10 +1,10 @@
 cmake_minimum_required(VERSION 3.25)
 # Compares three lists of exports: what include/kivcam/kivcam.h declares, what
 # the library's dynamic symbol table defines (nm -D), and what the tests list
-# (capi_exports.h: every export; capi_missing.h: declared, not defined yet).
+# (capi_exports.h: every export).
 # Nothing else may be exported but the node-map engine's API (its public
 # classes, not their internals).
-# cmake -DHEADER=... -DEXPORTS=... -DMISSING=... -DLIBRARY=... -DNM=... -P check_exports.cmake
+# cmake -DHEADER=... -DEXPORTS=... -DLIBRARY=... -DNM=... -P check_exports.cmake
 function(names_in text regex out)
   string(REGEX MATCHALL "${regex}" found "${text}")
   set(names "")
@@ -19,10 +19,8 @@ endfunction()
 
 file(READ ${HEADER} header)
 file(READ ${EXPORTS} exports)
-file(READ ${MISSING} missing)
 names_in("${header}" "\nKIVCAM_API[^;(\n]*[ *]KIVCAM[A-Za-z_]*[ ]*\\(" declared)
 names_in("${exports}" "X\\([^,]*, *KIVCAM[A-Za-z_]*," listed)
-names_in("${missing}" "X\\(KIVCAM[A-Za-z_]*\\)" not_yet)
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "${NM} -D ${LIBRARY} failed")
@@ -34,11 +32,7 @@ if(NOT declared STREQUAL listed)
   list(APPEND problems "capi_exports.h does not list exactly the exports kivcam.h declares")
 endif()
 foreach(name IN LISTS declared)
-  list(FIND not_yet ${name} is_missing)
-  list(FIND defined ${name} is_defined)
-  if(is_missing GREATER -1 AND is_defined GREATER -1)
-    list(APPEND problems "${name} is exported now: take it off capi_missing.h")
-  elseif(is_missing EQUAL -1 AND is_defined EQUAL -1)
+  if(NOT name IN_LIST defined)
     list(APPEND problems "${name} is declared in kivcam.h but the library does not export it")
   endif()
 endforeach()
@@ -47,11 +41,7 @@ foreach(name IN LISTS defined)
     list(APPEND problems "${name} is exported but kivcam.h does not declare it")
   endif()
 endforeach()
-foreach(name IN LISTS not_yet)
-  if(NOT name IN_LIST declared)
-    list(APPEND problems "${name} is listed in capi_missing.h but kivcam.h does not declare it")
-  endif()
-endforeach()
+
 # Everything else the library exports, demangled.
 execute_process(COMMAND ${NM} -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE demangled)
 string(REPLACE "\n" ";" lines "${demangled}")
@@ -73,9 +63,8 @@ foreach(line IN LISTS lines)
 endforeach()
 
 list(LENGTH declared n_declared)
-list(LENGTH not_yet n_missing)
 if(problems)
   list(JOIN problems "\n  " text)
   message(FATAL_ERROR "exports:\n  ${text}")
 endif()
-message(STATUS "${n_declared} exports declared, all exported but the ${n_missing} listed as missing")
+message(STATUS "${n_declared} exports declared and exported, nothing else but the node-map API")
