@@ -19,6 +19,7 @@ from ._lib import INFINITE, UID_ANY
 from .camera import Camera, Feature, cameras, open
 from .errors import *  # noqa: F401,F403 - the error classes belong to the package's namespace
 from .errors import Error
+from .frame_channel import FrameChannel, FrameChannelError
 from .image import convert, load_png, save
 from .pixel_formats import PIXEL_FORMATS, code_of, name_of
 from .stream import CallbackStream, Frame, Stream
@@ -38,4 +39,4 @@ def library_path():
 
 __all__ = ["Camera", "Feature", "Frame", "Stream", "CallbackStream", "cameras", "open", "convert", "save",
            "load_png", "code_of", "name_of", "PIXEL_FORMATS", "Error", "INFINITE", "UID_ANY", "errors",
-           "library_revision", "library_path"] + [c.__name__ for c in errors.BY_CODE.values()]
+           "library_revision", "library_path", "FrameChannel", "FrameChannelError"] + [c.__name__ for c in errors.BY_CODE.values()]

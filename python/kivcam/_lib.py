@@ -129,6 +129,7 @@ _CHECKED = {
     "KIVCAM_Camera": [_H, P(_u32)],
     "KIVCAM_WatchOpen": [_u64, P(_H)],
     "KIVCAM_WatchClose": [_H],
+    "KIVCAM_WatchCamera": [_H, P(_u32)],
     "KIVCAM_WatchAlloc": [_H],
     "KIVCAM_WatchRelease": [_H],
     "KIVCAM_WatchStart": [_H],

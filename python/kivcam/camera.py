@@ -3,7 +3,7 @@
 import ctypes
 
 from . import _lib, errors
-from .stream import CallbackStream, Stream
+from .stream import CallbackStream, Stream, _ms
 
 # Feature types (kivcam_features.h KIVCAMF_TYPE_*), access modes and visibility by number.
 TYPES = {0: "Value", 2: "Integer", 3: "Boolean", 4: "Command", 5: "Float", 6: "String", 7: "Register",
@@ -24,13 +24,6 @@ def _ip(value):
 
 def _mac(uid):
     return ":".join("%02X" % ((uid >> s) & 255) for s in (40, 32, 24, 16, 8, 0))
-
-
-def _ms(timeout):
-    """Seconds (None: no limit) as the library's milliseconds."""
-    if timeout is None:
-        return _lib.INFINITE
-    return max(0, min(int(round(timeout * 1000)), _lib.INFINITE - 1))
 
 
 def _read_text(fn, *args):

@@ -159,24 +159,52 @@ def _save_png(path, bgr):
         f.write(_chunk(b"IEND", b""))
 
 
+def _unfilter(data, h, stride, bpp):
+    """The PNG row filters undone (None, Sub, Up, Average, Paeth)."""
+    rows = np.frombuffer(data, np.uint8).reshape(h, 1 + stride)
+    out = np.zeros((h, stride), np.uint8)
+    prev = np.zeros(stride, np.int32)
+    for y in range(h):
+        kind, cur = rows[y, 0], rows[y, 1:].astype(np.int32)
+        if kind == 1:
+            cur = np.cumsum(cur.reshape(-1, bpp), axis=0).reshape(-1)
+        elif kind == 2:
+            cur = cur + prev
+        elif kind in (3, 4):
+            cur = cur.copy()
+            for x in range(stride):
+                a = cur[x - bpp] if x >= bpp else 0
+                b, c = prev[x], (prev[x - bpp] if x >= bpp else 0)
+                if kind == 3:
+                    cur[x] = (cur[x] + (a + b) // 2) & 255
+                else:
+                    p = a + b - c
+                    pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                    cur[x] = (cur[x] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        elif kind != 0:
+            raise ValueError("unknown PNG filter %d" % kind)
+        prev = cur & 255
+        out[y] = prev
+    return out
+
+
 def load_png(path):
-    """Reads a PNG this module wrote (8-bit RGB, no interlace) back as BGR."""
+    """Reads an 8-bit RGB or RGBA PNG file (not interlaced) as H x W x 3 BGR."""
     with open(path, "rb") as f:
         data = f.read()
     if data[:8] != b"\x89PNG\r\n\x1a\n":
         raise ValueError("not a PNG file")
-    pos, idat, w, h = 8, b"", 0, 0
+    pos, idat, w, h, channels = 8, b"", 0, 0, 3
     while pos < len(data):
         n, kind = struct.unpack(">I4s", data[pos:pos + 8])
         body = data[pos + 8:pos + 8 + n]
         if kind == b"IHDR":
-            w, h, depth, colour = struct.unpack(">IIBB", body[:10])
-            if depth != 8 or colour != 2:
-                raise ValueError("only 8-bit RGB PNG files")
+            w, h, depth, colour, _, _, interlace = struct.unpack(">IIBBBBB", body[:13])
+            if depth != 8 or colour not in (2, 6) or interlace:
+                raise ValueError("only 8-bit RGB or RGBA PNG files without interlace")
+            channels = 3 if colour == 2 else 4
         elif kind == b"IDAT":
             idat += body
         pos += 12 + n
-    rows = np.frombuffer(zlib.decompress(idat), np.uint8).reshape(h, 1 + 3 * w)
-    if rows[:, 0].any():
-        raise ValueError("only unfiltered PNG rows")
-    return np.ascontiguousarray(rows[:, 1:].reshape(h, w, 3)[:, :, ::-1])
+    rows = _unfilter(zlib.decompress(idat), h, w * channels, channels)
+    return np.ascontiguousarray(rows.reshape(h, w, channels)[:, :, 2::-1])

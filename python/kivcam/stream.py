@@ -12,6 +12,7 @@ _TIMEOUT = errors.TimeoutError.code
 
 
 def _ms(timeout):
+    """Seconds (None: no limit) as the library's milliseconds."""
     if timeout is None:
         return _lib.INFINITE
     return max(0, min(int(round(timeout * 1000)), _lib.INFINITE - 1))

@@ -24,7 +24,7 @@ def test_listing_describes_every_virtual_camera():
 
 def test_open_by_uid_first_and_key():
     with kivcam.open(GIGE2) as cam:
-        assert cam.info()["uid"] == GIGE2
+        assert cam.info()["uid"] == GIGE2 and cam.present
         with kivcam.open("first") as other:  # the first one no one holds
             assert other.info()["uid"] == GIGE1
     with kivcam.open(key="cam2") as cam:
