@@ -71,9 +71,9 @@ def py_frames(cam, n, info):
         return per_item(time.perf_counter() - t0, n)
 
 
-def conversions(cam, n):
+def conversions(cam, n, parallel):
     """Median microseconds of the C loop, bgr(out=...) and bgr()."""
-    with cam.stream(buffers=2) as s:
+    with cam.stream(buffers=2, parallel=parallel) as s:
         frame = next(s.frames(1, timeout=5.0))
         dst = np.empty(s._bitmap_bytes, np.uint8)
         times = {"c": [], "out": [], "alloc": []}
@@ -107,23 +107,25 @@ def main():
         med = {k: statistics.median(v) for k, v in times.items()}
 
         cam.Width, cam.Height, cam.PixelFormat = 1920, 1200, "BayerRG8"
-        conv = conversions(cam, args.converts)
+        conv = {p: conversions(cam, args.converts, p) for p in (False, True)}
         sim.kivsim_free_run(index, 30.0)
 
     print("frames() at 64 x 64 Mono8, %d frames x %d repetitions, medians per frame:" % (args.frames, args.reps))
     print("| loop | µs per frame | over C |")
     print("|---|---|---|")
     print("| C: KIVCAM_ImageReq + KIVCAM_ImageComplete | %.2f | |" % med["c"])
-    print("| Python: `frames()` with ImageInfo dicts | %.2f | %+.2f µs |" % (med["py"], med["py"] - med["c"]))
+    print("| Python: `frames()`, ImageInfo kept per frame | %.2f | %+.2f µs |" % (med["py"], med["py"] - med["c"]))
     print("| Python: `frames(info=False)` | %.2f | %+.2f µs |" % (med["py_noinfo"], med["py_noinfo"] - med["c"]))
-    print()
-    print("bgr() at 1920 x 1200 BayerRG8 to 24 bits, two threads, %d conversions x %d repetitions, medians:"
-          % (args.converts, args.reps))
-    print("| conversion | µs | ratio to C |")
-    print("|---|---|---|")
-    print("| C: KIVCAM_ImageConvExec | %.0f | 1.000 |" % conv["c"])
-    print("| Python: `frame.bgr(out=...)` | %.0f | %.3f |" % (conv["out"], conv["out"] / conv["c"]))
-    print("| Python: `frame.bgr()` (new array) | %.0f | %.3f |" % (conv["alloc"], conv["alloc"] / conv["c"]))
+    for parallel in (False, True):
+        c = conv[parallel]
+        print()
+        print("bgr() at 1920 x 1200 BayerRG8 to 24 bits, %s, %d conversions x %d repetitions, medians:"
+              % ("a team of threads" if parallel else "one thread", args.converts, args.reps))
+        print("| conversion | µs | ratio to C |")
+        print("|---|---|---|")
+        print("| C: KIVCAM_ImageConvExec | %.0f | 1.000 |" % c["c"])
+        print("| Python: `frame.bgr(out=...)` | %.0f | %.3f |" % (c["out"], c["out"] / c["c"]))
+        print("| Python: `frame.bgr()` | %.0f | %.3f |" % (c["alloc"], c["alloc"] / c["c"]))
 
 
 if __name__ == "__main__":

@@ -355,13 +355,14 @@ class Camera:
         self._lib.call("KIVCAM_WritePort", self._h, int(address), data, ctypes.byref(size))
 
     # ---- acquisition ---------------------------------------------------
-    def stream(self, buffers=4, bits=24):
+    def stream(self, buffers=4, bits=24, parallel=True):
         """Acquisition by request: `with cam.stream() as s: for f in s.frames(10): ...`.
-        `bits` (24 or 32) is the form Frame.bgr() converts to."""
-        return Stream(self, buffers, bits)
+        `bits` (24 or 32) is the form Frame.bgr() converts to, `parallel`
+        whether the conversion splits rows over a team of threads."""
+        return Stream(self, buffers, bits, parallel)
 
-    def on_frame(self, fn, buffers=4, bits=24, info=False):
+    def on_frame(self, fn, buffers=4, bits=24, info=False, parallel=True):
         """Acquisition by callback: fn(frame) runs on the library's stream thread
         for every image until the result is stopped (it is a context manager).
         The frame and its arrays are valid only during the call."""
-        return CallbackStream(self, fn, buffers, bits, info).start()
+        return CallbackStream(self, fn, buffers, bits, info, parallel).start()

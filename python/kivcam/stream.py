@@ -2,6 +2,7 @@
 
 import collections
 import ctypes
+import sys
 
 import numpy as np
 
@@ -61,20 +62,31 @@ def raw_view(address, size, width, height, pixel_format):
 class Frame:
     """One image. `raw` views the library's buffer: it holds this image until
     the buffer is requested again (the next frame of frames(), or the end of
-    a callback); copy it to keep it."""
+    a callback); copy it to keep it. `info` is the image's ImageInfo as a
+    dict (None when not asked for)."""
 
-    def __init__(self, source, address, size, width, height, pixel_format, info, index, buffer=None):
+    __slots__ = ("_source", "_buffer", "_address", "_record", "width", "height", "pixel_format", "payload_size",
+                 "index", "raw")
+
+    def __init__(self, source, address, size, width, height, pixel_format, record, index, buffer=None, raw=None):
         self._source = source
         self._buffer = buffer
+        self._address = address
+        self._record = record  # the ImageInfo copied, made a dict when asked
         self.width = width
         self.height = height
         self.pixel_format = pixel_format
-        self.pixel_format_name = name_of(pixel_format)
         self.payload_size = size
         self.index = index
-        self.info = info
-        self.raw = raw_view(address, size, width, height, pixel_format)
-        self._address = address
+        self.raw = raw if raw is not None else raw_view(address, size, width, height, pixel_format)
+
+    @property
+    def pixel_format_name(self):
+        return name_of(self.pixel_format)
+
+    @property
+    def info(self):
+        return info_dict(self._record)
 
     def bgr(self, out=None):
         """The image converted by the camera's engine: H x W x 3 (or x 4 when
@@ -101,6 +113,7 @@ class _Acquisition:
         self._output = image.output_of(bits)
         self._allocated = False
         self._started = False
+        self._spares = []
 
     def _prepare(self):
         h = self._cam.handle
@@ -141,10 +154,19 @@ class _Acquisition:
         pass
 
     def _target(self, out):
-        bits = self._bits
-        if out is None:
-            return image.new_bitmap(self._width, self._height, bits)
-        return image.check_out(out, self._width, self._height, bits)
+        if out is not None:
+            return image.check_out(out, self._width, self._height, self._bits)
+        # Fresh memory costs a page fault per page, as much as the conversion
+        # itself at full size: reuse a bitmap no one holds any more (the
+        # spares list, the loop variable and getrefcount's argument are the
+        # only references then; every array made from it holds one more).
+        for flat in self._spares:
+            if sys.getrefcount(flat) == 3:
+                return flat, image.bgr_view(flat, self._width, self._height, self._bits)
+        flat, view = image.new_bitmap(self._width, self._height, self._bits)
+        if len(self._spares) < 3:
+            self._spares.append(flat)
+        return flat, view
 
 
 class Stream(_Acquisition):
@@ -172,6 +194,12 @@ class Stream(_Acquisition):
                 self._buffers.append(b)
                 self._idle.append(b)
             self._width, self._height = self._buffers[0].contents.Width, self._buffers[0].contents.Height
+            # Each buffer's record and pixels stay where they are while it lives.
+            self._views = {}
+            for b in self._buffers:
+                c = b.contents
+                fixed = (c.Data, c.PayloadSize, c.Width, c.Height, c.PixelFormat)
+                self._views[id(b)] = (fixed, raw_view(*fixed))
             self._start()
         except BaseException:
             self._release()
@@ -194,11 +222,12 @@ class Stream(_Acquisition):
         """Yields `n` frames (None: until the loop ends), each waited for at
         most `timeout` seconds (None: no limit); a timeout raises
         kivcam.TimeoutError, an image delivered with an error status
-        kivcam.NoImageError. With `info`, each frame carries its ImageInfo as
-        a dict."""
-        lib, h, wait = self._lib, self._cam.handle, _ms(timeout)
+        kivcam.NoImageError. With `info`, each frame carries its ImageInfo."""
+        h, wait = self._cam.handle, _ms(timeout)
+        request, complete = self._lib.KIVCAM_ImageReq, self._lib.KIVCAM_ImageComplete
         record = _lib.ImageInfo() if info else None
         record_ref = ctypes.byref(record) if info else None
+        copy = _lib.ImageInfo.from_buffer_copy
         last = None
         try:
             count = 0
@@ -208,20 +237,21 @@ class Stream(_Acquisition):
                     last = None
                 while self._idle:
                     b = self._idle.popleft()
-                    lib.call("KIVCAM_ImageReq", h, b)
+                    if not request(h, b):
+                        self._idle.appendleft(b)
+                        raise errors.from_code(self._lib.GetLastError(), "KIVCAM_ImageReq")
                     self._pending.append(b)
                 b = self._pending.popleft()
-                code = lib.ok("KIVCAM_ImageComplete", h, b, wait, record_ref)
-                if code:
+                if not complete(h, b, wait, record_ref):
+                    code = self._lib.GetLastError()
                     if code == _TIMEOUT:
                         self._pending.appendleft(b)  # still queued: the next wait takes it
                     else:
                         self._idle.append(b)
                     raise errors.from_code(code, "KIVCAM_ImageComplete")
                 last = b
-                c = b.contents
-                frame = Frame(self, c.Data, c.PayloadSize, c.Width, c.Height, c.PixelFormat,
-                              info_dict(record) if info else None, self._index, b)
+                fixed, raw = self._views[id(b)]
+                frame = Frame(self, *fixed, copy(record) if info else None, self._index, b, raw)
                 self._index += 1
                 count += 1
                 yield frame
@@ -266,7 +296,7 @@ class CallbackStream(_Acquisition):
 
     def _on_image(self, camera, data, size, width, height, info, context):
         try:
-            record = info_dict(info.contents) if info else None
+            record = _lib.ImageInfo.from_buffer_copy(info.contents) if info else None
             frame = Frame(self, data, size, width, height, self._pixel_format, record, self.frames)
             self.frames += 1
             self._fn(frame)

@@ -41,6 +41,19 @@ def test_every_pixel_format_grabs_the_pattern_and_converts_like_the_library(usb_
         assert converted >= 55
 
 
+def test_converted_images_stay_while_held():
+    with kivcam.open(GIGE1) as cam:
+        with cam.stream(buffers=2) as s:
+            held, copies = [], []
+            for frame in s.frames(6, timeout=5.0):
+                image = frame.bgr()
+                copies.append(image.copy())
+                if frame.index % 2 == 0:
+                    held.append(image[1:])  # a part keeps the whole bitmap
+            assert all(np.array_equal(h, copies[2 * i][1:]) for i, h in enumerate(held))
+            assert not np.array_equal(copies[0], copies[1])  # the pattern moved
+
+
 def test_mono8_converts_to_grey_of_the_pattern_formula():
     with kivcam.open(GIGE1) as cam:
         cam.Width, cam.Height = 32, 6
