@@ -134,7 +134,7 @@ TEST_F(Watch, StopWorksOnAnAbsentCameraReleaseDoesNot) {
   ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
-  const uint32_t index = static_cast<uint32_t>(GigE().camera_index(("KivGEV::" + std::to_string(kGigE1)).c_str()));
+  const uint32_t index = CameraIndex(kGigE1, false);
   ASSERT_EQ(GigE().plug(index, 0), 0);
   ASSERT_EQ(l.KIVCAM_Camera(w, &state), KIVCAM_TRUE);
   ASSERT_EQ(state, 0u);
@@ -229,7 +229,7 @@ TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
   g_bus_resets = 0;
   l.KIVCAM_SetCallBack(nullptr, &OnBusEvent);
   HCAMERA h = OpenUid(kUsb1);
-  const uint32_t index = static_cast<uint32_t>(USB().camera_index(("KivU3V::" + std::to_string(kUsb1)).c_str()));
+  const uint32_t index = CameraIndex(kUsb1, true);
   ASSERT_EQ(USB().deliver(index, 0), 0);
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
