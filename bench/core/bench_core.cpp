@@ -9,7 +9,7 @@
 
 #include "diag/call_log.h"
 #include "kivcam/kivcam.h"
-#include "log_reader.h"
+#include "diag/log_reader.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ struct LogFixture {
     reader.Open();
     diag::OpenCallLog();
   }
-  kivcam::monitor::LogReader reader;
+  kivcam::diag::LogReader reader;
 };
 
 LogFixture& Log() {
@@ -42,7 +42,8 @@ void BM_LogLineLevel1(benchmark::State& state) {
   for (auto _ : state) {
     diag::LogEvent(false, "CCamera::ImageReq", "Start");
     // Play a reader that keeps up, so every line is really written.
-    if (f.reader.area()->Pending >= diag::kLogSlots) f.reader.area()->Pending = 0;
+    diag::LogArea* area = diag::CurrentLogArea();
+    if (area->Pending >= diag::kLogSlots) area->Pending = 0;
   }
   f.reader.SetLevel(0);
   f.reader.Take();

@@ -9,6 +9,7 @@
 using kivcam::api::CameraLock;
 using kivcam::api::CameraOf;
 using kivcam::api::Frame;
+using kivcam::api::OnCamera;
 using kivcam::api::Require;
 using kivcam::api::RunBool;
 using kivcam::camera::CCamera;
@@ -17,18 +18,6 @@ using kivcam::core::CKivCamDLL;
 namespace cam = kivcam::camera;
 
 namespace {
-
-// The common steps of a camera export: the live camera, its pre-call hook,
-// its lock, then `work` with the camera.
-template <typename Work>
-KIVCAM_BOOL OnCamera(const Frame& f, HCAMERA handle, Work&& work) {
-  return RunBool(f, [&](CKivCamDLL& lib) {
-    auto c = CameraOf(lib, handle);
-    c->PreCall();
-    CameraLock g(*c);
-    work(lib, *c);
-  });
-}
 
 // A buffer export: the buffer must be a live image record (of any camera).
 void RequireBuffer(CKivCamDLL& lib, const ImageBuffer* buffer) {
@@ -47,14 +36,14 @@ CCameraGigE& GigE(CCamera& c) {
 extern "C" {
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_ResourceAlloc(HCAMERA camera) {
-  return OnCamera(Frame::Camera("KIVCAM_ResourceAlloc", camera), camera, [&](CKivCamDLL&, CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_ResourceAlloc", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateVisible | cam::kStateControl | cam::kStateNotAllocated);
     c.AllocResources();
   });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_ResourceRelease(HCAMERA camera) {
-  return OnCamera(Frame::Camera("KIVCAM_ResourceRelease", camera), camera, [&](CKivCamDLL&, CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_ResourceRelease", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateControl | cam::kStateAllocated | cam::kStateStopped);
     c.ReleaseResources();
   });
@@ -86,21 +75,21 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_ImageFree(HCAMERA camera, ImageBuffer* buffer) {
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_ImageFreeAll(HCAMERA camera) {
-  return OnCamera(Frame::Camera("KIVCAM_ImageFreeAll", camera), camera, [&](CKivCamDLL&, CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_ImageFreeAll", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateStopped);
     c.ImageFreeAll();
   });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_ImageStart(HCAMERA camera) {
-  return OnCamera(Frame::Camera("KIVCAM_ImageStart", camera), camera, [&](CKivCamDLL&, CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_ImageStart", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateVisible | cam::kStateControl | cam::kStateAllocated | cam::kStateStopped);
     c.ImageStart();
   });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_ImageStop(HCAMERA camera) {
-  return OnCamera(Frame::Camera("KIVCAM_ImageStop", camera), camera, [&](CKivCamDLL&, CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_ImageStop", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateControl | cam::kStateAllocated);
     c.ImageStop();
   });
@@ -130,7 +119,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_ImageComplete(HCAMERA camera, ImageBuffer* buffer,
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_ImageReqAbortAll(HCAMERA camera) {
   return OnCamera(Frame::Camera("KIVCAM_ImageReqAbortAll", camera), camera,
-                  [&](CKivCamDLL&, CCamera& c) { c.ImageReqAbortAll(); });
+                  [&](CCamera& c) { c.ImageReqAbortAll(); });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_VSyncReq(HCAMERA camera, HVSYNC* token) {

@@ -7,13 +7,10 @@
 #include <cstdint>
 #include <memory>
 
+#include "camera/camera.h"
 #include "core/kivcam_dll.h"
 #include "diag/call_log.h"
 #include "diag/error.h"
-
-namespace kivcam::camera {
-class CCamera;
-}
 
 namespace kivcam::api {
 
@@ -126,5 +123,17 @@ class CameraLock {
  private:
   camera::CCamera& camera_;
 };
+
+// A camera export's common steps: the live camera, its pre-call hook, its
+// lock, then `work(camera)`.
+template <typename Work>
+KIVCAM_BOOL OnCamera(const Frame& f, const void* handle, Work&& work) {
+  return RunBool(f, [&](core::CKivCamDLL& lib) {
+    auto c = CameraOf(lib, handle);
+    c->PreCall();
+    CameraLock g(*c);
+    work(*c);
+  });
+}
 
 }  // namespace kivcam::api

@@ -11,25 +11,12 @@
 using kivcam::api::CameraLock;
 using kivcam::api::CameraOf;
 using kivcam::api::Frame;
+using kivcam::api::OnCamera;
 using kivcam::api::Require;
 using kivcam::api::RunBool;
 using kivcam::camera::CCamera;
 using kivcam::core::CKivCamDLL;
 namespace cam = kivcam::camera;
-
-namespace {
-
-template <typename Work>
-KIVCAM_BOOL OnWatchCamera(const char* name, HCAMERA handle, Work&& work) {
-  return RunBool(Frame::Camera(name, handle), [&](CKivCamDLL& lib) {
-    auto c = CameraOf(lib, handle);
-    c->PreCall();
-    CameraLock g(*c);
-    work(*c);
-  });
-}
-
-}  // namespace
 
 extern "C" {
 
@@ -61,7 +48,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_WatchCamera(HCAMERA camera, uint32_t* state) {
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_WatchAlloc(HCAMERA camera) {
-  return OnWatchCamera("KIVCAM_WatchAlloc", camera, [&](CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_WatchAlloc", camera), camera, [&](CCamera& c) {
     // The multicast flag is the one the last KIVCAM_WatchCamera left.
     c.CheckState(cam::kStateVisible | cam::kStateWatch | cam::kStateNotAllocated | cam::kStateMulticast);
     c.AllocResources();
@@ -69,21 +56,21 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_WatchAlloc(HCAMERA camera) {
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_WatchRelease(HCAMERA camera) {
-  return OnWatchCamera("KIVCAM_WatchRelease", camera, [&](CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_WatchRelease", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateVisible | cam::kStateWatch | cam::kStateAllocated | cam::kStateStopped);
     c.ReleaseResources();
   });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_WatchStart(HCAMERA camera) {
-  return OnWatchCamera("KIVCAM_WatchStart", camera, [&](CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_WatchStart", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateVisible | cam::kStateWatch | cam::kStateAllocated | cam::kStateStopped);
     c.ImageStart();
   });
 }
 
 KIVCAM_API KIVCAM_BOOL KIVCAM_WatchStop(HCAMERA camera) {
-  return OnWatchCamera("KIVCAM_WatchStop", camera, [&](CCamera& c) {
+  return OnCamera(Frame::Camera("KIVCAM_WatchStop", camera), camera, [&](CCamera& c) {
     c.CheckState(cam::kStateWatch | cam::kStateAllocated);
     c.ImageStop();
   });

@@ -201,6 +201,27 @@ Sim& CameraTest::USB() {
   return *usb_;
 }
 
+uint32_t CameraTest::CameraIndex(uint64_t uid, bool usb) {
+  Sim& sim = usb ? USB() : GigE();
+  return static_cast<uint32_t>(sim.camera_index(((usb ? "KivU3V::" : "KivGEV::") + std::to_string(uid)).c_str()));
+}
+
+CameraTest::Cam CameraTest::OpenOnDemand(uint64_t uid) {
+  Cam c;
+  c.h = OpenUid(uid);
+  const bool usb = uid == kUsb1;
+  c.sim = usb ? &USB() : &GigE();
+  c.index = CameraIndex(uid, usb);
+  EXPECT_EQ(c.sim->deliver(c.index, 0), 0);
+  return c;
+}
+
+kivsim_counters CameraTest::Counters(const Cam& c) {
+  kivsim_counters k{};
+  c.sim->get_counters(c.index, &k);
+  return k;
+}
+
 void CameraTest::WriteDataFile(const std::string& name, const std::string& text) {
   std::ofstream(DataFolder() + "/" + name, std::ios::binary) << text;
 }

@@ -162,6 +162,17 @@ class CameraTest : public ::testing::Test {
     EXPECT_EQ(lib_->KIVCAM_Open(uid, &cam), KIVCAM_TRUE) << uid;
     return cam;
   }
+  // A camera of the default world opened and switched to delivery on demand,
+  // with the producer that simulates it.
+  struct Cam {
+    HCAMERA h = nullptr;
+    Sim* sim = nullptr;
+    uint32_t index = 0;  // the producer's camera number
+  };
+  Cam OpenOnDemand(uint64_t uid);
+  // The producer's camera number of a virtual camera (USB or GigE by its ID).
+  uint32_t CameraIndex(uint64_t uid, bool usb);
+  kivsim_counters Counters(const Cam& c);
   std::string DataFolder() const { return temp_ + "/appdata/Valdrix/KivCam"; }
   void WriteDataFile(const std::string& name, const std::string& text);
   std::string Temp() const { return temp_; }

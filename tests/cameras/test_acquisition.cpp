@@ -19,31 +19,10 @@ constexpr uint32_t kWait = 5000;  // ms; generous, never reached when things wor
 
 class Acquisition : public CameraTest {
  protected:
-  struct Cam {
-    HCAMERA h = nullptr;
-    Sim* sim = nullptr;
-    uint32_t index = 0;
-  };
-
-  // Opens the camera and switches it to delivery on demand.
-  Cam Open(uint64_t uid) {
-    Cam c;
-    c.h = OpenUid(uid);
-    const bool usb = uid == kUsb1;
-    c.sim = usb ? &USB() : &GigE();
-    c.index = static_cast<uint32_t>(c.sim->camera_index(((usb ? "KivU3V::" : "KivGEV::") + std::to_string(uid)).c_str()));
-    EXPECT_EQ(c.sim->deliver(c.index, 0), 0);
-    return c;
-  }
   ImageBuffer* Alloc(HCAMERA h) {
     ImageBuffer* b = nullptr;
     EXPECT_EQ(lib_->KIVCAM_ImageAlloc(h, &b), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
     return b;
-  }
-  kivsim_counters Counters(const Cam& c) {
-    kivsim_counters k{};
-    c.sim->get_counters(c.index, &k);
-    return k;
   }
   // Waits until the producer has put `n` frames into this process's buffers.
   bool WaitDelivered(const Cam& c, uint64_t n) {
@@ -64,7 +43,7 @@ class Acquisition : public CameraTest {
 
 TEST_F(Acquisition, EveryExportChecksInItsOrderOnBothKinds) {
   Load();
-  Cam gige = Open(kGigE1), usb = Open(kUsb1);
+  Cam gige = OpenOnDemand(kGigE1), usb = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   ImageBuffer* b = nullptr;
   HVSYNC token = nullptr;
@@ -117,7 +96,7 @@ TEST_F(Acquisition, EveryExportChecksInItsOrderOnBothKinds) {
 
 TEST_F(Acquisition, BufferHandlesAreCheckedLikeCameraHandles) {
   Load();
-  Cam a = Open(kGigE1), other = Open(kGigE2);
+  Cam a = OpenOnDemand(kGigE1), other = OpenOnDemand(kGigE2);
   CamLib& l = *lib_;
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(a.h), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(other.h), KIVCAM_TRUE);
@@ -149,7 +128,7 @@ TEST_F(Acquisition, BufferHandlesAreCheckedLikeCameraHandles) {
 
 TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   Load();
-  Cam c = Open(kGigE1);
+  Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ImageBuffer* b = Alloc(c.h);
@@ -234,7 +213,7 @@ TEST_F(Acquisition, BufferGeometryFollowsTheDevice) {
     ImageBuffer* b = Alloc(h);
     EXPECT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
     EXPECT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
-    GigE().deliver(static_cast<uint32_t>(GigE().camera_index(("KivGEV::" + std::to_string(uid)).c_str())), 1);
+    GigE().deliver(CameraIndex(uid, false), 1);
     ImageInfo info{};
     EXPECT_EQ(l.KIVCAM_ImageComplete(h, b, kWait, &info), KIVCAM_TRUE);
     kivsim_gige_info block;
@@ -266,7 +245,7 @@ TEST_F(Acquisition, BufferGeometryFollowsTheDevice) {
 
 TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ImageBuffer* b = Alloc(c.h);
@@ -282,7 +261,7 @@ TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
 
 TEST_F(Acquisition, AnAbortFromAnotherThreadEndsAnEndlessWait) {
   Load();
-  Cam c = Open(kGigE2);
+  Cam c = OpenOnDemand(kGigE2);
   CamLib& l = *lib_;
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ImageBuffer* b = Alloc(c.h);
@@ -308,7 +287,7 @@ TEST_F(Acquisition, AnAbortFromAnotherThreadEndsAnEndlessWait) {
 
 TEST_F(Acquisition, StatusesOfDeliveredImages) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ImageBuffer* b = Alloc(c.h);
@@ -338,7 +317,7 @@ TEST_F(Acquisition, StatusesOfDeliveredImages) {
 
 TEST_F(Acquisition, TransportRecordsHoldWhatTheProducerWrote) {
   Load();
-  Cam g = Open(kGigE1), u = Open(kUsb1);
+  Cam g = OpenOnDemand(kGigE1), u = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   for (const Cam* c : {&g, &u}) {
     ASSERT_EQ(l.KIVCAM_ResourceAlloc(c->h), KIVCAM_TRUE);
@@ -377,7 +356,7 @@ TEST_F(Acquisition, TransportRecordsHoldWhatTheProducerWrote) {
 
 TEST_F(Acquisition, VSyncTokensComeBackAndAreReused) {
   Load();
-  Cam c = Open(kGigE1);
+  Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ImageBuffer* b = Alloc(c.h);
@@ -401,7 +380,7 @@ TEST_F(Acquisition, VSyncTokensComeBackAndAreReused) {
 // what a conversion handle makes of the recomputed pattern.
 TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   void* raw = nullptr;
   ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
@@ -462,7 +441,7 @@ TEST_F(Acquisition, LegacyPixelFormatNumbersConvertAsTheFormatsTheyStandFor) {
   Load();
   CamLib& l = *lib_;
   HCAMERA h = OpenUid(7);
-  const uint32_t index = static_cast<uint32_t>(USB().camera_index("KivU3V::7"));
+  const uint32_t index = CameraIndex(7, true);
   ASSERT_EQ(USB().deliver(index, 0), 0);
   void* raw = nullptr;
   ASSERT_EQ(l.KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
@@ -506,7 +485,7 @@ TEST_F(Acquisition, LegacyPixelFormatNumbersConvertAsTheFormatsTheyStandFor) {
 
 TEST_F(Acquisition, BitmapInformationAndTheAutomaticShift) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   uint32_t size = 0;
   EXPECT_EQ(Err(l.KIVCAM_GetBMPINFO(c.h, nullptr, &size, 0)), KIVCAM_ERR_NOT_ALLOCATED);

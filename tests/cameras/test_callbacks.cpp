@@ -67,6 +67,10 @@ void Fn(uint32_t event, void* context) {
 
 class Callbacks : public CameraTest {
  protected:
+  // Members, not locals: the library may still call the function with them
+  // after a test body ends, until TearDown unloads it.
+  Calls calls, first, second;
+
   // A bus reset as another process reports one: the USB interface's
   // per-process event, which its bus-reset thread never misses.
   void RaiseBusReset() {
@@ -81,7 +85,6 @@ class Callbacks : public CameraTest {
 
 TEST_F(Callbacks, ResetsWhileTheFunctionRunsArriveAsOneMoreCall) {
   Load();
-  Calls calls;
   calls.block_first = true;
   lib_->KIVCAM_SetCallBack(&calls, &Fn);
   RaiseBusReset();
@@ -99,7 +102,6 @@ TEST_F(Callbacks, ResetsWhileTheFunctionRunsArriveAsOneMoreCall) {
 // Interfaces in list order: GigE adapters 0 and 1, then the USB host.
 TEST_F(Callbacks, OnlyTheFirstProducersPowerUpIsDelivered) {
   Load();
-  Calls calls;
   lib_->KIVCAM_SetCallBack(&calls, &Fn);
   ASSERT_TRUE(USB().loaded());
   ASSERT_TRUE(GigE().loaded());
@@ -121,7 +123,6 @@ TEST_F(Callbacks, OnlyTheFirstProducersPowerUpIsDelivered) {
 
 TEST_F(Callbacks, NullFunctionDropsHappeningsAndANewOneSeesOnlyNewOnes) {
   Load();
-  Calls first, second;
   lib_->KIVCAM_SetCallBack(&first, &Fn);
   RaiseBusReset();
   ASSERT_TRUE(first.WaitReturned(1));
@@ -142,7 +143,6 @@ TEST_F(Callbacks, NullFunctionDropsHappeningsAndANewOneSeesOnlyNewOnes) {
 
 TEST_F(Callbacks, UnloadWaitsForARunningFunction) {
   Load();
-  Calls calls;
   calls.block_first = true;
   lib_->KIVCAM_SetCallBack(&calls, &Fn);
   RaiseBusReset();
@@ -168,7 +168,6 @@ TEST_F(Callbacks, UnloadWaitsForARunningFunction) {
 TEST_F(Callbacks, EveryExportWorksFromTheFunction) {
   Load();
   CamLib& l = *lib_;
-  Calls calls;
   std::vector<std::pair<const char*, uint32_t>> results;  // export, last error (kSucceeded when it worked)
   auto note = [&](const char* name, KIVCAM_BOOL r) { results.emplace_back(name, l.Err(r)); };
   calls.script = [&] {
@@ -212,6 +211,7 @@ TEST_F(Callbacks, EveryExportWorksFromTheFunction) {
   lib_->KIVCAM_SetCallBack(&calls, &Fn);
   RaiseBusReset();
   ASSERT_TRUE(calls.WaitReturned(1)) << "an export called from the callback did not return";
+  Unload();  // no later call may run the script, which refers to this body's locals
   const std::vector<std::pair<const char*, uint32_t>> expected = {
       {"SetStructVersion", kSucceeded}, {"GetList", kSucceeded}, {"Open", kSucceeded},
       {"CameraInfo", kSucceeded}, {"ReadPort", kSucceeded}, {"GetNodeMap", kSucceeded},
@@ -235,7 +235,6 @@ TEST_F(Callbacks, FreeLibraryFromTheFunctionReturnsAtOnce) {
   Load();
   HCAMERA cam = OpenUid(kUsb1);
   CamLib& l = *lib_;
-  Calls calls;
   KIVCAM_BOOL after = KIVCAM_TRUE;
   calls.script = [&] {
     l.KIVCAM_FreeLibrary();

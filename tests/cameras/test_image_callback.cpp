@@ -63,25 +63,6 @@ class ImageCallback : public CameraTest {
   }
   std::vector<std::unique_ptr<Seen>> seen_;
 
-  struct Cam {
-    HCAMERA h = nullptr;
-    Sim* sim = nullptr;
-    uint32_t index = 0;
-  };
-  Cam Open(uint64_t uid) {
-    Cam c;
-    c.h = OpenUid(uid);
-    const bool usb = uid == kUsb1;
-    c.sim = usb ? &USB() : &GigE();
-    c.index = static_cast<uint32_t>(c.sim->camera_index(((usb ? "KivU3V::" : "KivGEV::") + std::to_string(uid)).c_str()));
-    EXPECT_EQ(c.sim->deliver(c.index, 0), 0);
-    return c;
-  }
-  kivsim_counters Counters(const Cam& c) {
-    kivsim_counters k{};
-    c.sim->get_counters(c.index, &k);
-    return k;
-  }
   // Resources allocated and acquisition started.
   void Ready(const Cam& c) {
     ASSERT_EQ(lib_->KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
@@ -91,7 +72,7 @@ class ImageCallback : public CameraTest {
 
 TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
   Load();
-  Cam c = Open(kGigE1);
+  Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
   Ready(c);
   Seen& seen = NewSeen();
@@ -135,7 +116,7 @@ TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
 
 TEST_F(ImageCallback, AReleaseEndsTheThreadAndTheRemovalFindsItEnded) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   Ready(c);
   Seen& seen = NewSeen();
@@ -151,7 +132,7 @@ TEST_F(ImageCallback, AReleaseEndsTheThreadAndTheRemovalFindsItEnded) {
 
 TEST_F(ImageCallback, AUsbTransferFailureGetsOneStreamResetAtTheNextThreadStart) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   Ready(c);
   Seen& seen = NewSeen();
@@ -173,7 +154,7 @@ TEST_F(ImageCallback, AUsbTransferFailureGetsOneStreamResetAtTheNextThreadStart)
 // removal of the callback itself.
 TEST_F(ImageCallback, TheCallbackMayCallAnyExport) {
   Load();
-  Cam c = Open(kGigE1);
+  Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
   Ready(c);
   Seen& seen = NewSeen();
@@ -229,7 +210,7 @@ TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
   Load();
   for (bool all : {false, true}) {
     SCOPED_TRACE(all ? "CloseAll" : "Close");
-    Cam c = Open(kGigE1);
+    Cam c = OpenOnDemand(kGigE1);
     CamLib& l = *lib_;
     Ready(c);
     Seen& seen = NewSeen();
@@ -260,7 +241,7 @@ TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
 
 TEST_F(ImageCallback, CloseFromItsOwnCallbackReleasesTheCameraAtOnce) {
   Load();
-  Cam c = Open(kGigE1);
+  Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
   Ready(c);
   Seen& seen = NewSeen();
@@ -279,7 +260,7 @@ TEST_F(ImageCallback, CloseFromItsOwnCallbackReleasesTheCameraAtOnce) {
 
 TEST_F(ImageCallback, FreeLibraryFromTheCallbackReturnsAndTheUnloadJoinsTheThread) {
   Load();
-  Cam c = Open(kUsb1);
+  Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   Ready(c);
   Seen& seen = NewSeen();
@@ -308,7 +289,7 @@ TEST_F(ImageCallback, TeardownUnderLoadNeverHangs) {
     const Way way = static_cast<Way>(round % 4);
     SCOPED_TRACE(round);
     Load();
-    Cam c = Open(kGigE2);
+    Cam c = OpenOnDemand(kGigE2);
     CamLib& l = *lib_;
     Ready(c);
     ASSERT_EQ(c.sim->free_run(c.index, 0), 0);  // as fast as buffers come back
@@ -355,7 +336,7 @@ TEST_F(ImageCallback, TeardownUnderLoadNeverHangs) {
 // the call log, and nothing left behind.
 TEST_F(ImageCallback, ProducerFailuresOnTheWayToAFrame) {
   Load();
-  Cam c = Open(kGigE1);
+  Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
   struct Case {
     const char* call;

@@ -123,6 +123,27 @@ TEST_F(Watch, WatchersInAnotherProcessReceiveTheControllersFrames) {
   EXPECT_EQ(l.KIVCAM_WatchClose(w), KIVCAM_TRUE);
 }
 
+// An unplugged camera is still stopped; its release then says it is gone.
+TEST_F(Watch, StopWorksOnAnAbsentCameraReleaseDoesNot) {
+  Controller controller(kGigE1, kGroup);
+  ASSERT_EQ(controller.Ready(), 0u);
+  Load();
+  CamLib& l = *lib_;
+  HCAMERA w = WatchOpen(kGigE1);
+  uint32_t state = 0;
+  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
+  const uint32_t index = CameraIndex(kGigE1, false);
+  ASSERT_EQ(GigE().plug(index, 0), 0);
+  ASSERT_EQ(l.KIVCAM_Camera(w, &state), KIVCAM_TRUE);
+  ASSERT_EQ(state, 0u);
+  EXPECT_EQ(l.KIVCAM_WatchStop(w), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_WatchStart(w)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(Err(l.KIVCAM_WatchRelease(w)), KIVCAM_ERR_NO_CAMERA);
+  ASSERT_EQ(GigE().plug(index, 1), 0);
+}
+
 TEST_F(Watch, AUnicastStreamIsNothingToWatch) {
   Controller controller(kGigE1, nullptr);
   ASSERT_EQ(controller.Ready(), 0u);
@@ -194,13 +215,21 @@ TEST_F(Watch, OnlyUsbCamerasLeaveNothingToWatch) {
   EXPECT_EQ(Err(lib_->KIVCAM_WatchOpen(KIVCAM_UID_ANY, &h)), KIVCAM_ERR_NO_CAMERA);
 }
 
+std::atomic<int> g_bus_resets{0};
+void OnBusEvent(uint32_t event, void*) {
+  if (event == KIVCAM_EVENT_BUSRESET) ++g_bus_resets;
+}
+
 // A camera unplugged while images flow: a completion without a time limit
-// and the stream thread end within about a second; stopping still works.
+// and the stream thread end within about a second, the application hears of
+// the bus reset; stopping still works.
 TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
   Load();
   CamLib& l = *lib_;
+  g_bus_resets = 0;
+  l.KIVCAM_SetCallBack(nullptr, &OnBusEvent);
   HCAMERA h = OpenUid(kUsb1);
-  const uint32_t index = static_cast<uint32_t>(USB().camera_index(("KivU3V::" + std::to_string(kUsb1)).c_str()));
+  const uint32_t index = CameraIndex(kUsb1, true);
   ASSERT_EQ(USB().deliver(index, 0), 0);
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
@@ -217,6 +246,8 @@ TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
   EXPECT_EQ(error.load(), KIVCAM_ERR_NO_CAMERA);
   EXPECT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
+  EXPECT_TRUE(log_->WaitFor("CKivCamDLL::UserCallBack_Thread", "BusReset User Proc End"));
+  EXPECT_GE(g_bus_resets.load(), 1);
   EXPECT_EQ(Err(l.KIVCAM_ImageStart(h)), KIVCAM_ERR_NO_CAMERA);
   EXPECT_EQ(l.KIVCAM_ImageStop(h), KIVCAM_TRUE);  // stopping needs no camera
   EXPECT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);

@@ -16,6 +16,7 @@ commands=$(awk '/^```sh$/ {f = 1; next} /^```$/ {if (f) exit} f' <<<"$section")
 ln -s "$src/include" "$work/include"
 ln -s "$build" "$work/build"
 cd "$work"
+source "$(dirname "$0")/sanitized_cc.sh"
 out=$(bash -euo pipefail -c "$commands")
 echo "$out"
 grep -Eq '^[0-9]+ cameras$' <<<"$out"

@@ -18,6 +18,7 @@ build_commands=$(awk '/^```sh$/ {f = 1; next} /^```$/ {f = 0} f && /^cc /' <<<"$
 ln -s "$src/include" "$work/include"
 ln -s "$build" "$work/build"
 cd "$work"
+source "$(dirname "$0")/sanitized_cc.sh"
 bash -euo pipefail -c "$build_commands"
 
 mkfifo enter
