@@ -19,6 +19,7 @@ namespace ga = KivGenApi;
 using kivcam::api::CameraLock;
 using kivcam::api::CameraOf;
 using kivcam::api::Frame;
+using kivcam::api::OnCamera;
 using kivcam::api::Require;
 using kivcam::api::RunBool;
 using kivcam::camera::CCamera;
@@ -36,12 +37,11 @@ uint32_t CodeOf(const ga::GenericException& e) {
   return KIVCAM_ERR_ACCESS;
 }
 
-// Runs `work(node)` on the feature `name` of a present camera, under its
-// lock. A failure of the node map carries its own text to the call log; a
-// port failure passes through with its code.
+// Runs `work(node)` on the feature `name` of a present camera; the caller
+// holds the camera lock. A failure of the node map carries its own text to
+// the call log; a port failure passes through with its code.
 template <typename Work>
-void WithFeature(CCamera& c, const char* name, Work&& work) {
-  CameraLock g(c);
+void OnNode(CCamera& c, const char* name, Work&& work) {
   if (!c.visible()) throw kivcam::Error(KIVCAM_ERR_NO_CAMERA);
   ga::CNodeMapRef* map = c.node_map();
   ga::INode* node = map ? map->_GetNode(name) : nullptr;
@@ -53,16 +53,14 @@ void WithFeature(CCamera& c, const char* name, Work&& work) {
   }
 }
 
-// The frame of every feature export: camera handle, name and `out` checked
-// (code 1), then `work` on the feature.
+// The frame of every feature export: the camera's frame and lock, name and
+// `out` checked (code 1), then `work` on the feature.
 template <typename Work>
 KIVCAM_BOOL OnFeature(const char* export_name, HCAMERA handle, const char* name, const void* out, Work&& work) {
-  return RunBool(Frame::Camera(export_name, handle), [&](CKivCamDLL& lib) {
-    auto c = CameraOf(lib, handle);
+  return OnCamera(Frame::Camera(export_name, handle), handle, [&](CCamera& c) {
     Require(name);
     Require(out);
-    c->PreCall();
-    WithFeature(*c, name, work);
+    OnNode(c, name, work);
   });
 }
 
@@ -263,12 +261,16 @@ KIVCAM_API KIVCAM_BOOL KIVCAMF_Execute(HCAMERA camera, const char* name, uint32_
     Require(name);
     c->PreCall();
     const uint32_t start = kivcam::platform::TickCount();
-    WithFeature(*c, name, [&](ga::INode& n) { As<ga::ICommand>(n).Execute(); });
+    auto on_command = [&](auto&& work) {
+      CameraLock g(*c);
+      OnNode(*c, name, work);
+    };
+    on_command([&](ga::INode& n) { As<ga::ICommand>(n).Execute(); });
     // Between looks the camera is free for other calls (an image wait, the
     // stream thread) that the command's completion may depend on.
     for (uint32_t pause = 1;; pause = pause < 16 ? pause * 2 : pause) {
       bool done = false;
-      WithFeature(*c, name, [&](ga::INode& n) { done = As<ga::ICommand>(n).IsDone(); });
+      on_command([&](ga::INode& n) { done = As<ga::ICommand>(n).IsDone(); });
       if (done) return;
       const uint32_t waited = kivcam::platform::TickCount() - start;
       if (timeout != KIVCAM_INFINITE && waited >= timeout) throw kivcam::Error(KIVCAM_ERR_TIMEOUT);
