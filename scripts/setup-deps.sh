@@ -3,12 +3,14 @@
 # Idempotent and quiet when everything is present. `--bench` adds the packages
 # of the comparison benchmarks (OpenCV, Aravis's command-line tool).
 # iproute2 and procps build the network tests' private namespaces; Aravis's
-# tools are the independent GigE Vision peers those tests run there.
+# tools are the independent GigE Vision peers those tests run there. The
+# Python binding needs Debian's interpreter with numpy, its tests pytest.
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
       libgtest-dev libgmock-dev zlib1g-dev libminizip-dev libpugixml-dev
-      libreadline-dev libpng-dev iproute2 procps aravis-tools)
+      libreadline-dev libpng-dev iproute2 procps aravis-tools
+      python3 python3-numpy python3-pytest)
 if [[ "${1:-}" == "--bench" ]]; then
   pkgs+=(libbenchmark-dev libopencv-dev aravis-tools-cli)
 fi

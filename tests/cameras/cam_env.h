@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kivcam/kivcam.h"
+#include "kivcam/kivcam_features.h"
 #include "kivsim/kivsim.h"
 #include "diag/log_reader.h"
 
@@ -40,7 +41,12 @@ std::string LibDir();  // where libkivcam.so and the producers are
   X(KIVCAM_ResourceAllocGigE) X(KIVCAM_GetGigEPktLog) X(KIVCAM_TestStream) X(KIVCAM_ConvMode)             \
   X(KIVCAM_ImageConvExec) X(KIVCAM_BufferConvExec) X(KIVCAM_SetBMPINFO) X(KIVCAM_GetBMPINFO)              \
   X(KIVCAM_WatchOpen) X(KIVCAM_WatchOpenGigE) X(KIVCAM_WatchClose) X(KIVCAM_WatchCamera) X(KIVCAM_WatchAlloc) \
-  X(KIVCAM_WatchRelease) X(KIVCAM_WatchStart) X(KIVCAM_WatchStop)
+  X(KIVCAM_WatchRelease) X(KIVCAM_WatchStart) X(KIVCAM_WatchStop)                                         \
+  X(KIVCAMF_GetInt) X(KIVCAMF_SetInt) X(KIVCAMF_GetFloat) X(KIVCAMF_SetFloat) X(KIVCAMF_GetBool)         \
+  X(KIVCAMF_SetBool) X(KIVCAMF_GetString) X(KIVCAMF_SetString) X(KIVCAMF_GetEnum) X(KIVCAMF_SetEnum)     \
+  X(KIVCAMF_GetEnumInt) X(KIVCAMF_SetEnumInt) X(KIVCAMF_ToString) X(KIVCAMF_FromString)                  \
+  X(KIVCAMF_Execute) X(KIVCAMF_IsDone) X(KIVCAMF_GetInfo) X(KIVCAMF_GetInfoText) X(KIVCAMF_GetEntry)     \
+  X(KIVCAMF_GetChild)
 
 // Last-error value Err gives for a call that did not fail.
 constexpr uint32_t kSucceeded = 0xFFFFFFFFu;

@@ -1,6 +1,7 @@
 /* Compiled as strict C11 (-pedantic -Werror), never linked: the header must be
  * usable from C exactly as declared. */
 #include "kivcam/kivcam.h"
+#include "kivcam/kivcam_features.h"
 #include "kivcam/kivcam_reader.h"  /* the reader library's header, as strict */
 #include "capi_exports.h"
 
@@ -8,11 +9,12 @@
  * a result or argument type an incompatible-pointer error. */
 #define KIVCAM_PIN(result, name, args) static result(*const pin_##name) args = name;
 KIVCAM_EXPORTS(KIVCAM_PIN)
+KIVCAMF_EXPORTS(KIVCAM_PIN)
 
 typedef void (*kivcam_any_fn)(void);
 #define KIVCAM_ENTRY(result, name, args) (kivcam_any_fn)pin_##name,
-kivcam_any_fn const kivcam_capi_table[] = {KIVCAM_EXPORTS(KIVCAM_ENTRY)};
-_Static_assert(sizeof kivcam_capi_table / sizeof kivcam_capi_table[0] == KIVCAM_EXPORT_COUNT,
+kivcam_any_fn const kivcam_capi_table[] = {KIVCAM_EXPORTS(KIVCAM_ENTRY) KIVCAMF_EXPORTS(KIVCAM_ENTRY)};
+_Static_assert(sizeof kivcam_capi_table / sizeof kivcam_capi_table[0] == KIVCAM_EXPORT_COUNT + KIVCAMF_EXPORT_COUNT,
                "every export is in the table");
 
 /* Callbacks written the way an application writes them. */

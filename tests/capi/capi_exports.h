@@ -1,10 +1,11 @@
-/* Every export of kivcam.h with its exact type, as X(result, name, (arguments)).
+/* Every export of kivcam.h (and of kivcam_features.h, KIVCAMF_EXPORTS) with its exact type, as X(result, name, (arguments)).
  * The C and C++ checks expand it; a changed signature or a missing
  * declaration breaks their build. */
 #ifndef KIVCAM_TESTS_CAPI_EXPORTS_H
 #define KIVCAM_TESTS_CAPI_EXPORTS_H
 
 #include "kivcam/kivcam.h"
+#include "kivcam/kivcam_features.h"
 
 #define KIVCAM_EXPORT_COUNT 69
 
@@ -78,5 +79,30 @@
     X(void, KIVCAM_CloseConvHandle, (HCTBL)) \
     X(void, KIVCAM_CloseAllConvHandle, (void)) \
     X(KIVCAM_BOOL, KIVCAM_ColorConvExec, (HCTBL, const KIVCAM_IMAGEDESC *, void *))
+
+/* The feature interface, kivcam_features.h. */
+#define KIVCAMF_EXPORT_COUNT 20
+
+#define KIVCAMF_EXPORTS(X) \
+    X(KIVCAM_BOOL, KIVCAMF_GetInt, (HCAMERA, const char *, int64_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_SetInt, (HCAMERA, const char *, int64_t)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetFloat, (HCAMERA, const char *, double *)) \
+    X(KIVCAM_BOOL, KIVCAMF_SetFloat, (HCAMERA, const char *, double)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetBool, (HCAMERA, const char *, KIVCAM_BOOL *)) \
+    X(KIVCAM_BOOL, KIVCAMF_SetBool, (HCAMERA, const char *, KIVCAM_BOOL)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetString, (HCAMERA, const char *, char *, uint32_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_SetString, (HCAMERA, const char *, const char *)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetEnum, (HCAMERA, const char *, char *, uint32_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_SetEnum, (HCAMERA, const char *, const char *)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetEnumInt, (HCAMERA, const char *, int64_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_SetEnumInt, (HCAMERA, const char *, int64_t)) \
+    X(KIVCAM_BOOL, KIVCAMF_ToString, (HCAMERA, const char *, char *, uint32_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_FromString, (HCAMERA, const char *, const char *)) \
+    X(KIVCAM_BOOL, KIVCAMF_Execute, (HCAMERA, const char *, uint32_t)) \
+    X(KIVCAM_BOOL, KIVCAMF_IsDone, (HCAMERA, const char *, KIVCAM_BOOL *)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetInfo, (HCAMERA, const char *, KIVCAMF_INFO *)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetInfoText, (HCAMERA, const char *, uint32_t, char *, uint32_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetEntry, (HCAMERA, const char *, uint32_t, int64_t *, uint32_t *, char *, uint32_t *)) \
+    X(KIVCAM_BOOL, KIVCAMF_GetChild, (HCAMERA, const char *, uint32_t, char *, uint32_t *))
 
 #endif

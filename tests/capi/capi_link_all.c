@@ -1,4 +1,4 @@
-/* A host program that links every export kivcam.h declares: a declaration
+/* A host program that links every export kivcam.h and kivcam_features.h declare: a declaration
  * the library does not define breaks this program's link. */
 #include <stdio.h>
 
@@ -12,7 +12,7 @@ struct entry {
 };
 
 #define KIVCAM_ENTRY(result, name, args) {#name, (any_fn)name},
-static const struct entry entries[] = {KIVCAM_EXPORTS(KIVCAM_ENTRY)};
+static const struct entry entries[] = {KIVCAM_EXPORTS(KIVCAM_ENTRY) KIVCAMF_EXPORTS(KIVCAM_ENTRY)};
 
 #define COUNT(a) (sizeof(a) / sizeof(a)[0])
 

@@ -1,10 +1,11 @@
 cmake_minimum_required(VERSION 3.25)
-# Compares three lists of exports: what include/kivcam/kivcam.h declares, what
+# Compares three lists of exports: what the public headers declare
+# (include/kivcam/kivcam.h and the feature interface kivcam_features.h), what
 # the library's dynamic symbol table defines (nm -D), and what the tests list
 # (capi_exports.h: every export).
 # Nothing else may be exported but the node-map engine's API (its public
 # classes, not their internals).
-# cmake -DHEADER=... -DEXPORTS=... -DLIBRARY=... -DNM=... -P check_exports.cmake
+# cmake -DHEADERS=a.h;b.h -DEXPORTS=... -DLIBRARY=... -DNM=... -P check_exports.cmake
 function(names_in text regex out)
   string(REGEX MATCHALL "${regex}" found "${text}")
   set(names "")
@@ -17,7 +18,11 @@ function(names_in text regex out)
   set(${out} ${names} PARENT_SCOPE)
 endfunction()
 
-file(READ ${HEADER} header)
+set(header "")
+foreach(h IN LISTS HEADERS)
+  file(READ ${h} text)
+  string(APPEND header "${text}")
+endforeach()
 file(READ ${EXPORTS} exports)
 names_in("${header}" "\nKIVCAM_API[^;(\n]*[ *]KIVCAM[A-Za-z_]*[ ]*\\(" declared)
 names_in("${exports}" "X\\([^,]*, *KIVCAM[A-Za-z_]*," listed)
@@ -29,16 +34,16 @@ names_in("${symbols}" "[0-9a-f]+ [TW] KIVCAM[A-Za-z_]*" defined)
 
 set(problems "")
 if(NOT declared STREQUAL listed)
-  list(APPEND problems "capi_exports.h does not list exactly the exports kivcam.h declares")
+  list(APPEND problems "capi_exports.h does not list exactly the exports the headers declare")
 endif()
 foreach(name IN LISTS declared)
   if(NOT name IN_LIST defined)
-    list(APPEND problems "${name} is declared in kivcam.h but the library does not export it")
+    list(APPEND problems "${name} is declared in a public header but the library does not export it")
   endif()
 endforeach()
 foreach(name IN LISTS defined)
   if(NOT name IN_LIST declared)
-    list(APPEND problems "${name} is exported but kivcam.h does not declare it")
+    list(APPEND problems "${name} is exported but no public header declares it")
   endif()
 endforeach()
 
@@ -51,7 +56,7 @@ foreach(line IN LISTS lines)
     continue()
   endif()
   set(name "${CMAKE_MATCH_2}")
-  if(name MATCHES "^KIVCAM(FILTER)?_[A-Za-z]+$")
+  if(name MATCHES "^KIVCAM(FILTER|F)?_[A-Za-z]+$")
     continue()
   elseif(name MATCHES "^((typeinfo|typeinfo name|vtable|VTT) for |(non-)?virtual thunk to )?KivGenApi::")
     if(name MATCHES "KivGenApi::detail::")

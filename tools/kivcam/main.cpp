@@ -1,5 +1,5 @@
 // kivcam: the command-line tool for KivCam cameras. It uses nothing but the
-// public interface (the C exports and, for features, the node map they hand
+// public interface (the C exports, the feature interface and the node map they hand
 // out), so it doubles as a worked example of the library.
 #include <dlfcn.h>
 #include <unistd.h>
@@ -15,6 +15,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "kivcam/kivcam_features.h"
 
 #ifdef KIVCAM_HAVE_READLINE
 #include <readline/history.h>
@@ -705,17 +707,18 @@ int Set(Camera& cam, const Args& assignments) {
   return kDone;
 }
 
+// Commands run through the feature interface, which also waits until the
+// camera reports them done.
 int Exec(Camera& cam, const Args& names) {
+  constexpr uint32_t kCommandTimeoutMs = 10000;
   for (const std::string& name : names) {
-    ga::INode* n = Find(cam, name);
-    if (!n) return kFailed;
-    auto* c = dynamic_cast<ga::ICommand*>(n);
-    if (!c) return Problem("'%s' is not a command", name.c_str());
-    try {
-      c->Execute();
-    } catch (const ga::GenericException& e) {
-      return Problem("executing %s failed: %s", name.c_str(), e.GetDescription());
+    KIVCAMF_INFO info;
+    if (!KIVCAMF_GetInfo(cam.handle(), name.c_str(), &info)) {
+      if (KIVCAM_GetLastError() != KIVCAM_ERR_PARAM) return Fail("KIVCAMF_GetInfo");
+      return Problem("the camera has no feature '%s'", name.c_str());
     }
+    if (info.Type != KIVCAMF_TYPE_COMMAND) return Problem("'%s' is not a command", name.c_str());
+    if (!KIVCAMF_Execute(cam.handle(), name.c_str(), kCommandTimeoutMs)) return Fail("KIVCAMF_Execute");
     std::printf("%s executed\n", name.c_str());
   }
   return kDone;
