@@ -236,16 +236,17 @@ std::string FileSafe(const std::string& text) {
 
 // The handler only notes the signal and writes a byte into a pipe; a thread
 // of ours reads the pipe and calls the library, which a handler may not.
-volatile sig_atomic_t g_signal = 0;
-int g_wake_fd = -1;
+// Lock-free, so safe in a handler, and read by other threads without a race.
+std::atomic<int> g_signal{0};
+std::atomic<int> g_wake_fd{-1};
+static_assert(std::atomic<int>::is_always_lock_free, "signal handler state must be lock-free");
 
 void OnSignal(int sig) {
-  if (g_signal != 0) {  // the second one: the default action, at once
+  if (g_signal.exchange(sig) != 0) {  // the second one: the default action, at once
     std::signal(sig, SIG_DFL);
     std::raise(sig);
     return;
   }
-  g_signal = sig;
   int saved = errno;
   char c = 's';
   ssize_t n = write(g_wake_fd, &c, 1);
@@ -285,9 +286,9 @@ class SignalWatch {
     thread_.join();
     sigaction(SIGINT, &old_int_, nullptr);
     sigaction(SIGTERM, &old_term_, nullptr);
-    close(g_wake_fd);
+    close(g_wake_fd.exchange(-1));
     close(read_fd_);
-    g_wake_fd = read_fd_ = -1;
+    read_fd_ = -1;
   }
   int signal() const { return g_signal; }
 
