@@ -99,7 +99,10 @@ std::vector<uint8_t> GreyToRgb(const std::vector<uint8_t>& grey) {
 }
 
 // The library's conversion handles, loaded once this process has its own
-// machine-wide names (the test main sets them).
+// machine-wide names (the test main sets them). It stays loaded until the
+// process ends, as a linked library would: an unload from a static
+// destructor would run while the process ends, when the library leaves its
+// process-wide objects to the system.
 struct Conversions {
   Conversions() {
     module = dlopen(KIVCAM_LIB, RTLD_NOW | RTLD_LOCAL);
@@ -107,9 +110,6 @@ struct Conversions {
     create = reinterpret_cast<decltype(create)>(dlsym(module, "KIVCAM_CreateConvHandle"));
     exec = reinterpret_cast<decltype(exec)>(dlsym(module, "KIVCAM_ColorConvExec"));
     close = reinterpret_cast<decltype(close)>(dlsym(module, "KIVCAM_CloseConvHandle"));
-  }
-  ~Conversions() {
-    if (module) dlclose(module);
   }
   void* module = nullptr;
   decltype(&KIVCAM_CreateConvHandle) create = nullptr;
