@@ -8,6 +8,11 @@ BIN="$BUILD/bin"
 if [[ -x "$BIN/kivcam" ]]; then
   "$BIN/kivcam" list
   "$BIN/kivcam" info first
+  # A few frames from every camera, converted and saved in ./frames/.
+  for uid in $("$BIN/kivcam" list | awk 'NR > 1 && $2 ~ /^(GigE|USB|IIDC)$/ { print $1 }'); do
+    echo
+    "$BIN/kivcam" grab "$uid" -n 5 --out frames
+  done
   exit 0
 fi
 

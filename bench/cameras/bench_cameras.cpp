@@ -2,7 +2,6 @@
 // description read from the device) and closing, and feature reads through
 // the node map and the camera's port.
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 
 #include "kivcam/kivcam.h"
 #include "kivgenapi/KivGenApi.h"
+#include "private_names.h"
 
 namespace {
 
@@ -106,20 +106,10 @@ BENCHMARK(BM_FeatureReadUncached);
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Names of this run's own, so a monitor or another run is never met.
-  char ns[64];
-  std::snprintf(ns, sizeof ns, "_bench%d", static_cast<int>(getpid()));
-  setenv("KIVCAM_IPC_NAMESPACE", ns, 1);
+  kivbench::PrivateNames names("bench");
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   g_lib.reset();
-  if (DIR* dir = opendir("/dev/shm")) {
-    while (dirent* e = readdir(dir)) {
-      std::string name = e->d_name;
-      if (name.find(ns) != std::string::npos) unlink(("/dev/shm/" + name).c_str());
-    }
-    closedir(dir);
-  }
   return 0;
 }

@@ -10,13 +10,6 @@ namespace kivsim {
 
 namespace {
 
-// Events may outlive their registration while a waiter still holds them.
-struct EventState {
-  int waiters = 0;
-  bool dead = false;
-};
-std::map<Event*, EventState> g_state;
-
 Stream* BufferSource(Event* e) {
   return e->kind == EVENT_NEW_BUFFER ? static_cast<Stream*>(e->source) : nullptr;
 }
@@ -39,12 +32,11 @@ EventSource* AsSource(void* h) {
   return nullptr;
 }
 
+// The state lives in the event, not in a map of this module: a host's
+// threads may still wait in EventGetData while the process exits, and exit
+// must not free anything under them.
 void Release(Event* e) {
-  auto it = g_state.find(e);
-  if (it != g_state.end() && it->second.waiters == 0) {
-    g_state.erase(it);
-    delete e;
-  }
+  if (e->waiters == 0) delete e;
 }
 
 void Unregister(Event* e) {
@@ -57,7 +49,7 @@ void Unregister(Event* e) {
     }
   e->source->events.erase(e->kind);
   g_prod->live.erase(e);
-  g_state[e].dead = true;
+  e->dead = true;
   e->cv.notify_all();
   Release(e);
 }
@@ -102,7 +94,6 @@ GC_API GCRegisterEvent(EVENTSRC_HANDLE hEventSrc, EVENT_TYPE iEventID, EVENT_HAN
   e->source = src;
   e->kind = iEventID;
   src->events[iEventID] = e;
-  g_state[e] = EventState();
   g_prod->live.insert(e);
   *phEvent = e;
   return GC_ERR_SUCCESS;
@@ -125,10 +116,9 @@ GC_API EventGetData(EVENT_HANDLE hEvent, void* pBuffer, size_t* piSize, uint64_t
   const size_t need = PayloadMax(e);
   if (pBuffer && *piSize < need && e->kind != EVENT_ERROR) return SetError(GC_ERR_BUFFER_TOO_SMALL, "Buffer too small");
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min<uint64_t>(iTimeout, 1000000000ULL));
-  EventState& st = g_state[e];
-  st.waiters++;
+  e->waiters++;
   bool timed_out = false;
-  while (!st.dead && e->kills == 0 && QueueLength(e) == 0) {
+  while (!e->dead && e->kills == 0 && QueueLength(e) == 0) {
     if (iTimeout == GENTL_INFINITE) {
       e->cv.wait(lock);
     } else if (e->cv.wait_until(lock, deadline) == std::cv_status::timeout) {
@@ -136,9 +126,8 @@ GC_API EventGetData(EVENT_HANDLE hEvent, void* pBuffer, size_t* piSize, uint64_t
       break;
     }
   }
-  EventState& st2 = g_state[e];
-  st2.waiters--;
-  if (st2.dead) {
+  e->waiters--;
+  if (e->dead) {
     Release(e);
     return SetError(GC_ERR_ABORT, "Event unregistered while waiting");
   }

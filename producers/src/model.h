@@ -62,6 +62,9 @@ struct Event : Obj {
   uint32_t kills = 0;
   uint64_t fired = 0;
   std::condition_variable cv;
+  // An event outlives its registration while a waiter still holds it.
+  int waiters = 0;
+  bool dead = false;
 };
 
 struct Stream : EventSource {

@@ -91,7 +91,7 @@ void WatcherMain(System* sys) {
         for (uint32_t i = 0; i < kMaxInterfaces; ++i)
           for (; seen[i] < st->iface_event_seq[i]; ++seen[i]) todo.emplace_back(i, st->iface_event_code[i][seen[i] % 16]);
         if (!todo.empty()) break;
-        l.Wait(0);
+        l.Wait(0, kWakeWatchers);
       }
     }
     std::lock_guard<std::mutex> lock(g_mu);

@@ -145,7 +145,7 @@ SharedLock::SharedLock(SharedState* s) : s_(s) {
 }
 SharedLock::~SharedLock() { pthread_mutex_unlock(&s_->mutex); }
 
-void SharedLock::Wait(uint64_t deadline_ns) {
+void SharedLock::Wait(uint64_t deadline_ns, uint32_t wake_on) {
   // The word is read under the mutex, so a Notify after this point changes it
   // and the futex wait returns at once.
   const uint32_t seen = __atomic_load_n(&s_->wake_word, __ATOMIC_ACQUIRE);
@@ -153,15 +153,14 @@ void SharedLock::Wait(uint64_t deadline_ns) {
   timespec ts;
   ts.tv_sec = static_cast<time_t>(deadline_ns / 1000000000ULL);
   ts.tv_nsec = static_cast<long>(deadline_ns % 1000000000ULL);
-  syscall(SYS_futex, &s_->wake_word, FUTEX_WAIT_BITSET, seen, deadline_ns ? &ts : nullptr, nullptr,
-          FUTEX_BITSET_MATCH_ANY);
+  syscall(SYS_futex, &s_->wake_word, FUTEX_WAIT_BITSET, seen, deadline_ns ? &ts : nullptr, nullptr, wake_on);
   if (pthread_mutex_lock(&s_->mutex) == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
 }
 
-void SharedLock::Notify() {
+void SharedLock::Notify(uint32_t wake) {
   s_->generation++;
   __atomic_add_fetch(&s_->wake_word, 1u, __ATOMIC_RELEASE);
-  syscall(SYS_futex, &s_->wake_word, FUTEX_WAKE, INT32_MAX, nullptr, nullptr, 0);
+  syscall(SYS_futex, &s_->wake_word, FUTEX_WAKE_BITSET, INT32_MAX, nullptr, nullptr, wake);
 }
 
 }  // namespace kivsim

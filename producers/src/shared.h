@@ -70,6 +70,14 @@ class SharedMap {
   bool attached_ = false;
 };
 
+// Whom a Notify wakes. Waiters say what they wait for, so that a frame or a
+// queued buffer wakes only the engines of its camera, not every watcher and
+// engine of every process (each of them would take the shared mutex).
+constexpr uint32_t kWakeAll = 0xFFFFFFFFu;
+constexpr uint32_t kWakeWatchers = 1u;  // interface events
+inline uint32_t WakeCamera(uint32_t camera) { return 2u << camera; }  // that camera's engines
+static_assert(kMaxCameras <= 31, "one wake bit per camera");
+
 // Lock guard for the shared mutex; recovers the state of a crashed holder.
 class SharedLock {
  public:
@@ -80,8 +88,9 @@ class SharedLock {
   // Waits for a Notify or until the absolute CLOCK_MONOTONIC deadline (ns); 0 = no limit.
   // A futex rather than a process-shared condition variable: a waiter killed
   // in its wait must not be able to block the others.
-  void Wait(uint64_t deadline_ns);
-  void Notify();  // generation++ and wake every waiter
+  // `wake_on`: the Notify kinds that end the wait.
+  void Wait(uint64_t deadline_ns, uint32_t wake_on = kWakeAll);
+  void Notify(uint32_t wake = kWakeAll);  // generation++ and wake the waiters of `wake`
 
  private:
   SharedState* s_;

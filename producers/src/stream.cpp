@@ -39,9 +39,9 @@ void ToOutput(Stream* s, Buffer* b) {
   s->output.push_back(b);
 }
 
-void NotifyEngine() {
+void NotifyEngine(uint32_t camera) {
   SharedLock l(g_prod->st());
-  l.Notify();
+  l.Notify(WakeCamera(camera));
 }
 
 uint32_t Reg(Stream* s, uint32_t r) {
@@ -205,6 +205,8 @@ void EngineMain(Device* d) {
   const VirtualDevice& vd = *g_prod->devices[d->cam];
   const int32_t me = getpid();
   uint64_t seen = d->first_seen, next_tick = 0;
+  // Frames concern the engines of this camera (in every process) alone.
+  const uint32_t wake = WakeCamera(d->cam);
   for (;;) {
     FrameContext fc{};
     uint64_t first, last;
@@ -221,19 +223,19 @@ void EngineMain(Device* d) {
           if (sc.credits > 0) {
             sc.credits--;
             sc.frames++;
-            l.Notify();
+            l.Notify(wake);
           } else if (sc.mode == kFreeRun && !triggered) {
             if (fps <= 0.0) {
               if (d->ready_buffers > 0) {
                 sc.frames++;
-                l.Notify();
+                l.Notify(wake);
               }
             } else {
               const uint64_t now = MonotonicNs(), period = static_cast<uint64_t>(1e9 / fps);
               if (next_tick == 0) next_tick = now + period;
               if (now >= next_tick) {
                 sc.frames++;
-                l.Notify();
+                l.Notify(wake);
                 next_tick = std::max(next_tick + period, now + period / 2);
               }
               deadline = next_tick;
@@ -243,7 +245,7 @@ void EngineMain(Device* d) {
           next_tick = 0;
         }
         if (sc.frames != seen) break;
-        l.Wait(deadline);
+        l.Wait(deadline, wake);
       }
       // A late process only catches the last few frames.
       first = std::max(seen + 1, sc.frames > 8 ? sc.frames - 7 : 1);
@@ -413,10 +415,11 @@ GC_API DSQueueBuffer(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer) {
   if (!b || b->stream != s) return SetError(GC_ERR_INVALID_HANDLE, "Invalid buffer handle");
   if (b->state != Buffer::Idle) return SetError(GC_ERR_RESOURCE_IN_USE, "Buffer already queued");
   ToInput(s, b);
-  g_prod->counters[s->device->cam].queues++;
+  const uint32_t camera = s->device->cam;
+  g_prod->counters[camera].queues++;
   if (s->started) {
     lock.unlock();
-    NotifyEngine();
+    NotifyEngine(camera);
   }
   return GC_ERR_SUCCESS;
 }
@@ -477,8 +480,9 @@ GC_API DSStartAcquisition(DS_HANDLE hDataStream, ACQ_START_FLAGS /*iStartFlags*/
   s->to_acquire = iNumToAcquire;
   s->delivered_since_start = 0;
   s->device->ready_buffers += static_cast<uint32_t>(s->input.size());
+  const uint32_t camera = s->device->cam;
   lock.unlock();
-  NotifyEngine();
+  NotifyEngine(camera);
   return GC_ERR_SUCCESS;
 }
 

@@ -23,15 +23,13 @@
 #include <readline/readline.h>
 #endif
 
-#include "kivcam/kivcam.h"
-#include "kivgenapi/KivGenApi.h"
+#include "cli.h"
 
-namespace {
+namespace kivcli {
 
 namespace ga = KivGenApi;
-using Args = std::vector<std::string>;
 
-enum Exit : int { kDone = 0, kFailed = 1, kUsage = 2 };
+namespace {
 constexpr uint64_t kMaxRegisterCount = 4096;
 
 const char* ErrorName(uint32_t code) {
@@ -85,15 +83,14 @@ const char* ErrorName(uint32_t code) {
   }
 }
 
-// A failed library call: says which and why, and gives the exit code.
+}  // namespace
+
 int Fail(const char* call) {
   uint32_t code = KIVCAM_GetLastError();
   std::fprintf(stderr, "kivcam: %s failed: error %u, %s\n", call, code, ErrorName(code));
   return kFailed;
 }
 
-// A failure of the feature or camera at hand.
-int Problem(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 int Problem(const char* fmt, ...) {
   std::fputs("kivcam: ", stderr);
   va_list ap;
@@ -104,19 +101,15 @@ int Problem(const char* fmt, ...) {
   return kFailed;
 }
 
-// Set while `kivcam shell` reads steps: its own help is where to look.
-bool g_in_shell = false;
+const char* g_usage_hint = "Try 'kivcam --help' for more information.";
 
-// A command line that cannot be run: what is wrong first, then where to look.
-int UsageError(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 int UsageError(const char* fmt, ...) {
   std::fputs("kivcam: ", stderr);
   va_list ap;
   va_start(ap, fmt);
   std::vfprintf(stderr, fmt, ap);
   va_end(ap);
-  std::fputs(g_in_shell ? "\nType 'help' for the steps.\n" : "\nTry 'kivcam --help' for more information.\n",
-             stderr);
+  std::fprintf(stderr, "\n%s\n", g_usage_hint);
   return kUsage;
 }
 
@@ -136,6 +129,7 @@ int Usage(FILE* out, int rc) {
                "usage: kivcam <command> [arguments]\n"
                "       kivcam CAMERA STEP [arguments] [STEP [arguments]]...\n"
                "       kivcam shell CAMERA\n"
+               "       kivcam grab CAMERA [options]\n"
                "\n"
                "CAMERA is a UID from `kivcam list` (decimal, or hexadecimal with 0x) or `first`\n"
                "for the first camera no other program holds.\n"
@@ -147,6 +141,8 @@ int Usage(FILE* out, int rc) {
                "  reg read CAMERA ADDRESS [COUNT], reg write CAMERA ADDRESS VALUE\n"
                "                                     one step on a camera opened for it alone\n"
                "  shell CAMERA                       type steps at a prompt, on one open camera\n"
+               "  grab CAMERA [options]              acquire frames, convert them and save them as\n"
+               "                                     PNG, BMP or raw files (`kivcam grab --help`)\n"
                "  --version, --help\n"
                "\n"
                "Steps (several in one call run in order on one open camera, so settings last:\n"
@@ -162,9 +158,6 @@ int Usage(FILE* out, int rc) {
 
 // ---- numbers ----------------------------------------------------------------
 
-enum class Parsed { kOk, kNotNumber, kSigned, kTooBig };
-
-// Decimal (leading zeros too) or 0x hexadecimal, no sign, at most `max`.
 Parsed ParseUnsigned(const std::string& s, uint64_t max, uint64_t* out) {
   if (!s.empty() && (s[0] == '-' || s[0] == '+')) return Parsed::kSigned;
   bool hex = s.size() > 1 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
@@ -354,33 +347,6 @@ bool ParseCamera(const std::string& text, uint64_t* uid, int* rc) {
       return false;
   }
 }
-
-// An open camera, closed again whatever happens.
-class Camera {
- public:
-  ~Camera() {
-    if (h_) KIVCAM_Close(h_);
-  }
-  int Open(uint64_t uid) {
-    if (!Start()) return kFailed;
-    if (!KIVCAM_Open(uid, &h_)) return Fail("KIVCAM_Open");
-    return kDone;
-  }
-  HCAMERA handle() const { return h_; }
-  ga::CNodeMapRef* NodeMap() {
-    if (map_) return map_;
-    void* p = nullptr;
-    if (!KIVCAM_GetNodeMap(h_, &p)) {
-      Fail("KIVCAM_GetNodeMap");
-      return nullptr;
-    }
-    return map_ = static_cast<ga::CNodeMapRef*>(p);
-  }
-
- private:
-  HCAMERA h_ = nullptr;
-  ga::CNodeMapRef* map_ = nullptr;
-};
 
 int Info(Camera& cam) {
   CameraListEntry e;
@@ -936,7 +902,7 @@ int Shell(const std::string& camera) {
   Camera cam;
   if ((rc = cam.Open(uid))) return rc;
   LineReader in;
-  g_in_shell = true;
+  g_usage_hint = "Type 'help' for the steps.";
   if (in.interactive()) std::printf("Steps on the open camera; `help` lists them, `quit` ends.\n");
   int worst = kDone;
   for (std::string line; in.Read(&line);) {
@@ -963,9 +929,10 @@ int Version() {
   return kDone;
 }
 
-}  // namespace
+}  // namespace kivcli
 
 int main(int argc, char** argv) {
+  using namespace kivcli;
   Args args(argv + 1, argv + argc);
   if (args.empty()) return UsageError("missing command");
   const std::string cmd = args[0];
@@ -977,6 +944,7 @@ int main(int argc, char** argv) {
     if (args.size() > 2) return UsageError("shell takes one CAMERA");
     return Shell(args[1]);
   }
+  if (cmd == "grab") return Grab(Args(args.begin() + 1, args.end()));
   if (cmd == "reg") {  // reg OPERATION CAMERA ...: the camera comes second
     if (args.size() < 2) return UsageError("reg needs an operation: read or write");
     if (args.size() < 3) return UsageError("missing argument: CAMERA");

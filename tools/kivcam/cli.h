@@ -1,0 +1,79 @@
+// What the commands of the kivcam tool share: exit codes, messages, number
+// and camera parsing, the open camera and feature setting (main.cpp), and the
+// commands that live in files of their own.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kivcam/kivcam.h"
+#include "kivgenapi/KivGenApi.h"
+
+namespace kivcli {
+
+using Args = std::vector<std::string>;
+
+enum Exit : int { kDone = 0, kFailed = 1, kUsage = 2 };
+
+// A failed library call: says which and why (from the last error), gives kFailed.
+int Fail(const char* call);
+// A failure of the feature or camera at hand; gives kFailed.
+int Problem(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// A command line that cannot be run: what is wrong, then where to look; gives kUsage.
+int UsageError(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// What UsageError points at after its message (a line of its own).
+extern const char* g_usage_hint;
+
+enum class Parsed { kOk, kNotNumber, kSigned, kTooBig };
+// Decimal (leading zeros too) or 0x hexadecimal, no sign, at most `max`.
+Parsed ParseUnsigned(const std::string& s, uint64_t max, uint64_t* out);
+// CAMERA (a UID or `first`); on failure says why and gives the exit code.
+bool ParseCamera(const std::string& text, uint64_t* uid, int* rc);
+
+// Declares the newest structure version, which loads the producers.
+bool Start();
+
+// An open camera, closed again whatever happens.
+class Camera {
+ public:
+  Camera() = default;
+  Camera(const Camera&) = delete;
+  Camera& operator=(const Camera&) = delete;
+  ~Camera() { Close(); }
+  void Close() {
+    if (h_) KIVCAM_Close(h_);
+    h_ = nullptr;
+    map_ = nullptr;
+  }
+  int Open(uint64_t uid) {
+    if (!Start()) return kFailed;
+    if (!KIVCAM_Open(uid, &h_)) return Fail("KIVCAM_Open");
+    return kDone;
+  }
+  HCAMERA handle() const { return h_; }
+  KivGenApi::CNodeMapRef* NodeMap() {
+    if (map_) return map_;
+    void* p = nullptr;
+    if (!KIVCAM_GetNodeMap(h_, &p)) {
+      Fail("KIVCAM_GetNodeMap");
+      return nullptr;
+    }
+    return map_ = static_cast<KivGenApi::CNodeMapRef*>(p);
+  }
+
+ private:
+  HCAMERA h_ = nullptr;
+  KivGenApi::CNodeMapRef* map_ = nullptr;
+};
+
+// The value of a feature as text (with its unit), or why there is none.
+std::string ValueText(KivGenApi::INode* n);
+// Sets FEATURE=VALUE assignments in order and prints each value read back;
+// the first failure ends.
+int Set(Camera& cam, const Args& assignments);
+
+// `kivcam grab`: args are the words after "grab".
+int Grab(const Args& args);
+
+}  // namespace kivcli
