@@ -48,6 +48,10 @@ __attribute__((constructor)) void CreateErrorKey() {
   pthread_key_create(&g_error_key, FreeLastError);
 }
 __attribute__((destructor)) void DeleteErrorKey() {
+  // Still initialised: the host is exiting without closing us, and its
+  // threads may still be inside our functions. Their records go with the
+  // process.
+  if (g_prod) return;
   pthread_key_delete(g_error_key);
   for (LastError* e : *g_errors) delete e;
   delete g_errors;
