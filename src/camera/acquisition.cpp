@@ -293,8 +293,11 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
     if (rc == GC_ERR_TIMEOUT) break;
     if (rc != GC_ERR_SUCCESS) {
       m_pGenTL->LogLastError(kName);
-      // Ended because the camera went away: say so.
-      throw Error(visible() ? KIVCAM_ERR_OTHER : KIVCAM_ERR_NO_CAMERA);
+      if (visible()) throw Error(KIVCAM_ERR_OTHER);
+      // Ended because the camera went away. A kill ends one wait only: pass
+      // it on to whoever else waits on this stream (the stream thread, say).
+      m_imageStream.KillWaits();
+      throw Error(KIVCAM_ERR_NO_CAMERA);
     }
     if (queued.empty() && filled.empty()) throw Error(KIVCAM_ERR_NO_IMAGE);
     for (auto it = queued.begin(); it != queued.end(); ++it) {

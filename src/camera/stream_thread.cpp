@@ -147,6 +147,8 @@ void CStreamThread::Run() {
     GC_ERROR rc = stream.WaitNewBuffer(kWaitMs, &event);
     while (!m_hStopEvent->Wait(0)) {
       if (rc == GC_ERR_TIMEOUT) {
+        // The kill of an unplug may have gone to another waiter.
+        if (!camera_.visible()) break;
         // A watcher's stream may end without a word: the controller is gone.
         if (camera_.WatchedStreamGone()) {
           diag::LogEvent(false, kThreadName, "Watched stream ended");

@@ -235,16 +235,23 @@ TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
   ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
   auto cb = [](HCAMERA, void*, uint32_t, uint32_t, uint32_t, ImageInfo*, void*) {};
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, cb, 2, 0), KIVCAM_TRUE);
-  ImageBuffer* b = nullptr;
-  ASSERT_EQ(l.KIVCAM_ImageAlloc(h, &b), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
-  std::atomic<uint32_t> error{0};
-  std::thread waiter([&] { error = Err(l.KIVCAM_ImageComplete(h, b, KIVCAM_INFINITE, nullptr)); });
+  // Two endless completions and the stream thread wait on one stream; an
+  // unplug ends every one of them, not just the first to wake.
+  ImageBuffer* b[2] = {};
+  std::atomic<uint32_t> error[2] = {{0}, {0}};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(l.KIVCAM_ImageAlloc(h, &b[i]), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageReq(h, b[i]), KIVCAM_TRUE);
+  }
+  for (int i = 0; i < 2; ++i)
+    waiters.emplace_back([&, i] { error[i] = Err(l.KIVCAM_ImageComplete(h, b[i], KIVCAM_INFINITE, nullptr)); });
   auto t0 = std::chrono::steady_clock::now();
   ASSERT_EQ(USB().plug(index, 0), 0);
-  waiter.join();
+  for (auto& w : waiters) w.join();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
-  EXPECT_EQ(error.load(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(error[0].load(), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(error[1].load(), KIVCAM_ERR_NO_CAMERA);
   EXPECT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
   EXPECT_TRUE(log_->WaitFor("CKivCamDLL::UserCallBack_Thread", "BusReset User Proc End"));
   EXPECT_GE(g_bus_resets.load(), 1);
