@@ -53,7 +53,11 @@ __attribute__((destructor)) void DeleteErrorKey() {
   // process.
   if (g_prod) return;
   pthread_key_delete(g_error_key);
-  for (LastError* e : *g_errors) delete e;
+  {
+    // A thread that ended just now freed its record under the lock.
+    std::lock_guard<std::mutex> g(*g_errors_mu);
+    for (LastError* e : *g_errors) delete e;
+  }
   delete g_errors;
   delete g_errors_mu;
 }
