@@ -44,7 +44,9 @@ TEST_F(ShareTest, WatchReceivesTheFramesGrabStreamsToAGroup) {
     Background watcher({"watch", kMonoUid, "--mode", mode, "--buffers", "8", "--save", watched, "--format", "raw",
                         "-v"});
     ASSERT_TRUE(watcher.started);
-    ASSERT_TRUE(watcher.ReadUntil("waiting   for a multicast stream: no program streams from the camera yet"))
+    ASSERT_TRUE(watcher.ReadUntil("waiting   for a multicast stream from KivSim-GC1920M, UID " + kMonoUid +
+                                  ": no program streams from it yet (`kivcam grab " + kMonoUid +
+                                  " --multicast 239.1.1.1` does)\n"))
         << watcher.text;
     // Eight buffers each: the five frames come in one burst.
     Background controller({"grab", kMonoUid, "-n", "0", "--buffers", "8", "--multicast", "239.1.1.1", "--timeout",
@@ -78,10 +80,11 @@ TEST_F(ShareTest, WatchWaitsThroughAUnicastStreamAndEndsWithIt) {
   ASSERT_EQ(gige_.deliver(0, 0), 0);
   Background watcher({"watch", kMonoUid});
   ASSERT_TRUE(watcher.started);
-  ASSERT_TRUE(watcher.ReadUntil("no program streams from the camera yet")) << watcher.text;
+  ASSERT_TRUE(watcher.ReadUntil("no program streams from it yet")) << watcher.text;
   Background controller({"grab", kMonoUid, "-n", "0", "--timeout", "inf", "-o", dir_});
   ASSERT_TRUE(controller.started);
-  ASSERT_TRUE(watcher.ReadUntil(" only (unicast), which only its controlling program receives")) << watcher.text;
+  ASSERT_TRUE(watcher.ReadUntil(": it streams to 192.168.2.1 only (unicast), which only its controlling program "
+                                "receives")) << watcher.text;
   kill(controller.pid, SIGINT);
   EXPECT_EQ(controller.Wait(), 128 + SIGINT) << controller.text;
   EXPECT_EQ(watcher.Wait(), kStreamEnded) << watcher.text;

@@ -627,13 +627,15 @@ int Grabber::WaitForStream() {
       return StreamEnded("the controlling program stopped streaming without streaming to a multicast group");
     }
     streamed = streaming;
+    const std::string grab = "`kivcam grab " + std::to_string(uid_) + " --multicast 239.1.1.1`";
     const std::string now =
-        streaming ? "the camera streams to " + AddressText(destination) +
+        streaming ? "it streams to " + AddressText(destination) +
                         " only (unicast), which only its controlling program receives; that program streams to "
-                        "a group with `kivcam grab CAMERA --multicast 239.1.1.1`"
-                  : "no program streams from the camera yet (`kivcam grab CAMERA --multicast 239.1.1.1` does)";
+                        "a group with " + grab
+                  : "no program streams from it yet (" + grab + " does)";
     if (now != shown) {
-      std::printf("waiting   for a multicast stream: %s\n", now.c_str());
+      std::printf("waiting   for a multicast stream from %s, UID %" PRIu64 ": %s\n", model_.c_str(), uid_,
+                  now.c_str());
       std::fflush(stdout);
       shown = now;
     }
