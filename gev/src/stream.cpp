@@ -258,7 +258,9 @@ GC_API DSGetInfo(DS_HANDLE hDataStream, STREAM_INFO_CMD iInfoCmd, INFO_DATATYPE*
     case STREAM_INFO_DEFINES_PAYLOADSIZE: return PutValue<uint8_t>(INFO_DATATYPE_BOOL8, 0, piType, pBuffer, piSize);
     case STREAM_INFO_TLTYPE: return PutString(TLTypeGEVName, piType, pBuffer, piSize);
     case STREAM_INFO_NUM_CHUNKS_MAX: return sz(0);
-    case STREAM_INFO_BUF_ANNOUNCE_MIN: return sz(1);
+    // The engine may start before any buffer is announced: a host allocates
+    // its resources first and its buffers later (the library does).
+    case STREAM_INFO_BUF_ANNOUNCE_MIN: return sz(0);
     case STREAM_INFO_BUF_ALIGNMENT: return sz(1);
     case STREAM_INFO_FLOW_TABLE:
     case STREAM_INFO_GENDC_PREFETCH_DESCRIPTOR: return SetError(GC_ERR_NO_DATA, "No flows");
@@ -394,7 +396,6 @@ GC_API DSStartAcquisition(DS_HANDLE hDataStream, ACQ_START_FLAGS /*iStartFlags*/
   {
     std::lock_guard<std::mutex> l(s->mu);
     if (s->started) return SetError(GC_ERR_RESOURCE_IN_USE, "Acquisition already started");
-    if (s->buffers.empty()) return SetError(GC_ERR_INVALID_BUFFER, "No buffer announced");
     s->started = true;
     s->starts++;
     s->to_acquire = iNumToAcquire;

@@ -1,11 +1,17 @@
 // The library over the network: the command-line tool, started with the
-// network producer first on its loader path, sees, describes and configures
-// an emulated camera, and negotiates its packet size against the path's limit.
+// network producer first on its loader path, sees, describes, configures and
+// grabs an emulated camera, and negotiates its packet size against the path's limit.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "fixture.h"
+#include "pixfmt.h"
 #include "wire.h"
 
 using namespace gevtest;
@@ -51,6 +57,36 @@ TEST_F(Library, KivcamListsDescribesAndConfiguresTheCameraOverTheNetwork) {
   EXPECT_EQ(code, 0) << out;
   EXPECT_EQ(cameras[0]->ReadRegister(0xA000), 320u) << "the camera keeps what the tool set";
   EXPECT_EQ(cameras[0]->ReadRegister(kivgev::kRegCcp), 0u) << "and each command gave it up again";
+}
+
+// Raw files hold the frames as the emulator sent them: its test pattern of
+// frames it produced meanwhile, in order.
+TEST_F(Library, KivcamGrabSavesTheFramesTheEmulatorSends) {
+  namespace fs = std::filesystem;
+  const std::string dir = testing::TempDir() + "kivgev_grab_" + std::to_string(getpid());
+  fs::remove_all(dir);
+  const uint64_t before = cameras[0]->frames();
+  int code = -1;
+  std::string out = Kivcam("grab first -n 4 --format raw -o " + dir + " --set Width=64 Height=32", &code);
+  const uint64_t after = cameras[0]->frames();
+  ASSERT_EQ(code, 0) << out;
+  EXPECT_NE(out.find("64x32 Mono8\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("problems  0 incomplete, 0 errors"), std::string::npos) << out;
+  auto pattern = kivsim::GetPattern(0x01080001 /* Mono8 */, 64, 32);
+  uint64_t next = before;  // the earliest frame the next file may hold
+  for (int i = 1; i <= 4; ++i) {
+    char name[64];
+    std::snprintf(name, sizeof name, "/KivSim-GC1920M-%llu-%06d.raw",
+                  static_cast<unsigned long long>(cameras[0]->mac()), i);
+    std::ifstream in(dir + name, std::ios::binary);
+    const std::string raw((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_EQ(raw.size(), 64u * 32u) << name;
+    uint64_t f = next;
+    while (f < after && std::memcmp(raw.data(), pattern->frame(f), raw.size()) != 0) ++f;
+    EXPECT_LT(f, after) << name << " is no frame the emulator sent after frame " << next;
+    next = f + 1;
+  }
+  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -14,10 +14,17 @@ namespace kivcli {
 
 using Args = std::vector<std::string>;
 
-enum Exit : int { kDone = 0, kFailed = 1, kUsage = 2 };
+enum Exit : int {
+  kDone = 0,
+  kFailed = 1,
+  kUsage = 2,
+  kLost = 3,          // grab, watch: the camera went away (unplugged, or no longer answering)
+  kStreamEnded = 4,   // watch: the controlling program stopped streaming, or ended
+};
 
-// A failed library call: says which and why (from the last error), gives kFailed.
+// A failed library call: says which and why (from the last error, or `code`), gives kFailed.
 int Fail(const char* call);
+int Fail(const char* call, uint32_t code);
 // A failure of the feature or camera at hand; gives kFailed.
 int Problem(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // A command line that cannot be run: what is wrong, then where to look; gives kUsage.
@@ -33,8 +40,11 @@ bool ParseCamera(const std::string& text, uint64_t* uid, int* rc);
 
 // Declares the newest structure version, which loads the producers.
 bool Start();
+// Every camera's entry of KIVCAM_GetList; false when it fails (last error set).
+bool ListCameras(std::vector<CameraListEntry>* cameras);
 
-// An open camera, closed again whatever happens.
+// An open camera, closed again whatever happens: opened for control, or
+// read-only in watch mode (closed with the export of its mode).
 class Camera {
  public:
   Camera() = default;
@@ -42,7 +52,7 @@ class Camera {
   Camera& operator=(const Camera&) = delete;
   ~Camera() { Close(); }
   void Close() {
-    if (h_) KIVCAM_Close(h_);
+    if (h_) watch_ ? KIVCAM_WatchClose(h_) : KIVCAM_Close(h_);
     h_ = nullptr;
     map_ = nullptr;
   }
@@ -51,6 +61,8 @@ class Camera {
     if (!KIVCAM_Open(uid, &h_)) return Fail("KIVCAM_Open");
     return kDone;
   }
+  // Watch mode: `first` is the first GigE camera, a UID is searched among GigE cameras.
+  int WatchOpen(uint64_t uid);
   HCAMERA handle() const { return h_; }
   KivGenApi::CNodeMapRef* NodeMap() {
     if (map_) return map_;
@@ -64,6 +76,7 @@ class Camera {
 
  private:
   HCAMERA h_ = nullptr;
+  bool watch_ = false;
   KivGenApi::CNodeMapRef* map_ = nullptr;
 };
 
@@ -73,7 +86,8 @@ std::string ValueText(KivGenApi::INode* n);
 // the first failure ends.
 int Set(Camera& cam, const Args& assignments);
 
-// `kivcam grab`: args are the words after "grab".
+// `kivcam grab` and `kivcam watch`: args are the words after the command.
 int Grab(const Args& args);
+int Watch(const Args& args);
 
 }  // namespace kivcli

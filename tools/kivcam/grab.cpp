@@ -1,7 +1,9 @@
-// `kivcam grab`: acquires frames from one camera, converts each with the
-// camera's own conversion engine and saves it. Public interface only, so it
-// is also the worked example of an acquisition: request and completion on
-// this thread, or the image callback on the library's stream thread.
+// `kivcam grab` and `kivcam watch`: acquire frames from one camera (grab
+// controls it; watch receives the multicast stream another program controls),
+// convert each with the camera's own conversion engine, save it and/or
+// publish it through the output filter. Public interface only, so it is also
+// the worked example of an acquisition: request and completion on this
+// thread, or the image callback on the library's stream thread.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -35,17 +37,24 @@ namespace ga = KivGenApi;
 enum class Format { kPng, kBmp, kRaw };
 
 struct Options {
+  bool watch = false;  // kivcam watch: read-only, the stream another program controls
   std::string camera;
-  uint64_t frames = 10;  // 0: until interrupted
+  uint64_t frames = 10;  // 0: until interrupted (or, watching, the stream ends)
   bool callback = false;
   uint32_t buffers = 4;
   uint32_t timeout = 5000;
   Format format = Format::kPng;
   std::string out = ".";
+  bool out_given = false;
+  bool save = true;  // decided once the options are read
   uint32_t bits = 24;
+  bool bits_given = false;
   bool parallel = false;
   bool verbose = false;
   bool help = false;
+  bool filter = false;
+  std::string group_text;  // --multicast, as given
+  uint8_t group[4] = {};
   Args settings;
 };
 
@@ -77,17 +86,30 @@ const char kGrabHelp[] =
     "                          `inf` waits without limit); a frame that does not come\n"
     "                          in time ends the grab\n"
     "  --format png|bmp|raw    png (default): 8-bit RGB PNG;\n"
-    "                          bmp: Windows bitmap, its header from KIVCAM_GetBMPINFO;\n"
-    "                          the conversion flips the rows, since a bitmap stores\n"
-    "                          its bottom row first;\n"
+    "                          bmp: Windows bitmap, its header from KIVCAM_GetBMPINFO,\n"
+    "                          its rows stored bottom row first as bitmaps keep them;\n"
     "                          raw: the pixels as the camera sent them, unconverted\n"
     "                          (any pixel format; the summary names format and size)\n"
-    "  -o, --out DIR           folder for the files, made if missing (default .)\n"
+    "  -o, --out DIR           folder for the files, made if missing (default .);\n"
+    "                          --save DIR is the same\n"
     "  --bits 24|32            converted pixels: 24-bit B,G,R or 32-bit B,G,R,unused\n"
-    "                          (default 24; a PNG holds R,G,B either way)\n"
+    "                          (default 24, with --filter 32; a PNG holds R,G,B either way)\n"
     "  --parallel              convert on a team of threads\n"
     "  --set FEATURE=VALUE...  set features before acquiring, in order, as `kivcam set`\n"
     "                          does (several after one --set, or --set repeated)\n"
+    "  --multicast GROUP       stream to a multicast group 239.0-127.1-255.x (for example\n"
+    "                          239.1.1.1) with KIVCAM_ResourceAllocGigE, so that\n"
+    "                          `kivcam watch CAMERA` in other programs receives the\n"
+    "                          same frames; GigE cameras only\n"
+    "  --filter                publish every frame for kivcam-view through this process's\n"
+    "                          output filter (the process id is printed first): each is\n"
+    "                          converted to 32-bit B,G,R,unused straight into the\n"
+    "                          channel's slot (KIVCAMFILTER_GetAddr, conversion,\n"
+    "                          KIVCAMFILTER_Flush). When the only free slot holds the\n"
+    "                          newest frame, which the reader may be taking, the frame is\n"
+    "                          converted aside and copied in with KIVCAMFILTER_OutPut, so\n"
+    "                          the reader never sees one torn. Files are then saved only\n"
+    "                          when --out names a folder, made from the frame as published.\n"
     "  -v, --verbose           print each file's name once it is written\n"
     "  -h, --help              this text\n"
     "\n"
@@ -101,13 +123,55 @@ const char kGrabHelp[] =
     "ends the program at once.\n"
     "\n"
     "Exit codes: 0 every frame grabbed and saved; 1 a library call failed, a frame\n"
-    "could not be converted or saved, or no frame came in time; 2 usage; 128 plus\n"
-    "the signal number when interrupted (130 for Ctrl-C).\n"
+    "could not be converted or saved, or no frame came in time; 2 usage; 3 the camera\n"
+    "was lost (unplugged, or it stopped answering); 128 plus the signal number when\n"
+    "interrupted (130 for Ctrl-C).\n"
     "\n"
     "Examples:\n"
     "  kivcam grab first -n 5 --out frames\n"
     "  kivcam grab first --format bmp --bits 32 --set Width=1920 Height=1200\n"
-    "  kivcam grab first -n 0 --mode callback --set PixelFormat=Mono12 --format raw\n";
+    "  kivcam grab first -n 0 --mode callback --set PixelFormat=Mono12 --format raw\n"
+    "  kivcam grab first -n 0 --multicast 239.1.1.1    (and `kivcam watch first` elsewhere)\n"
+    "  kivcam grab first -n 0 --filter                 (and `kivcam-view PID` elsewhere)\n";
+
+const char kWatchHelp[] =
+    "usage: kivcam watch CAMERA [options]\n"
+    "\n"
+    "Receives the frames of a GigE camera that another program controls and streams\n"
+    "to a multicast group, for example `kivcam grab CAMERA --multicast 239.1.1.1` in\n"
+    "another terminal. The camera is opened read-only (watch mode, KIVCAM_WatchOpen):\n"
+    "its settings and its stream stay the controlling program's. Until that program\n"
+    "streams to a group, kivcam watch waits and says what the camera does (nothing\n"
+    "yet, or a stream to one address only, which no one else receives). Then it\n"
+    "counts the frames, converts each with the camera's own conversion engine and,\n"
+    "with --save, saves it as kivcam grab does. It ends after N frames, when the\n"
+    "controlling program stops streaming or ends, or on Ctrl-C.\n"
+    "\n"
+    "CAMERA is a UID from `kivcam list` (decimal, or hexadecimal with 0x) or `first`\n"
+    "for the first GigE camera (read-only, so it may be one another program holds).\n"
+    "USB cameras can't be watched.\n"
+    "\n"
+    "Options:\n"
+    "  -n, --frames N          frames to receive (default 0: until the stream ends)\n"
+    "  --save DIR              save the frames in DIR, made if missing (-o, --out DIR\n"
+    "                          is the same); without it frames are only counted\n"
+    "  --format png|bmp|raw    the files, as kivcam grab writes them (default png)\n"
+    "  --timeout MS            longest wait for a frame, the first one (and so the wait\n"
+    "                          for a multicast stream) included (default inf: no limit)\n"
+    "  --filter                publish every frame for kivcam-view, as kivcam grab does\n"
+    "  --mode request|callback, --buffers K, --bits 24|32, --parallel, -v, --verbose\n"
+    "                          as kivcam grab (`kivcam grab --help`)\n"
+    "  -h, --help              this text\n"
+    "\n"
+    "Exit codes: 0 N frames received; 1 a library call failed, a frame could not be\n"
+    "converted or saved, or no frame came in time; 2 usage; 3 the camera was lost;\n"
+    "4 the stream ended: the controlling program stopped streaming or ended before N\n"
+    "frames (with -n 0 whenever it ends); 128 plus the signal number when\n"
+    "interrupted (130 for Ctrl-C).\n"
+    "\n"
+    "Examples:\n"
+    "  kivcam watch first\n"
+    "  kivcam watch 690264997889 -n 100 --save watched --format raw\n";
 
 // ---- options ----------------------------------------------------------------
 
@@ -117,6 +181,28 @@ bool Number(const std::string& option, const std::string& text, uint64_t min, ui
                    text.c_str());
   return false;
 }
+
+// A dotted IPv4 address, four decimal octets.
+bool ParseAddress(const std::string& text, uint8_t out[4]) {
+  size_t at = 0;
+  for (int i = 0; i < 4; ++i) {
+    const size_t end = i < 3 ? text.find('.', at) : text.size();
+    if (end == std::string::npos) return false;
+    uint64_t v = 0;
+    const std::string octet = text.substr(at, end - at);
+    if (octet.empty() || octet.size() > 3 || octet.find_first_not_of("0123456789") != std::string::npos ||
+        ParseUnsigned(octet, 255, &v) != Parsed::kOk) {
+      return false;
+    }
+    out[i] = static_cast<uint8_t>(v);
+    at = end + 1;
+  }
+  return true;
+}
+
+// The groups the library streams to: the organisation-local scope 239.0-127.x.x,
+// third octet not 0.
+bool IsStreamGroup(const uint8_t a[4]) { return a[0] == 239 && a[1] <= 127 && a[2] != 0; }
 
 bool IsAssignment(const std::string& w) {
   const size_t eq = w.find('=');
@@ -171,19 +257,38 @@ int ParseOptions(const Args& args, Options* o) {
       else if (value == "bmp") o->format = Format::kBmp;
       else if (value == "raw") o->format = Format::kRaw;
       else return UsageError("--format is png, bmp or raw, not '%s'", value.c_str());
-    } else if (word == "-o" || word == "--out") {
+    } else if (word == "-o" || word == "--out" || word == "--save") {
       if (!takes_value()) return rc;
-      if (value.empty()) return UsageError("--out needs a folder");
+      if (value.empty()) return UsageError("%s needs a folder", word.c_str());
       o->out = value;
+      o->out_given = true;
     } else if (word == "--bits") {
       if (!takes_value()) return rc;
       if (value != "24" && value != "32") return UsageError("--bits is 24 or 32, not '%s'", value.c_str());
       o->bits = value == "24" ? 24 : 32;
+      o->bits_given = true;
+    } else if (word == "--filter") {
+      o->filter = true;
+    } else if (word == "--multicast") {
+      if (o->watch) {
+        return UsageError("kivcam watch receives the group the controlling program streams to; --multicast is "
+                          "for kivcam grab");
+      }
+      if (!takes_value()) return rc;
+      if (!ParseAddress(value, o->group) || !IsStreamGroup(o->group)) {
+        return UsageError("--multicast takes a multicast group 239.0-127.1-255.x (for example 239.1.1.1), not '%s'",
+                          value.c_str());
+      }
+      o->group_text = value;
     } else if (word == "--parallel") {
       o->parallel = true;
     } else if (word == "-v" || word == "--verbose") {
       o->verbose = true;
     } else if (word == "--set") {
+      if (o->watch) {
+        return UsageError("kivcam watch leaves the camera's settings to the controlling program; --set is for "
+                          "kivcam grab");
+      }
       if (!takes_value()) return rc;
       if (!IsAssignment(value)) return UsageError("'%s' is not FEATURE=VALUE", value.c_str());
       o->settings.push_back(value);
@@ -193,9 +298,16 @@ int ParseOptions(const Args& args, Options* o) {
     } else if (o->camera.empty()) {
       o->camera = word;
     } else {
-      return UsageError("unexpected argument '%s' (one CAMERA; settings go after --set)", word.c_str());
+      return UsageError("unexpected argument '%s' (one CAMERA%s)", word.c_str(),
+                        o->watch ? "" : "; settings go after --set");
     }
   }
+  if (o->filter && o->bits_given && o->bits != 32) {
+    return UsageError("--filter publishes 32-bit pixels; --bits 24 does not go with it");
+  }
+  if (o->filter) o->bits = 32;
+  // Frames that go elsewhere (a watcher's, or the filter's) are saved only when asked.
+  o->save = o->out_given || (!o->watch && !o->filter);
   return kDone;
 }
 
@@ -324,6 +436,21 @@ class SignalWatch {
 
 double Seconds(std::chrono::steady_clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
+// Bus events (a camera came or went) counted for the waiting thread. The
+// library's callback thread may call in until the process ends, so it
+// touches nothing that a return from Grab could destroy.
+std::atomic<uint32_t> g_bus_events{0};
+void OnBusEvent(uint32_t, void*) { ++g_bus_events; }
+
+// The GigE Vision bootstrap registers of stream channel 0: its port (0 when
+// closed) and its destination address.
+constexpr uint32_t kRegStreamPort = 0x0D00;
+constexpr uint32_t kRegStreamDestination = 0x0D18;
+
+std::string AddressText(const uint8_t a[4]) {
+  return std::to_string(a[0]) + "." + std::to_string(a[1]) + "." + std::to_string(a[2]) + "." + std::to_string(a[3]);
+}
+
 class Grabber {
  public:
   explicit Grabber(const Options& o) : o_(o), tty_(isatty(STDERR_FILENO) == 1) {}
@@ -333,14 +460,21 @@ class Grabber {
   HCAMERA cam() const { return camera_.handle(); }
   bool stopping() const { return stop_.load(); }
   int Prepare();
+  int AllocResources();
+  int WaitForStream();
   int RunRequests();
   int RunCallback();
+  int Start();
+  int CheckSource();
+  int Lost();
+  int StreamEnded(const char* why);
   int Finish();
   void OnInterrupt();
   static void OnImage(HCAMERA camera, void* data, uint32_t size, uint32_t width, uint32_t height, ImageInfo* info,
                       void* context);
-  void Save(uint64_t number, const void* data, uint32_t size, uint32_t width, uint32_t height,
-            const ImageBuffer* buffer);
+  void Frame(uint64_t number, const void* data, uint32_t size, uint32_t width, uint32_t height,
+             const ImageBuffer* buffer);
+  bool Convert(uint64_t number, const void* data, const ImageBuffer* buffer, void* dst);
   int NoFrameInTime();
   void FrameError(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   void Progress(bool final);
@@ -351,15 +485,18 @@ class Grabber {
   const Options& o_;
   const bool tty_;
   Camera camera_;
-  std::string model_, base_, geometry_;
+  std::string model_, base_, geometry_, stream_;
   uint64_t uid_ = 0;
 
   // The bitmap the conversions fill, and the header that describes it.
+  bool converting_ = false;
   std::vector<uint8_t> info_;
   std::vector<uint8_t> pixels_;
+  uint32_t width_ = 0, height_ = 0;
   size_t stride_ = 0;
 
-  bool allocated_ = false, callback_installed_ = false, started_ = false;
+  bool allocated_ = false, callback_installed_ = false, started_ = false, filter_ = false;
+  bool lost_ = false;
   std::mutex stop_mutex_;   // orders an interrupt's abort against the clean-up
   bool acquiring_ = false;  // under stop_mutex_
   std::atomic<bool> stop_{false}, done_{false};
@@ -369,6 +506,7 @@ class Grabber {
   std::chrono::steady_clock::time_point start_, end_;
   std::atomic<bool> counting_{false};
   std::atomic<uint64_t> frames_{0}, incomplete_{0}, errors_{0}, written_{0}, bytes_{0};
+  std::atomic<uint64_t> published_{0}, copied_{0};
   std::string first_file_, last_file_;
 
   std::mutex console_;  // progress line, messages and file lines share the terminal
@@ -394,27 +532,31 @@ int Grabber::Prepare() {
   model_ = std::string(e.Model, strnlen(e.Model, sizeof e.Model));
   uid_ = e.UID;
   base_ = FileSafe(model_) + "-" + std::to_string(uid_);
+  if (!o_.group_text.empty() && e.CameraKind != KIVCAM_CAMERAKIND_GIGE) {
+    return Problem("--multicast needs a GigE camera; %s (UID %" PRIu64 ") is a %s camera", model_.c_str(), uid_,
+                   e.CameraKind == KIVCAM_CAMERAKIND_USB ? "USB" : "IIDC");
+  }
   if (!o_.settings.empty()) {
     if (int rc = Set(camera_, o_.settings)) return rc;
     std::fflush(stdout);
   }
-  if (o_.format != Format::kRaw) {
-    // Bitmaps keep their bottom row first: a flipped conversion shows upright.
-    KIVCAM_CONVMODE mode = {o_.format == Format::kBmp ? KIVCAM_GEOMETRY_FLIP : KIVCAM_GEOMETRY_AS_IS,
-                            KIVCAM_SHIFT_AUTO, o_.bits == 24 ? KIVCAM_OUTPUT_BGR24 : KIVCAM_OUTPUT_BGRX32, 0,
-                            o_.parallel ? 1u : 0u};
+  converting_ = o_.format != Format::kRaw || o_.filter;
+  if (converting_) {
+    KIVCAM_CONVMODE mode = {KIVCAM_GEOMETRY_AS_IS, KIVCAM_SHIFT_AUTO,
+                            o_.bits == 24 ? KIVCAM_OUTPUT_BGR24 : KIVCAM_OUTPUT_BGRX32, 0, o_.parallel ? 1u : 0u};
     if (!KIVCAM_ConvMode(cam(), &mode, nullptr)) return Fail("KIVCAM_ConvMode");
   }
-  if (!KIVCAM_ResourceAlloc(cam())) return Fail("KIVCAM_ResourceAlloc");
-  allocated_ = true;
+  if (int rc = AllocResources()) return rc;
+  if (stopping()) return kDone;  // interrupted while waiting for a stream
   geometry_ = FeatureText("Width") + "x" + FeatureText("Height") + " " + FeatureText("PixelFormat");
-  if (o_.format == Format::kRaw) return kDone;
+  if (!converting_) return kDone;
 
   uint32_t size = 0;
   if (!KIVCAM_GetBMPINFO(cam(), nullptr, &size, 0)) {
     if (KIVCAM_GetLastError() == KIVCAM_ERR_FORMAT) {
-      return Problem("the pixel format %s has no conversion to a bitmap; --format raw saves the frames as they come",
-                     FeatureText("PixelFormat").c_str());
+      return Problem("the pixel format %s has no conversion to a bitmap; %s", FeatureText("PixelFormat").c_str(),
+                     o_.filter ? "--filter publishes converted frames only"
+                               : "--format raw saves the frames as they come");
     }
     return Fail("KIVCAM_GetBMPINFO");
   }
@@ -424,33 +566,148 @@ int Grabber::Prepare() {
   }
   KIVCAM_BITMAPINFOHEADER h;
   std::memcpy(&h, info_.data(), sizeof h);
-  const size_t width = static_cast<size_t>(h.biWidth), height = static_cast<size_t>(h.biHeight);
-  stride_ = h.biBitCount == 32 ? width * 4 : (width * 3 + 3) / 4 * 4;
-  pixels_.assign(std::max<size_t>(h.biSizeImage, stride_ * height), 0);
+  width_ = static_cast<uint32_t>(h.biWidth);
+  height_ = static_cast<uint32_t>(h.biHeight);
+  stride_ = h.biBitCount == 32 ? size_t{width_} * 4 : (size_t{width_} * 3 + 3) / 4 * 4;
+  pixels_.assign(std::max<size_t>(h.biSizeImage, stride_ * height_), 0);
+  if (o_.filter) {
+    if (KIVCAMFILTER_Alloc(width_, height_, 0) != KIVCAMFILTER_OK) {
+      return Problem("the output filter's frame channel could not be made (KIVCAMFILTER_Alloc; kivcam-monitor "
+                     "shows details)");
+    }
+    filter_ = true;
+    std::printf("publishing frames for kivcam-view %d (%ux%u, 32-bit B,G,R,unused)\n", static_cast<int>(getpid()),
+                width_, height_);
+    std::fflush(stdout);
+  }
   return kDone;
 }
 
-void Grabber::Save(uint64_t number, const void* data, uint32_t size, uint32_t width, uint32_t height,
-                   const ImageBuffer* buffer) {
+// Control: the camera's own stream, or the multicast group asked for.
+// Watch: once the controlling program streams to a group.
+int Grabber::AllocResources() {
+  if (o_.watch) {
+    if (int rc = WaitForStream()) return rc;
+    if (stopping()) return kDone;
+    if (!KIVCAM_WatchAlloc(cam())) return Fail("KIVCAM_WatchAlloc");
+  } else if (!o_.group_text.empty()) {
+    if (!KIVCAM_ResourceAllocGigE(cam(), o_.group, 0)) return Fail("KIVCAM_ResourceAllocGigE");
+    stream_ = "to the multicast group " + o_.group_text;
+  } else if (!KIVCAM_ResourceAlloc(cam())) {
+    return Fail("KIVCAM_ResourceAlloc");
+  }
+  allocated_ = true;
+  return kDone;
+}
+
+// Polls the camera's stream channel until the controlling program streams to
+// a multicast group, saying what it does meanwhile. A controller seen
+// streaming to one address that then stops has ended the session.
+int Grabber::WaitForStream() {
+  constexpr auto kPoll = std::chrono::milliseconds(200);
+  const auto begin = std::chrono::steady_clock::now();
+  std::string shown;
+  bool streamed = false;
+  for (;;) {
+    uint32_t state = 0;
+    if (!KIVCAM_WatchCamera(cam(), &state)) {
+      return KIVCAM_GetLastError() == KIVCAM_ERR_NO_CAMERA ? Lost() : Fail("KIVCAM_WatchCamera");
+    }
+    uint8_t port[4] = {}, destination[4] = {};
+    uint32_t size = sizeof port;
+    if (!KIVCAM_ReadPort(cam(), kRegStreamPort, port, &size)) return Fail("KIVCAM_ReadPort");
+    size = sizeof destination;
+    if (!KIVCAM_ReadPort(cam(), kRegStreamDestination, destination, &size)) return Fail("KIVCAM_ReadPort");
+    if (state == 1) {
+      stream_ = "from the multicast group " + AddressText(destination);
+      return kDone;
+    }
+    const bool streaming = (port[0] | port[1] | port[2] | port[3]) != 0;
+    if (!streaming && streamed) {
+      return StreamEnded("the controlling program stopped streaming without streaming to a multicast group");
+    }
+    streamed = streaming;
+    const std::string grab = "`kivcam grab " + std::to_string(uid_) + " --multicast 239.1.1.1`";
+    const std::string now =
+        streaming ? "it streams to " + AddressText(destination) +
+                        " only (unicast), which only its controlling program receives; that program streams to "
+                        "a group with " + grab
+                  : "no program streams from it yet (" + grab + " does)";
+    if (now != shown) {
+      std::printf("waiting   for a multicast stream from %s, UID %" PRIu64 ": %s\n", model_.c_str(), uid_,
+                  now.c_str());
+      std::fflush(stdout);
+      shown = now;
+    }
+    if (o_.timeout != KIVCAM_INFINITE &&
+        std::chrono::steady_clock::now() - begin >= std::chrono::milliseconds(o_.timeout)) {
+      return Problem("no multicast stream within %u ms (--timeout sets the wait)", o_.timeout);
+    }
+    std::unique_lock<std::mutex> l(wait_mutex_);
+    if (wait_cv_.wait_for(l, kPoll, [this] { return stopping(); })) return kDone;
+  }
+}
+
+int Grabber::Start() {
+  if (o_.watch ? !KIVCAM_WatchStart(cam()) : !KIVCAM_ImageStart(cam())) {
+    return Fail(o_.watch ? "KIVCAM_WatchStart" : "KIVCAM_ImageStart");
+  }
+  started_ = true;
+  if (!stream_.empty()) {
+    std::printf("%s frames %s\n", o_.watch ? "receiving" : "streaming", stream_.c_str());
+    std::fflush(stdout);
+  }
+  return kDone;
+}
+
+// Converts one frame into dst with the camera's engine; false (counted) when it fails.
+bool Grabber::Convert(uint64_t number, const void* data, const ImageBuffer* buffer, void* dst) {
+  if (buffer ? KIVCAM_ImageConvExec(cam(), buffer, dst) : KIVCAM_BufferConvExec(cam(), data, dst)) return true;
+  FrameError("converting frame %" PRIu64 " failed: error %u", number, KIVCAM_GetLastError());
+  return false;
+}
+
+void Grabber::Frame(uint64_t number, const void* data, uint32_t size, uint32_t width, uint32_t height,
+                    const ImageBuffer* buffer) {
+  const uint8_t* converted = nullptr;
+  if (filter_) {
+    void* slot = nullptr;
+    int32_t status = KIVCAMFILTER_GetAddr(&slot);
+    if (status == KIVCAMFILTER_OK) {
+      if (!Convert(number, data, buffer, slot)) return;
+      status = KIVCAMFILTER_Flush();
+      converted = static_cast<const uint8_t*>(slot);
+    } else if (status == KIVCAMFILTER_NEWEST_SLOT) {
+      // The free slot holds the newest frame, which the reader may be taking
+      // right now: filled in place it could reach the reader torn. A copy
+      // under the channel's mutex never does.
+      if (!Convert(number, data, buffer, pixels_.data())) return;
+      converted = pixels_.data();
+      status = KIVCAMFILTER_OutPut(converted);
+      if (status == KIVCAMFILTER_NEWEST_SLOT) status = KIVCAMFILTER_OK;
+      ++copied_;
+    }
+    if (status != KIVCAMFILTER_OK) {
+      FrameError("publishing frame %" PRIu64 " failed: output filter status %d", number, status);
+      return;
+    }
+    ++published_;
+  }
+  if (!o_.save) return;
   const std::string path = FileName(number);
   std::string error;
   bool ok;
   if (o_.format == Format::kRaw) {
     ok = WriteRaw(path, data, size, &error);
   } else {
-    KIVCAM_BOOL converted = buffer ? KIVCAM_ImageConvExec(cam(), buffer, pixels_.data())
-                                   : KIVCAM_BufferConvExec(cam(), data, pixels_.data());
     if (!converted) {
-      FrameError("converting frame %" PRIu64 " failed: error %u", number, KIVCAM_GetLastError());
-      return;
+      if (!Convert(number, data, buffer, pixels_.data())) return;
+      converted = pixels_.data();
     }
-    if (o_.format == Format::kPng) {
-      BgrImage image{pixels_.data(), width, height, o_.bits / 8, stride_};
-      ok = WritePng(path, image, &error);
-    } else {
-      const auto* h = reinterpret_cast<const KIVCAM_BITMAPINFOHEADER*>(info_.data());
-      ok = WriteBmp(path, info_.data(), static_cast<uint32_t>(info_.size()), pixels_.data(), h->biSizeImage, &error);
-    }
+    BgrImage image{converted, width, height, o_.bits / 8, stride_};
+    ok = o_.format == Format::kPng
+             ? WritePng(path, image, &error)
+             : WriteBmp(path, info_.data(), static_cast<uint32_t>(info_.size()), image, &error);
   }
   if (!ok) {
     FrameError("%s", error.c_str());
@@ -491,6 +748,30 @@ int Grabber::NoFrameInTime() {
                  o_.timeout);
 }
 
+int Grabber::Lost() {
+  lost_ = true;
+  Problem("the camera is gone: unplugged, or it no longer answers (kivcam list shows what is there)");
+  return kLost;
+}
+
+int Grabber::StreamEnded(const char* why) {
+  Problem("the watched stream ended: %s", why);
+  return kStreamEnded;
+}
+
+// Whether the frames can still come: the camera is there and, watching,
+// its controller still streams to the group.
+int Grabber::CheckSource() {
+  uint32_t present = 1;
+  if (KIVCAM_Camera(cam(), &present) && present == 0) return Lost();
+  if (!o_.watch) return kDone;
+  uint32_t state = 1;
+  if (!KIVCAM_WatchCamera(cam(), &state)) {
+    return KIVCAM_GetLastError() == KIVCAM_ERR_NO_CAMERA ? Lost() : Fail("KIVCAM_WatchCamera");
+  }
+  return state == 1 ? kDone : StreamEnded("the controlling program stopped streaming, or ended");
+}
+
 int Grabber::RunRequests() {
   const uint32_t count = o_.buffers;
   std::vector<ImageBuffer*> buffers;
@@ -506,8 +787,7 @@ int Grabber::RunRequests() {
   for (uint32_t i = 0; i < count && (n == 0 || i < n); ++i) {
     if (!KIVCAM_ImageReq(cam(), buffers[i])) return Fail("KIVCAM_ImageReq");
   }
-  if (!KIVCAM_ImageStart(cam())) return Fail("KIVCAM_ImageStart");
-  started_ = true;
+  if (int rc = Start()) return rc;
   start_ = std::chrono::steady_clock::now();
   counting_ = true;
   for (uint64_t i = 0; n == 0 || i < n; ++i) {
@@ -515,7 +795,7 @@ int Grabber::RunRequests() {
     ImageBuffer* b = buffers[i % count];
     if (KIVCAM_ImageComplete(cam(), b, o_.timeout, nullptr)) {
       bytes_ += b->PayloadSize;
-      Save(i + 1, b->Data, b->PayloadSize, b->Width, b->Height, b);
+      Frame(i + 1, b->Data, b->PayloadSize, b->Width, b->Height, b);
     } else {
       const uint32_t err = KIVCAM_GetLastError();
       if (stopping()) break;  // the wait was aborted
@@ -523,6 +803,12 @@ int Grabber::RunRequests() {
         ++incomplete_;
       } else if (err == KIVCAM_ERR_TIMEOUT) {
         return NoFrameInTime();
+      } else if (err == KIVCAM_ERR_NO_CAMERA) {
+        return Lost();
+      } else if (err == KIVCAM_ERR_NOT_RUNNING && o_.watch) {
+        // The stream watched is gone; the camera may have gone with it.
+        int rc = CheckSource();
+        return rc != kDone ? rc : StreamEnded("the controlling program stopped streaming, or ended");
       } else {
         return Fail("KIVCAM_ImageComplete");
       }
@@ -531,7 +817,7 @@ int Grabber::RunRequests() {
     // Queued again only for a frame still wanted.
     if ((n == 0 || i + count < n) && !KIVCAM_ImageReq(cam(), b)) {
       if (stopping()) break;
-      return Fail("KIVCAM_ImageReq");
+      return KIVCAM_GetLastError() == KIVCAM_ERR_NO_CAMERA ? Lost() : Fail("KIVCAM_ImageReq");
     }
   }
   return kDone;
@@ -546,7 +832,7 @@ void Grabber::OnImage(HCAMERA, void* data, uint32_t size, uint32_t width, uint32
     ++self->incomplete_;
   } else {
     self->bytes_ += size;
-    self->Save(number, data, size, width, height, nullptr);
+    self->Frame(number, data, size, width, height, nullptr);
   }
   {
     std::lock_guard<std::mutex> l(self->wait_mutex_);
@@ -556,28 +842,45 @@ void Grabber::OnImage(HCAMERA, void* data, uint32_t size, uint32_t width, uint32
   self->wait_cv_.notify_all();
 }
 
+// The stream thread hands over the frames; this thread waits for the last
+// one. It looks after the camera meanwhile: a camera that goes away, or a
+// watched stream that ends, stops the stream thread without a word.
 int Grabber::RunCallback() {
+  using clock = std::chrono::steady_clock;
+  constexpr auto kSlice = std::chrono::milliseconds(200);
+  constexpr auto kCheck = std::chrono::seconds(1);
   if (!KIVCAM_SetImageCallBack(cam(), this, &Grabber::OnImage, o_.buffers, 0)) return Fail("KIVCAM_SetImageCallBack");
   callback_installed_ = true;
-  start_ = std::chrono::steady_clock::now();
+  start_ = clock::now();
   counting_ = true;
-  if (!KIVCAM_ImageStart(cam())) return Fail("KIVCAM_ImageStart");
-  started_ = true;
+  if (int rc = Start()) return rc;
+  clock::time_point last_frame = clock::now(), last_check = last_frame;
+  uint32_t events = g_bus_events;
   std::unique_lock<std::mutex> l(wait_mutex_);
   for (;;) {
     const uint64_t seen = frames_;
-    auto moved = [&] { return done_ || stopping() || frames_ != seen; };
-    if (o_.timeout == KIVCAM_INFINITE) {
-      wait_cv_.wait(l, moved);
-    } else if (!wait_cv_.wait_for(l, std::chrono::milliseconds(o_.timeout), moved)) {
+    wait_cv_.wait_for(l, kSlice, [&] { return done_ || stopping() || frames_ != seen; });
+    if (done_ || stopping()) return kDone;
+    const clock::time_point now = clock::now();
+    if (frames_ != seen) {
+      last_frame = now;
+    } else if (o_.timeout != KIVCAM_INFINITE && now - last_frame >= std::chrono::milliseconds(o_.timeout)) {
       return NoFrameInTime();
     }
-    if (done_ || stopping()) return kDone;
+    if (g_bus_events != events || now - last_check >= kCheck) {
+      events = g_bus_events;
+      last_check = now;
+      l.unlock();
+      const int rc = CheckSource();
+      l.lock();
+      if (rc != kDone) return rc;
+    }
   }
 }
 
-// Ctrl-C: a completion waiting in the library is aborted; a callback grab is
-// woken. The clean-up then runs on the main thread as after the last frame.
+// Ctrl-C: a completion waiting in the library is aborted; a callback grab or
+// a watcher waiting for its stream is woken. The clean-up then runs on the
+// main thread as after the last frame.
 void Grabber::OnInterrupt() {
   {
     std::lock_guard<std::mutex> l(wait_mutex_);
@@ -589,7 +892,9 @@ void Grabber::OnInterrupt() {
 }
 
 // Undoes what Run did, in this order: the callback, the acquisition, the
-// requests, the resources and the buffers; the camera closes last.
+// requests, the resources, the buffers and the frame channel; the camera
+// closes last. A camera that is gone refuses some of it: its close releases
+// the rest.
 int Grabber::Finish() {
   {
     std::lock_guard<std::mutex> l(stop_mutex_);
@@ -597,15 +902,21 @@ int Grabber::Finish() {
   }
   if (counting_) end_ = std::chrono::steady_clock::now();
   int rc = kDone;
-  if (callback_installed_ && !KIVCAM_SetImageCallBack(cam(), nullptr, nullptr, 0, 0)) {
-    rc = Fail("KIVCAM_SetImageCallBack");
+  auto check = [&](KIVCAM_BOOL ok, const char* call) {
+    if (!ok && !(lost_ && KIVCAM_GetLastError() == KIVCAM_ERR_NO_CAMERA)) rc = Fail(call);
+  };
+  if (callback_installed_) check(KIVCAM_SetImageCallBack(cam(), nullptr, nullptr, 0, 0), "KIVCAM_SetImageCallBack");
+  if (started_) {
+    o_.watch ? check(KIVCAM_WatchStop(cam()), "KIVCAM_WatchStop") : check(KIVCAM_ImageStop(cam()), "KIVCAM_ImageStop");
   }
-  if (started_ && !KIVCAM_ImageStop(cam())) rc = Fail("KIVCAM_ImageStop");
   if (allocated_) {
-    if (!KIVCAM_ImageReqAbortAll(cam())) rc = Fail("KIVCAM_ImageReqAbortAll");
-    if (!KIVCAM_ResourceRelease(cam())) rc = Fail("KIVCAM_ResourceRelease");
-    if (!KIVCAM_ImageFreeAll(cam())) rc = Fail("KIVCAM_ImageFreeAll");
+    check(KIVCAM_ImageReqAbortAll(cam()), "KIVCAM_ImageReqAbortAll");
+    o_.watch ? check(KIVCAM_WatchRelease(cam()), "KIVCAM_WatchRelease")
+             : check(KIVCAM_ResourceRelease(cam()), "KIVCAM_ResourceRelease");
+    check(KIVCAM_ImageFreeAll(cam()), "KIVCAM_ImageFreeAll");
   }
+  if (filter_) KIVCAMFILTER_Free();
+  if (cam()) KIVCAM_SetCallBack(nullptr, nullptr);
   camera_.Close();
   return rc;
 }
@@ -629,10 +940,20 @@ void Grabber::PrintSummary() {
   const uint64_t frames = frames_;
   std::string of = o_.frames ? " of " + std::to_string(o_.frames) : std::string();
   std::printf("camera    %s, UID %" PRIu64 ", %s\n", model_.c_str(), uid_, geometry_.c_str());
-  std::printf("grabbed   %" PRIu64 "%s frames in %.3f s: %.1f frames/s, %.1f MB/s (%s mode, %u buffers)\n", frames,
-              of.c_str(), s, s > 0 ? frames / s : 0.0, s > 0 ? bytes_ / s / 1e6 : 0.0,
-              o_.callback ? "callback" : "request", o_.buffers);
+  std::printf("%s   %" PRIu64 "%s frames in %.3f s: %.1f frames/s, %.1f MB/s (%s mode, %u buffers)\n",
+              o_.watch ? "watched" : "grabbed", frames, of.c_str(), s, s > 0 ? frames / s : 0.0,
+              s > 0 ? bytes_ / s / 1e6 : 0.0, o_.callback ? "callback" : "request", o_.buffers);
   std::printf("problems  %" PRIu64 " incomplete, %" PRIu64 " errors\n", incomplete_.load(), errors_.load());
+  if (filter_) {
+    std::printf("filter    %" PRIu64 " frames published for kivcam-view %d: %" PRIu64 " converted in place, %" PRIu64
+                " copied (the free slot was the newest frame's)\n",
+                published_.load(), static_cast<int>(getpid()), published_ - copied_, copied_.load());
+  }
+  if (!o_.save) {
+    std::printf("files     none (%s DIR saves the frames)\n", o_.watch ? "--save" : "--out");
+    std::fflush(stdout);
+    return;
+  }
   static const char* const kKind[] = {"PNG", "BMP", "raw"};
   std::printf("files     %" PRIu64 " %s in %s", written_.load(), kKind[static_cast<int>(o_.format)], o_.out.c_str());
   if (written_ == 1) std::printf(": %s", first_file_.substr(first_file_.rfind('/') + 1).c_str());
@@ -646,8 +967,9 @@ void Grabber::PrintSummary() {
 
 int Grabber::Run(uint64_t uid) {
   SignalWatch signals([this] { OnInterrupt(); }, [this] { Progress(false); }, 250);
-  int rc = camera_.Open(uid);
+  int rc = o_.watch ? camera_.WatchOpen(uid) : camera_.Open(uid);
   if (rc == kDone) {
+    KIVCAM_SetCallBack(nullptr, &OnBusEvent);
     {
       std::lock_guard<std::mutex> l(stop_mutex_);
       acquiring_ = true;
@@ -670,14 +992,19 @@ int Grabber::Run(uint64_t uid) {
   return rc;
 }
 
-}  // namespace
-
-int Grab(const Args& args) {
-  g_usage_hint = "Try 'kivcam grab --help' for more information.";
+// Parses and checks the options of `grab` or `watch`, then runs it.
+int Acquire(const Args& args, bool watch) {
+  g_usage_hint = watch ? "Try 'kivcam watch --help' for more information."
+                       : "Try 'kivcam grab --help' for more information.";
   Options o;
+  o.watch = watch;
+  if (watch) {
+    o.frames = 0;
+    o.timeout = KIVCAM_INFINITE;
+  }
   if (int rc = ParseOptions(args, &o)) return rc;
   if (o.help) {
-    std::fputs(kGrabHelp, stdout);
+    std::fputs(watch ? kWatchHelp : kGrabHelp, stdout);
     return kDone;
   }
   if (o.camera.empty()) return UsageError("missing argument: CAMERA");
@@ -685,9 +1012,38 @@ int Grab(const Args& args) {
   int rc = kDone;
   if (!ParseCamera(o.camera, &uid, &rc)) return rc;
   std::string error;
-  if (!MakeFolders(o.out, &error)) return Problem("cannot use the folder for the files: %s", error.c_str());
+  if (o.save && !MakeFolders(o.out, &error)) return Problem("cannot use the folder for the files: %s", error.c_str());
   Grabber grabber(o);
   return grabber.Run(uid);
 }
+
+}  // namespace
+
+int Camera::WatchOpen(uint64_t uid) {
+  if (!Start()) return kFailed;
+  watch_ = true;
+  if (uid == KIVCAM_UID_ANY) {
+    if (!KIVCAM_WatchOpen(uid, &h_)) return Fail("KIVCAM_WatchOpen");
+    return kDone;
+  }
+  KIVCAM_OPENPARAM param = {};
+  param.UID = uid;
+  if (KIVCAM_WatchOpenGigE(&param, &h_)) return kDone;
+  const uint32_t error = KIVCAM_GetLastError();
+  // Only GigE cameras were searched: a USB camera of that UID deserves a word.
+  std::vector<CameraListEntry> cameras;
+  if (error == KIVCAM_ERR_NO_CAMERA && ListCameras(&cameras)) {
+    for (const CameraListEntry& e : cameras) {
+      if (e.UID == uid && e.CameraKind != KIVCAM_CAMERAKIND_GIGE) {
+        return Problem("UID %" PRIu64 " is a USB camera: only GigE cameras can be watched", uid);
+      }
+    }
+  }
+  return Fail("KIVCAM_WatchOpenGigE", error);
+}
+
+int Grab(const Args& args) { return Acquire(args, false); }
+
+int Watch(const Args& args) { return Acquire(args, true); }
 
 }  // namespace kivcli

@@ -118,15 +118,22 @@ bool WritePng(const std::string& path, const BgrImage& image, std::string* error
   return file.Commit(error);
 }
 
-bool WriteBmp(const std::string& path, const void* info, uint32_t info_size, const void* pixels, size_t size,
+bool WriteBmp(const std::string& path, const void* info, uint32_t info_size, const BgrImage& image,
               std::string* error) {
   constexpr uint32_t kFileHeader = 14;
+  const size_t row = (size_t{image.width} * image.bytes_per_pixel + 3) / 4 * 4;
+  if (row > image.stride) {
+    *error = "cannot write " + path + ": rows of " + std::to_string(image.stride) + " bytes hold no bitmap row";
+    return false;
+  }
   uint8_t header[kFileHeader] = {'B', 'M'};
-  Put32(header + 2, static_cast<uint32_t>(kFileHeader + info_size + size));
+  Put32(header + 2, static_cast<uint32_t>(kFileHeader + info_size + row * image.height));
   Put32(header + 10, kFileHeader + info_size);  // where the pixels start
   PartFile file(path);
   if (!file.Opened(error)) return false;
-  if (!file.Write(header, sizeof header) || !file.Write(info, info_size) || !file.Write(pixels, size)) {
+  bool ok = file.Write(header, sizeof header) && file.Write(info, info_size);
+  for (uint32_t y = image.height; ok && y > 0; --y) ok = file.Write(image.pixels + (y - 1) * image.stride, row);
+  if (!ok) {
     *error = "cannot write " + path + ".part: " + Reason(errno);
     return false;
   }

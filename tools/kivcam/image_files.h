@@ -22,8 +22,9 @@ struct BgrImage {
 // Each returns false with the reason in *error.
 bool WritePng(const std::string& path, const BgrImage& image, std::string* error);
 // A Windows bitmap file: the file header, then `info` (a bitmap information
-// block, `info_size` bytes), then the pixel array as it stands.
-bool WriteBmp(const std::string& path, const void* info, uint32_t info_size, const void* pixels, size_t size,
+// block, `info_size` bytes, describing `image`), then the rows bottom row
+// first, as bitmaps keep them, each padded to 4 bytes.
+bool WriteBmp(const std::string& path, const void* info, uint32_t info_size, const BgrImage& image,
               std::string* error);
 bool WriteRaw(const std::string& path, const void* data, size_t size, std::string* error);
 

@@ -85,8 +85,9 @@ const char* ErrorName(uint32_t code) {
 
 }  // namespace
 
-int Fail(const char* call) {
-  uint32_t code = KIVCAM_GetLastError();
+int Fail(const char* call) { return Fail(call, KIVCAM_GetLastError()); }
+
+int Fail(const char* call, uint32_t code) {
   std::fprintf(stderr, "kivcam: %s failed: error %u, %s\n", call, code, ErrorName(code));
   return kFailed;
 }
@@ -130,6 +131,7 @@ int Usage(FILE* out, int rc) {
                "       kivcam CAMERA STEP [arguments] [STEP [arguments]]...\n"
                "       kivcam shell CAMERA\n"
                "       kivcam grab CAMERA [options]\n"
+               "       kivcam watch CAMERA [options]\n"
                "\n"
                "CAMERA is a UID from `kivcam list` (decimal, or hexadecimal with 0x) or `first`\n"
                "for the first camera no other program holds.\n"
@@ -142,7 +144,12 @@ int Usage(FILE* out, int rc) {
                "                                     one step on a camera opened for it alone\n"
                "  shell CAMERA                       type steps at a prompt, on one open camera\n"
                "  grab CAMERA [options]              acquire frames, convert them and save them as\n"
-               "                                     PNG, BMP or raw files (`kivcam grab --help`)\n"
+               "                                     PNG, BMP or raw files (`kivcam grab --help`);\n"
+               "                                     --multicast GROUP streams them to watchers too,\n"
+               "                                     --filter publishes them for kivcam-view\n"
+               "  watch CAMERA [options]             receive the frames of a GigE camera another\n"
+               "                                     program streams to a multicast group\n"
+               "                                     (`kivcam watch --help`)\n"
                "  --version, --help\n"
                "\n"
                "Steps (several in one call run in order on one open camera, so settings last:\n"
@@ -150,7 +157,8 @@ int Usage(FILE* out, int rc) {
                "%s"
                "\n"
                "Numbers are decimal or hexadecimal with 0x. Exit codes: 0 done, 1 a library\n"
-               "call or feature access failed, 2 usage. Watch what the library does with\n"
+               "call or feature access failed, 2 usage; grab and watch add 3 (the camera was\n"
+               "lost) and watch 4 (the watched stream ended). Watch what the library does with\n"
                "kivcam-monitor.\n",
                kStepsHelp);
   return rc;
@@ -297,19 +305,28 @@ void NoCameraHint() {
                "GENICAM_ROOT_V2_4 to a folder whose bin/Linux64_x64/TLIs holds them.\n");
 }
 
-int List() {
-  if (!Start()) return kFailed;
+bool ListCameras(std::vector<CameraListEntry>* cameras) {
   CameraList query{};
-  if (!KIVCAM_GetList(&query)) return Fail("KIVCAM_GetList");
-  uint32_t count = query.Count;
+  if (!KIVCAM_GetList(&query)) return false;
+  const uint32_t count = query.Count;
   std::vector<unsigned char> storage(KIVCAM_CAMERALIST_BYTES(count ? count : 1));
   auto* list = reinterpret_cast<CameraList*>(storage.data());
   list->Count = count;
-  if (count && !KIVCAM_GetList(list)) return Fail("KIVCAM_GetList");
-  std::printf("%-22s %-5s %-9s %-24s %-24s %s\n", "UID", "KIND", "LINK", "VENDOR", "MODEL", "MAC");
+  if (count && !KIVCAM_GetList(list)) return false;
+  cameras->resize(count);
   for (uint32_t i = 0; i < count; ++i) {
-    CameraListEntry e;
-    std::memcpy(&e, reinterpret_cast<const unsigned char*>(list) + 4 + 532u * i, sizeof e);
+    std::memcpy(&(*cameras)[i], storage.data() + KIVCAM_CAMERALIST_BYTES(i), sizeof(CameraListEntry));
+  }
+  return true;
+}
+
+int List() {
+  if (!Start()) return kFailed;
+  std::vector<CameraListEntry> cameras;
+  if (!ListCameras(&cameras)) return Fail("KIVCAM_GetList");
+  const uint32_t count = static_cast<uint32_t>(cameras.size());
+  std::printf("%-22s %-5s %-9s %-24s %-24s %s\n", "UID", "KIND", "LINK", "VENDOR", "MODEL", "MAC");
+  for (const CameraListEntry& e : cameras) {
     if (e.UID == 0 && e.Vendor[0] == 0 && e.Model[0] == 0) continue;  // information unreadable
     // A GigE camera's UID is its MAC.
     char mac[24] = "-";
@@ -945,6 +962,7 @@ int main(int argc, char** argv) {
     return Shell(args[1]);
   }
   if (cmd == "grab") return Grab(Args(args.begin() + 1, args.end()));
+  if (cmd == "watch") return Watch(Args(args.begin() + 1, args.end()));
   if (cmd == "reg") {  // reg OPERATION CAMERA ...: the camera comes second
     if (args.size() < 2) return UsageError("reg needs an operation: read or write");
     if (args.size() < 3) return UsageError("missing argument: CAMERA");
