@@ -394,7 +394,6 @@ GC_API DSStartAcquisition(DS_HANDLE hDataStream, ACQ_START_FLAGS /*iStartFlags*/
   {
     std::lock_guard<std::mutex> l(s->mu);
     if (s->started) return SetError(GC_ERR_RESOURCE_IN_USE, "Acquisition already started");
-    if (s->buffers.empty()) return SetError(GC_ERR_INVALID_BUFFER, "No buffer announced");
     s->started = true;
     s->starts++;
     s->to_acquire = iNumToAcquire;
