@@ -4,7 +4,7 @@ JOBS       ?= 2
 CMAKE_GEN   = -G Ninja
 CTEST_ARGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: all deps build test run install sanitize tsan bench fuzz clean
+.PHONY: all deps build test run install package sanitize tsan bench fuzz clean
 
 all: build
 
@@ -28,11 +28,16 @@ test: build
 run: build
 	@scripts/run-demo.sh $(BUILD)
 
-# The library, tools and the network GigE producer under PREFIX (virtual
-# cameras in PREFIX/lib/kivcam/virtual, see gev/README.md).
+# The libraries, headers, tools, CMake and pkg-config files, the Python
+# package and the network GigE producer under PREFIX (virtual cameras in
+# PREFIX/lib/kivcam/virtual, see docs/getting-started.md).
 PREFIX ?= /usr/local
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# The same layout as a Debian package under /usr, in the build folder.
+package: build
+	cd $(BUILD) && cpack
 
 # AddressSanitizer + UndefinedBehaviorSanitizer build and test run.
 sanitize: deps
