@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <mutex>
 #include <set>
+#include <sstream>
 
 #include "common.h"
 #include "pixfmt.h"
@@ -365,7 +366,17 @@ extern "C" {
 GC_API GCInitLib(void) {
   std::lock_guard<std::mutex> lock(g_mu);
   if (g_prod) return SetError(GC_ERR_RESOURCE_IN_USE, "Library already initialised");
+  // Failures a host's start-up meets before it could ask for them.
+  std::vector<std::string> fail_next;
+  if (const char* names = std::getenv("KIVSIM_FAIL_NEXT")) {
+    std::stringstream list(names);
+    for (std::string name; std::getline(list, name, ',');)
+      if (!name.empty()) fail_next.push_back(name);
+  }
+  if (std::find(fail_next.begin(), fail_next.end(), "GCInitLib") != fail_next.end())
+    return SetError(GC_ERR_ERROR, "KIVSIM_FAIL_NEXT");
   auto p = std::make_unique<Producer>();
+  for (const std::string& name : fail_next) p->faults[name] = Fault{GC_ERR_ERROR, "KIVSIM_FAIL_NEXT", 1};
   p->transport = ThisTransport();
   p->world = LoadWorld(p->transport);
   if (!p->world.error.empty()) return SetError(GC_ERR_ERROR, "KIVSIM_CONFIG: " + p->world.error);

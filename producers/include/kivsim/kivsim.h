@@ -149,6 +149,13 @@ KIVSIM_API int32_t kivsim_set_delivery_status(uint32_t camera, uint32_t status, 
 /* The next `count` calls of the named entry point (e.g. "IFOpenDevice") fail
  * with `error` and the text `text` (GCGetLastError). count 0 clears it. */
 KIVSIM_API int32_t kivsim_fail_next(const char *entry_point, int32_t error, const char *text, uint32_t count);
+/* How many injected failures of the named entry point are still to come (0
+ * once they have all happened, or none was set). */
+KIVSIM_API int32_t kivsim_faults_pending(const char* entry_point);
+/* Failures can also be set before anything else runs: GCInitLib reads the
+ * environment variable KIVSIM_FAIL_NEXT, a comma-separated list of entry
+ * points whose next call fails once with GC_ERR_ERROR and the text
+ * "KIVSIM_FAIL_NEXT". Naming GCInitLib there makes GCInitLib itself fail. */
 /* The next `count` successful remote-port reads report half of the requested size. */
 KIVSIM_API int32_t kivsim_short_reads(uint32_t count);
 /* Largest GigE packet size the stream test lets through. */
