@@ -99,12 +99,7 @@ KIVSIM_API int32_t kivsim_fail_next(const char* entry_point, int32_t error, cons
   return 0;
 }
 
-KIVSIM_API int32_t kivsim_faults_pending(const char* entry_point) {
-  KIVSIM_CONTROL();
-  if (!entry_point) return GC_ERR_INVALID_PARAMETER;
-  auto it = g_prod->faults.find(entry_point);
-  return it == g_prod->faults.end() ? 0 : static_cast<int32_t>(it->second.count);
-}
+KIVSIM_API uint64_t kivsim_failures_injected(void) { return InjectedCount(); }
 
 KIVSIM_API int32_t kivsim_short_reads(uint32_t count) {
   KIVSIM_CONTROL();
