@@ -4,7 +4,7 @@ JOBS       ?= 2
 CMAKE_GEN   = -G Ninja
 CTEST_ARGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: all deps build test run install package sanitize tsan bench fuzz clean
+.PHONY: all deps build test run install package sanitize tsan soak docs bench fuzz clean
 
 all: build
 
@@ -51,6 +51,15 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan $(CTEST_ARGS) -L threads
 
+# Soak and fault runs, long, from an AddressSanitizer build (short versions
+# of both are part of `make test`); the result goes to build-soak/soak-report.txt.
+SOAK_SECONDS ?= 600
+soak: deps
+	@scripts/setup-deps.sh --soak
+	cmake -S . -B build-soak $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIVCAM_SANITIZE=address,undefined
+	cmake --build build-soak -j $(JOBS) --target test_soak test_faults
+	scripts/soak.sh build-soak $(SOAK_SECONDS)
+
 bench:
 	@scripts/setup-deps.sh --bench
 	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKIVCAM_BUILD_BENCH=ON -DKIVCAM_BUILD_TESTS=OFF
@@ -58,4 +67,4 @@ bench:
 	@echo "benchmarks are in build-bench/bin (bench_*)"
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz
+	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz build-soak

@@ -967,8 +967,10 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_SetCmdTimeOut(HCAMERA camera, uint32_t millisecond
 /* Locks the transport parameters, registers the new-buffer events and starts
  * the producer's engine on both streams; records width, height and pixel
  * format and sizes the image buffers.
- * Errors: PARAM, NO_CAMERA, MODE (watch mode), ALLOCATED, ACCESS (a standard
- * feature failed), OTHER (producer failed; undone). Lock: camera lock. */
+ * Errors: PARAM, NO_CAMERA, MODE (watch mode), ALLOCATED, NO_ADDRESS (GigE:
+ * the camera information gives no stream destination, or could not be read),
+ * ACCESS (a standard feature failed), OTHER (producer failed; undone).
+ * Lock: camera lock. */
 KIVCAM_API KIVCAM_BOOL KIVCAM_ResourceAlloc(HCAMERA camera);
 
 /* Undoes KIVCAM_ResourceAlloc; every buffer is revoked (and may be freed).
