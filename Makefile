@@ -51,6 +51,14 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan $(CTEST_ARGS) -L threads
 
+# The guide (docs/) and the reference from the headers' comments, with
+# Doxygen (installed here, not by `make test`): $(BUILD)/docs/html/index.html.
+docs: deps
+	@scripts/setup-deps.sh --docs
+	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) --target docs
+	@echo "the guide and the reference: $(BUILD)/docs/html/index.html"
+
 # Soak and fault runs, long, from an AddressSanitizer build (short versions
 # of both are part of `make test`); the result goes to build-soak/soak-report.txt.
 SOAK_SECONDS ?= 600
