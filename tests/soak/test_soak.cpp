@@ -431,10 +431,8 @@ class Worker {
       return;
     ++t_.conversions_;
     if (grabbed != recomputed) {
-      KIVCAM_CONVMODE m{};
       size_t differ = 0;
       for (size_t i = 0; i < grabbed.size(); ++i) differ += grabbed[i] != recomputed[i];
-      (void)m;
       Unexpected("the camera's conversion differs from the handle's (format " + std::to_string(desc.PixelFormat) +
                      ", " + std::to_string(desc.Width) + "x" + std::to_string(desc.Height) + ", " +
                      std::to_string(differ) + " bytes differ, buffer little-endian " + std::to_string(b->LittleEndian) +
