@@ -56,6 +56,10 @@ dpkg --root="$root" -s kivcam | grep -qx 'Status: install ok unpacked' || fail "
 [[ $(dpkg --root="$root" -S /usr/lib/libkivcam.so.1) == "kivcam: /usr/lib/libkivcam.so.1" ]] || fail "dpkg -S"
 out=$(LD_LIBRARY_PATH=$root/usr/lib/kivcam/virtual "$root/usr/bin/kivcam" list) || { echo "$out"; fail "kivcam list"; }
 [[ $(grep -c KivSim <<<"$out") == 3 ]] || { echo "$out"; fail "the packaged kivcam does not list the virtual cameras"; }
-ldd "$root/usr/bin/kivcam" | grep -q "libkivcam.so.1 => $root/usr/bin/../lib/libkivcam.so.1 " ||
-  fail "the packaged kivcam does not take the packaged library"
+# The packaged programs find the packaged library, never a build tree's.
+for f in "$root"/usr/bin/* "$root"/usr/lib/libkivcam.so.1; do
+  runpath=$(readelf -d "$f" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p')
+  [[ -z $runpath || $runpath == '$ORIGIN/../lib' || $runpath == '$ORIGIN' ]] ||
+    fail "${f#$root} has the run path $runpath"
+done
 echo "$deb: $(field Depends)"
