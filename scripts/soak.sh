@@ -14,32 +14,24 @@ export UBSAN_OPTIONS=print_stacktrace=1
 } >"$report"
 
 status=0
+# run NAME LOGFILE SUMMARY-PATTERN COMMAND...: runs one part, reports it.
+run() {
+  local name=$1 log=$2 pattern=$3 start result
+  shift 3
+  start=$(date +%s)
+  if "$@" >"$log" 2>&1; then result=passed; else result=FAILED; status=1; fi
+  grep -E "$pattern" "$log"
+  echo "$name: $result in $(($(date +%s) - start)) s" | tee -a "$report"
+  grep -E "$pattern" "$log" | sed 's/^/  /' >>"$report"
+  [[ $result == passed ]] || tail -80 "$log"
+}
+
 echo "== fault runs: every entry point failing at every step"
-start=$(date +%s)
-if KIVCAM_FAULTS=full "$BUILD/bin/test_faults" --gtest_brief=1 >"$BUILD/faults.log" 2>&1; then
-  result=passed
-else
-  result=FAILED
-  status=1
-fi
-grep -E '^[0-9]+ runs|^known|^before|^after' "$BUILD/faults.log"
-echo "fault runs: $result in $(($(date +%s) - start)) s" | tee -a "$report"
-grep -E '^[0-9]+ runs|^known' "$BUILD/faults.log" | sed 's/^/  /' >>"$report"
-[[ $result == passed ]] || tail -50 "$BUILD/faults.log"
+KIVCAM_FAULTS=full run "fault runs" "$BUILD/faults.log" '^[0-9]+ runs|^known' "$BUILD/bin/test_faults" --gtest_brief=1
 
 echo "== soak: $SECONDS_TO_RUN s, 4 cameras, 8 threads"
-start=$(date +%s)
-if KIVCAM_SOAK_SECONDS=$SECONDS_TO_RUN KIVCAM_SOAK_REPORT="$report.part" \
-   "$BUILD/bin/test_soak" --gtest_brief=1 >"$BUILD/soak.log" 2>&1; then
-  result=passed
-else
-  result=FAILED
-  status=1
-fi
-grep -E '^checkpoint' "$BUILD/soak.log"
-echo "soak: $result in $(($(date +%s) - start)) s" | tee -a "$report"
-grep -E '^checkpoint' "$BUILD/soak.log" | sed 's/^/  /' >>"$report"
+KIVCAM_SOAK_SECONDS=$SECONDS_TO_RUN KIVCAM_SOAK_REPORT="$report.part" \
+  run soak "$BUILD/soak.log" '^checkpoint' "$BUILD/bin/test_soak" --gtest_brief=1
 [[ -f "$report.part" ]] && cat "$report.part" >>"$report" && rm -f "$report.part"
-[[ $result == passed ]] || tail -80 "$BUILD/soak.log"
 echo "report: $report"
 exit $status

@@ -210,6 +210,18 @@ class Worker {
     return false;
   }
 
+  // The open camera's handle, held open (no close takes it) until Release.
+  HCAMERA Hold(Slot& s) {
+    std::lock_guard<std::mutex> g(s.m);
+    if (s.h) ++s.users;
+    return s.h;
+  }
+  void Release(Slot& s) {
+    std::lock_guard<std::mutex> g(s.m);
+    --s.users;
+    s.released.notify_all();
+  }
+
   // Nothing disturbed the camera since `since` was read.
   static bool Calm(const Slot& s, uint32_t since) { return s.disturb.load() == since && since % 2 == 0; }
 
@@ -443,13 +455,8 @@ class Worker {
 
   // ---- feature writes, read back --------------------------------------------
   void Features(Slot& s) {
-    HCAMERA h = nullptr;
-    {
-      std::lock_guard<std::mutex> g(s.m);
-      if (!s.h) return;
-      h = s.h;
-      ++s.users;
-    }
+    HCAMERA h = Hold(s);
+    if (!h) return;
     const uint32_t since = s.disturb.load();
     void* raw = nullptr;
     if (Check("KIVCAM_GetNodeMap", Call("KIVCAM_GetNodeMap", [&] { return lib_.KIVCAM_GetNodeMap(h, &raw); }), &s, since)) {
@@ -476,9 +483,7 @@ class Worker {
         else ++t_.tolerated_;
       }
     }
-    std::lock_guard<std::mutex> g(s.m);
-    --s.users;
-    s.released.notify_all();
+    Release(s);
   }
 
   // ---- open, close, close under a session -----------------------------------
@@ -534,21 +539,14 @@ class Worker {
     // The library learns of the return on its bus-reset thread, in its own
     // time; a host that wants to know now asks, as this does, and only then
     // counts the camera as back.
-    HCAMERA h = nullptr;
-    {
-      std::lock_guard<std::mutex> g(s.m);
-      if ((h = s.h)) ++s.users;
-    }
-    if (h) {
+    if (HCAMERA h = Hold(s)) {
       uint32_t state = 0;
       for (int i = 0; i < 100 && state == 0; ++i) {
         if (!Check("KIVCAM_Camera", Call("KIVCAM_Camera", [&] { return lib_.KIVCAM_Camera(h, &state); }), nullptr, 0)) break;
         if (!state) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
       if (!state) Unexpected("the camera is still absent after it was plugged in again", &s);
-      std::lock_guard<std::mutex> g(s.m);
-      --s.users;
-      s.released.notify_all();
+      Release(s);
     }
     ++s.disturb;
   }
@@ -598,13 +596,8 @@ class Worker {
       Check("KIVCAM_GetList", Call("KIVCAM_GetList", [&] { return lib_.KIVCAM_GetList(&head); }), nullptr, 0);
       return;
     }
-    HCAMERA h = nullptr;
-    {
-      std::lock_guard<std::mutex> g(s.m);
-      if (!s.h) return;
-      h = s.h;
-      ++s.users;
-    }
+    HCAMERA h = Hold(s);
+    if (!h) return;
     const uint32_t since = s.disturb.load();
     CameraListEntry e{};
     uint32_t state = 0;
@@ -616,9 +609,7 @@ class Worker {
       Check("KIVCAM_ReadPort", Call("KIVCAM_ReadPort", [&] { return lib_.KIVCAM_ReadPort(h, 0, reg, &size); }), &s,
             since);
     }
-    std::lock_guard<std::mutex> g(s.m);
-    --s.users;
-    s.released.notify_all();
+    Release(s);
   }
 
   Soak& t_;
