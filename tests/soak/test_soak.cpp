@@ -37,6 +37,20 @@
 namespace camtest {
 namespace {
 
+// Conversions on a team of threads, except under ThreadSanitizer, which
+// cannot see into the OpenMP runtime's own synchronisation.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kTeams = false;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kTeams = false;
+#else
+constexpr bool kTeams = true;
+#endif
+#else
+constexpr bool kTeams = true;
+#endif
+
 constexpr int kThreads = 8;
 constexpr uint32_t kWaitMs = 2000;  // completion and callback waits; well under the watchdog's 5 s
 constexpr int kWatchdogMs = 5000;
@@ -277,7 +291,7 @@ class Worker {
     if (ok && state == 0) ok = false;  // still away: nothing to do with it now
     const uint32_t format = s.formats[Pick(s.formats.size())], width = Pick(2) ? 64 : 32, height = Pick(2) ? 48 : 16;
     if (ok) ok = SetGeometry(s, h, format, width, height, since);
-    const KIVCAM_CONVMODE mode{0, 4, 0, 0, Pick(2)};
+    const KIVCAM_CONVMODE mode{0, 4, 0, 0, kTeams ? Pick(2) : 0u};
     step("KIVCAM_ConvMode", [&] { return lib_.KIVCAM_ConvMode(h, &mode, nullptr); });
     s.sim->free_run(s.index, 0);  // drops credits a disturbed session left
     s.sim->deliver(s.index, 0);
@@ -559,7 +573,7 @@ class Worker {
     if (!pattern) return;
     const KIVCAM_CONVMODE serial{Pick(4), static_cast<int32_t>(Pick(9)), Pick(2), Pick(2), 0};
     KIVCAM_CONVMODE parallel = serial;
-    parallel.Parallel = 1;
+    parallel.Parallel = kTeams ? 1 : 0;
     HCTBL a = nullptr, b = nullptr;
     if (!Check("KIVCAM_CreateConvHandle",
                Call("KIVCAM_CreateConvHandle", [&] { return lib_.KIVCAM_CreateConvHandle(&a, &serial, nullptr); }),
