@@ -4,7 +4,7 @@ JOBS       ?= 2
 CMAKE_GEN   = -G Ninja
 CTEST_ARGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: all deps build test run install sanitize tsan bench fuzz clean
+.PHONY: all deps build test run install package sanitize tsan soak docs bench fuzz clean
 
 all: build
 
@@ -28,11 +28,16 @@ test: build
 run: build
 	@scripts/run-demo.sh $(BUILD)
 
-# The library, tools and the network GigE producer under PREFIX (virtual
-# cameras in PREFIX/lib/kivcam/virtual, see gev/README.md).
+# The libraries, headers, tools, CMake and pkg-config files, the Python
+# package and the network GigE producer under PREFIX (virtual cameras in
+# PREFIX/lib/kivcam/virtual, see docs/getting-started.md).
 PREFIX ?= /usr/local
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# The same layout as a Debian package under /usr, in the build folder.
+package: build
+	cd $(BUILD) && cpack
 
 # AddressSanitizer + UndefinedBehaviorSanitizer build and test run.
 sanitize: deps
@@ -46,6 +51,23 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan $(CTEST_ARGS) -L threads
 
+# The guide (docs/) and the reference from the headers' comments, with
+# Doxygen (installed here, not by `make test`): $(BUILD)/docs/html/index.html.
+docs: deps
+	@scripts/setup-deps.sh --docs
+	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) --target docs
+	@echo "the guide and the reference: $(BUILD)/docs/html/index.html"
+
+# Soak and fault runs, long, from an AddressSanitizer build (short versions
+# of both are part of `make test`); the result goes to build-soak/soak-report.txt.
+SOAK_SECONDS ?= 600
+soak: deps
+	@scripts/setup-deps.sh --soak
+	cmake -S . -B build-soak $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIVCAM_SANITIZE=address,undefined
+	cmake --build build-soak -j $(JOBS) --target test_soak test_faults
+	scripts/soak.sh build-soak $(SOAK_SECONDS)
+
 bench:
 	@scripts/setup-deps.sh --bench
 	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKIVCAM_BUILD_BENCH=ON -DKIVCAM_BUILD_TESTS=OFF
@@ -53,4 +75,4 @@ bench:
 	@echo "benchmarks are in build-bench/bin (bench_*)"
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz
+	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz build-soak

@@ -256,6 +256,23 @@ TEST_F(Streaming, TheSecondStreamCarriesOneTokenPerImageOfTheStreamItFollows) {
   EXPECT_EQ(p.EventGetData(vev, &d, &n, 300), GC_ERR_TIMEOUT);
 }
 
+// The library starts both engines when it allocates its resources and
+// announces image buffers only afterwards.
+TEST_F(Streaming, AnEngineStartedBeforeAnyBufferIsAnnouncedFillsTheOnesAnnouncedLater) {
+  Open();
+  const uint32_t payload = Reg(kPayload);
+  DS_HANDLE vs = Stream(dev, 1);
+  ASSERT_EQ(p.DSStartAcquisition(vs, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS) << p.LastError();
+  Start(true);
+  Announce(1, payload, payload);
+  Reg(kTriggerSoftware, 1);
+  BUFFER_HANDLE b = Next();
+  ASSERT_NE(b, nullptr);
+  EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
+  ASSERT_EQ(p.DSStopAcquisition(ds, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
+  EXPECT_EQ(p.DSStopAcquisition(vs, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
+}
+
 TEST_F(Streaming, ADestinationOfZeroClosesTheChannelUntilANewOneIsSet) {
   Open();
   const uint32_t payload = Reg(kPayload);

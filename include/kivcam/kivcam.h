@@ -82,6 +82,7 @@ extern "C" {
 
 /* 32-bit boolean result: 1 = success (KIVCAM_TRUE), 0 = failure. */
 typedef int32_t KIVCAM_BOOL;
+/* The two KIVCAM_BOOL values. */
 #define KIVCAM_TRUE  1
 #define KIVCAM_FALSE 0
 
@@ -195,6 +196,7 @@ typedef struct CameraList {
 
 #pragma pack(pop)
 
+/* Bytes of a CameraList buffer with room for `capacity` entries. */
 #define KIVCAM_CAMERALIST_BYTES(capacity) \
     ((size_t)4u + (size_t)532u * (size_t)(capacity))
 
@@ -291,9 +293,7 @@ typedef struct ImageBuffer {
 #define KIVCAM_IMAGEDESC_OF(buffer) \
     ((const KIVCAM_IMAGEDESC *)(const void *)(buffer))
 
-/* Per-image transport information (KIVCAM_ImageComplete, ImageCallBack). The
- * first word says which variant the library filled; pass an ImageInfo (548
- * bytes, the largest variant) unless the camera's kind is known. */
+/* IIDC (IEEE 1394) cameras: the fields of the per-image cycle-time value. */
 typedef struct KIVCAM_IMAGEINFO_IIDC {
     uint32_t Transport;    /* KIVCAM_CAMERAKIND_IIDC */
     uint32_t StatusBits;   /* bits 5..7 of the completion status */
@@ -303,6 +303,9 @@ typedef struct KIVCAM_IMAGEINFO_IIDC {
     uint32_t LowCycles;    /* bits 0..12 */
 } KIVCAM_IMAGEINFO_IIDC;
 
+/* GigE cameras: completeness and the producer's packet information block
+ * (block ID, packets, payload, timestamp, pixel format, size; the number of
+ * missing packets at +540 and one bit per packet from +544). */
 typedef struct KIVCAM_IMAGEINFO_GIGE {
     uint32_t Transport;        /* KIVCAM_CAMERAKIND_GIGE */
     uint32_t Complete;         /* 1 when every packet arrived */
@@ -332,6 +335,9 @@ typedef struct KIVCAM_IMAGEINFO_USB {
 } KIVCAM_IMAGEINFO_USB;
 #pragma pack(pop)
 
+/* Per-image transport information (KIVCAM_ImageComplete, ImageCallBack). The
+ * first word says which variant the library filled; pass an ImageInfo (548
+ * bytes, the largest variant) unless the camera's kind is known. */
 typedef union ImageInfo {
     uint32_t              Transport;  /* KIVCAM_CAMERAKIND_*: which member is valid */
     KIVCAM_IMAGEINFO_IIDC IIDC;
@@ -356,6 +362,7 @@ typedef void (*ImageCallBack)(HCAMERA camera, void *data, uint32_t size,
 /* Bitmap descriptions (Windows DIB layout)                                   */
 /* ------------------------------------------------------------------------ */
 
+/* The bitmap information header that describes a converted image. */
 typedef struct KIVCAM_BITMAPINFOHEADER {
     uint32_t biSize;          /* 40 */
     int32_t  biWidth;
@@ -370,6 +377,7 @@ typedef struct KIVCAM_BITMAPINFOHEADER {
     uint32_t biClrImportant;
 } KIVCAM_BITMAPINFOHEADER;
 
+/* One colour-table entry of a bitmap description. */
 typedef struct KIVCAM_RGBQUAD {
     uint8_t rgbBlue;
     uint8_t rgbGreen;
@@ -391,6 +399,7 @@ typedef struct KIVCAM_BITMAPINFO_GRAY {
     KIVCAM_RGBQUAD          bmiColors[256];
 } KIVCAM_BITMAPINFO_GRAY;
 
+/* Sizes of the two bitmap description forms. */
 #define KIVCAM_BMPINFO_COLOR_BYTES 44u
 #define KIVCAM_BMPINFO_GRAY_BYTES  1064u
 
@@ -461,6 +470,7 @@ typedef struct KIVCAM_CONVREQ {
 #define KIVCAMFILTER_MUTEX_NAME     "KIVCAMOutFilterMutex_Orvanta"
 #define KIVCAMFILTER_EVENT_NAME     "KIVCAMOutFilterEvent_Orvanta"
 
+/* The call log: its lines, the bytes of one line, and its levels. */
 #define KIVCAM_LOG_SLOTS      32u
 #define KIVCAM_LOG_SLOT_BYTES 1024u
 #define KIVCAM_LOG_LEVEL_OFF     0u
@@ -484,9 +494,10 @@ typedef struct KIVCAM_SHAREDDATA {
     char     BuildDate[12];
 } KIVCAM_SHAREDDATA;
 
+/* Capacity of the process-ID table. */
+#define KIVCAM_PROCESS_TABLE_ENTRIES 256u
 /* The process-ID table, 1028 bytes: every process with the library loaded, in
  * order of registration; guarded by its mutex, changes announced by its event. */
-#define KIVCAM_PROCESS_TABLE_ENTRIES 256u
 typedef struct KIVCAM_PROCESSTABLE {
     uint32_t Count;
     uint32_t ProcessId[KIVCAM_PROCESS_TABLE_ENTRIES];
@@ -967,8 +978,10 @@ KIVCAM_API KIVCAM_BOOL KIVCAM_SetCmdTimeOut(HCAMERA camera, uint32_t millisecond
 /* Locks the transport parameters, registers the new-buffer events and starts
  * the producer's engine on both streams; records width, height and pixel
  * format and sizes the image buffers.
- * Errors: PARAM, NO_CAMERA, MODE (watch mode), ALLOCATED, ACCESS (a standard
- * feature failed), OTHER (producer failed; undone). Lock: camera lock. */
+ * Errors: PARAM, NO_CAMERA, MODE (watch mode), ALLOCATED, NO_ADDRESS (GigE:
+ * the camera information gives no stream destination, or could not be read),
+ * ACCESS (a standard feature failed), OTHER (producer failed; undone).
+ * Lock: camera lock. */
 KIVCAM_API KIVCAM_BOOL KIVCAM_ResourceAlloc(HCAMERA camera);
 
 /* Undoes KIVCAM_ResourceAlloc; every buffer is revoked (and may be freed).

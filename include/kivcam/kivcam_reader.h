@@ -27,6 +27,7 @@
 extern "C" {
 #endif
 
+/* A reader of one process's frame channel (KIVCAMREADER_Open). */
 typedef struct KIVCAMREADER KIVCAMREADER;
 
 /* Opens the channel of process writerProcessId. Null when that process has

@@ -21,6 +21,8 @@ namespace kivsim {
   if (!var) return ::kivsim::SetError(GC_ERR_INVALID_HANDLE, "Invalid " what " handle")
 
 GC_ERROR Injected(const char* name);
+// Failures injected since the module was loaded (kivsim_failures_injected).
+uint64_t InjectedCount();
 
 inline bool BadPtr(const void* p) { return !p || p == reinterpret_cast<const void*>(~uintptr_t(0)); }
 

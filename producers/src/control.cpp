@@ -99,6 +99,8 @@ KIVSIM_API int32_t kivsim_fail_next(const char* entry_point, int32_t error, cons
   return 0;
 }
 
+KIVSIM_API uint64_t kivsim_failures_injected(void) { return InjectedCount(); }
+
 KIVSIM_API int32_t kivsim_short_reads(uint32_t count) {
   KIVSIM_CONTROL();
   g_prod->short_reads = count;

@@ -6,8 +6,10 @@
 #include <cstdlib>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <set>
+#include <sstream>
 
 #include "common.h"
 #include "pixfmt.h"
@@ -219,11 +221,18 @@ GC_ERROR SetError(GC_ERROR code, const std::string& text) {
   return code;
 }
 
+// Counted outside the producer's state, so that failures during GCCloseLib
+// and of GCInitLib itself are seen too.
+std::atomic<uint64_t> g_injected{0};
+
+uint64_t InjectedCount() { return g_injected.load(); }
+
 GC_ERROR Injected(const char* name) {
   auto it = g_prod->faults.find(name);
   if (it == g_prod->faults.end() || it->second.count == 0) return GC_ERR_SUCCESS;
   Fault& f = it->second;
   f.count--;
+  ++g_injected;
   GC_ERROR e = f.error;
   std::string text = f.text;
   if (f.count == 0) g_prod->faults.erase(it);
@@ -373,7 +382,19 @@ extern "C" {
 GC_API GCInitLib(void) {
   std::lock_guard<std::mutex> lock(g_mu);
   if (g_prod) return SetError(GC_ERR_RESOURCE_IN_USE, "Library already initialised");
+  // Failures a host's start-up meets before it could ask for them.
+  std::vector<std::string> fail_next;
+  if (const char* names = std::getenv("KIVSIM_FAIL_NEXT")) {
+    std::stringstream list(names);
+    for (std::string name; std::getline(list, name, ',');)
+      if (!name.empty()) fail_next.push_back(name);
+  }
+  if (std::find(fail_next.begin(), fail_next.end(), "GCInitLib") != fail_next.end()) {
+    ++g_injected;
+    return SetError(GC_ERR_ERROR, "KIVSIM_FAIL_NEXT");
+  }
   auto p = std::make_unique<Producer>();
+  for (const std::string& name : fail_next) p->faults[name] = Fault{GC_ERR_ERROR, "KIVSIM_FAIL_NEXT", 1};
   p->transport = ThisTransport();
   p->world = LoadWorld(p->transport);
   if (!p->world.error.empty()) return SetError(GC_ERR_ERROR, "KIVSIM_CONFIG: " + p->world.error);

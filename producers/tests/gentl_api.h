@@ -23,7 +23,7 @@
 #define KIVSIM_TEST_CONTROL(X)                                                                               \
   X(kivsim_camera_count) X(kivsim_camera_index) X(kivsim_plug) X(kivsim_raise_interface_event)                \
   X(kivsim_deliver) X(kivsim_free_run) X(kivsim_set_delivery_status) X(kivsim_fail_next) X(kivsim_short_reads) \
-  X(kivsim_set_packet_size_limit) X(kivsim_get_counters) X(kivsim_reset_faults)
+  X(kivsim_set_packet_size_limit) X(kivsim_get_counters) X(kivsim_reset_faults) X(kivsim_failures_injected)
 
 struct Producer {
 #define KIVSIM_DECLARE(name) P##name name = nullptr;

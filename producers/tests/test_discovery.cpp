@@ -192,9 +192,13 @@ TEST_F(Discovery, InjectedFailuresCarryTheirTextAndExpire) {
     INFO_DATATYPE t;
     return p.DevGetInfo(d, 1000, &t, &present, &n);
   };
+  const uint64_t injected = p.kivsim_failures_injected();
   ASSERT_EQ(p.kivsim_fail_next("DevGetInfo", GC_ERR_NOT_AVAILABLE, "gone", 2), 0);
   EXPECT_EQ(present_rc(), GC_ERR_NOT_AVAILABLE);
+  EXPECT_EQ(p.kivsim_failures_injected(), injected + 1);
   ASSERT_EQ(p.kivsim_reset_faults(), 0);
+  EXPECT_EQ(present_rc(), GC_ERR_SUCCESS);
+  EXPECT_EQ(p.kivsim_failures_injected(), injected + 1) << "cleared before it happened again";
   EXPECT_EQ(present_rc(), GC_ERR_SUCCESS);
   EXPECT_EQ(present, 1);
   ASSERT_EQ(p.kivsim_plug(1, 0), 0);
@@ -283,6 +287,28 @@ TEST(ConfigFile, AnUnusableFileMakesInitialisationFail) {
   unsetenv("KIVSIM_CONFIG");
   std::remove(path.c_str());
   EXPECT_EQ(p.GCCloseLib(), GC_ERR_NOT_INITIALIZED);
+}
+
+// Failures armed before GCInitLib could be asked: each named entry point
+// fails once; GCInitLib itself fails while it is named.
+TEST(FailNextVariable, ArmsTheNamedEntryPointsOnceBeforeAnythingRuns) {
+  Producer& p = Producer::Get(false);
+  const uint64_t injected = p.kivsim_failures_injected();
+  setenv("KIVSIM_FAIL_NEXT", "GCInitLib", 1);
+  EXPECT_EQ(p.GCInitLib(), GC_ERR_ERROR);
+  EXPECT_EQ(p.LastError(), "KIVSIM_FAIL_NEXT");
+  EXPECT_EQ(p.kivsim_failures_injected(), injected + 1) << "counted without an initialised producer";
+  setenv("KIVSIM_FAIL_NEXT", "TLOpen,,TLClose", 1);
+  ASSERT_EQ(p.GCInitLib(), GC_ERR_SUCCESS);
+  unsetenv("KIVSIM_FAIL_NEXT");
+  TL_HANDLE tl = nullptr;
+  EXPECT_EQ(p.TLOpen(&tl), GC_ERR_ERROR);
+  EXPECT_EQ(p.LastError(), "KIVSIM_FAIL_NEXT");
+  EXPECT_EQ(p.TLOpen(&tl), GC_ERR_SUCCESS);
+  EXPECT_EQ(p.TLClose(tl), GC_ERR_ERROR);
+  EXPECT_EQ(p.TLClose(tl), GC_ERR_SUCCESS);
+  EXPECT_EQ(p.GCCloseLib(), GC_ERR_SUCCESS);
+  EXPECT_EQ(p.kivsim_failures_injected(), injected + 3);
 }
 
 }  // namespace

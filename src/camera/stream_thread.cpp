@@ -18,7 +18,7 @@ CStreamThread::CStreamThread(CCamera& camera)
     : camera_(camera),
       m_hStopEvent(std::make_unique<platform::Event>(true, false)),
       m_hStartedEvent(std::make_unique<platform::Event>(true, false)),
-      m_hEndedEvent(std::make_unique<platform::Event>(true, false)) {
+      m_hEndedEvent(std::make_shared<platform::Event>(true, false)) {
   if (!m_hStopEvent->ok() || !m_hStartedEvent->ok() || !m_hEndedEvent->ok()) {
     throw Failure("CreateEvent Error");
   }
@@ -49,7 +49,9 @@ void CStreamThread::Start(void* context, ImageCallBack callback, uint32_t count,
   // it; a new one can't start from there.
   if (thread_ && thread_->IsCurrent()) throw Error(KIVCAM_ERR_BUFFER_BUSY);
   JoinEnded();
-  m_hEndedEvent->Reset();
+  auto ended = std::make_shared<platform::Event>(true, false);
+  if (!ended->ok()) throw Failure("CreateEvent Error");
+  m_hEndedEvent = std::move(ended);
   m_hStartedEvent->Reset();
   m_hStopEvent->Reset();
   m_pCallBackContext = context;
@@ -84,13 +86,16 @@ void CStreamThread::Stop() {
     return;
   }
   camera_.m_imageStream.KillWaits();
+  const std::shared_ptr<platform::Event> ended = m_hEndedEvent;
   {
     platform::LockRelease unlocked(camera_.lock());
-    m_hEndedEvent->Wait(platform::kInfinite);
+    ended->Wait(platform::kInfinite);
   }
+  // Another removal (or a close) that waited too may have finished the job,
+  // and a new callback may have started since: that one is not ours to end.
+  if (ended != m_hEndedEvent) return;
   JoinEnded();
   m_pfnImageCallBack = nullptr;
-  m_hEndedEvent->Reset();
   m_hStartedEvent->Reset();
   m_hStopEvent->Reset();
 }
@@ -126,6 +131,7 @@ void CStreamThread::Run() {
   // The camera lives as long as its thread: closed from inside the callback,
   // it is released here at the earliest.
   std::shared_ptr<transport::CDevice> keep = camera_.shared_from_this();
+  const std::shared_ptr<platform::Event> ended = m_hEndedEvent;
   transport::CGenTL* producer = camera_.producer();
   producer->PrepareThread();
   const transport::EntryPoints& fn = producer->fn();
@@ -199,7 +205,7 @@ void CStreamThread::Run() {
           // The callback closed the camera (or freed the library): its
           // teardown released everything, the producer may be gone.
           m_hStartedEvent->Set();
-          m_hEndedEvent->Set();
+          ended->Set();
           diag::LogEvent(false, kThreadName, "End  ");
           return;
         }
@@ -218,7 +224,7 @@ void CStreamThread::Run() {
   stream.FlushQueues();
   for (BUFFER_HANDLE b : own) fn.DSRevokeBuffer(stream.handle(), b, nullptr, nullptr);
   m_hStartedEvent->Set();
-  m_hEndedEvent->Set();
+  ended->Set();
   diag::LogEvent(false, kThreadName, "End  ");
 }
 

@@ -54,7 +54,9 @@ class CStreamThread {
   CCamera& camera_;
   std::unique_ptr<platform::Event> m_hStopEvent;     // asks the thread to end
   std::unique_ptr<platform::Event> m_hStartedEvent;  // the thread has queued its buffers
-  std::unique_ptr<platform::Event> m_hEndedEvent;    // the thread has ended
+  // The thread has ended: one event per thread, never reset, so that every
+  // removal waiting for a thread sees its end, whoever finished first.
+  std::shared_ptr<platform::Event> m_hEndedEvent;
   std::atomic<ImageCallBack> m_pfnImageCallBack{nullptr};
   void* m_pCallBackContext = nullptr;
   uint32_t m_nStreamBufCount = 0;

@@ -68,11 +68,11 @@ __attribute__((destructor)) void LibraryDetach() {
     // callback, a camera closed from its image callback) finish here.
     platform::JoinRetiredThreads();
   }
-  UnregisterProcess();
+  UnregisterProcess(g_process_ending);
   diag::LogLoad("DLL DETACH");
   diag::CloseOutputFilter(g_process_ending);
   diag::RemoveProcessObjects(platform::ProcessId());
-  diag::CloseCallLog();
+  diag::CloseCallLog(g_process_ending);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ void RegisterProcess() {
   g_event->Set();
 }
 
-void UnregisterProcess() {
+void UnregisterProcess(bool process_ending) {
   ProcessTable* t = Table();
   if (g_mutex && g_event && t && Lock()) {
     uint32_t pid = platform::ProcessId();
@@ -62,7 +62,7 @@ void UnregisterProcess() {
     g_mutex->Release();
     g_event->Set();
   }
-  if (g_mapping) g_mapping->Detach();
+  if (g_mapping && process_ending) g_mapping->Detach();
   delete g_mapping;
   delete g_mutex;
   delete g_event;

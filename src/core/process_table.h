@@ -14,7 +14,8 @@ constexpr uint32_t kProcessTableSize = sizeof(ProcessTable);  // 1028
 
 // At load: opens the table's objects and enters this process (unless full).
 void RegisterProcess();
-// At unload: removes this process (if present) and closes the objects.
-void UnregisterProcess();
+// At unload: removes this process (if present) and closes the objects; the
+// table's view stays mapped while the process ends (see CloseCallLog).
+void UnregisterProcess(bool process_ending);
 
 }  // namespace kivcam::core

@@ -58,12 +58,16 @@ void OpenCallLog() {
   }
 }
 
-void CloseCallLog() {
-  // The views stay mapped: a late line from another thread must not fault.
+void CloseCallLog(bool process_ending) {
   // The area pointer falls back to level 0 first so no line races the close.
   __atomic_store_n(&g_area, &g_dummy_area, __ATOMIC_RELEASE);
-  if (g_mapping) g_mapping->Detach();
-  if (g_shared_mapping) g_shared_mapping->Detach();
+  if (process_ending) {
+    // A late line from another thread must not fault.
+    if (g_mapping) g_mapping->Detach();
+    if (g_shared_mapping) g_shared_mapping->Detach();
+  } else {
+    g_shared = nullptr;
+  }
   delete g_mapping;
   delete g_shared_mapping;
   delete g_mutex;

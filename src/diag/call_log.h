@@ -21,8 +21,11 @@ constexpr uint32_t kSharedDataSize = 4096;
 // Creates or opens the log objects; on any failure the process keeps logging
 // into a private area of level 0, i.e. nothing. Safe to call once at load.
 void OpenCallLog();
-// Closes the handles; views stay mapped for the rest of the process.
-void CloseCallLog();
+// Closes the handles. At a dynamic unload (every library thread joined, no
+// export running) the views go too, so that a host that loads and unloads
+// the library again and again keeps no mapping of it; while the process
+// ends, threads may still be writing lines and the views stay.
+void CloseCallLog(bool process_ending);
 
 namespace detail {
 // The shared area, or a private one of level 0. Threads still logging while

@@ -115,6 +115,15 @@ std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
   return "";
 }
 
+std::vector<std::string> LogDrain::Tail(const std::string& a, size_t n) {
+  Pull();
+  std::lock_guard<std::mutex> g(mutex_);
+  std::vector<std::string> out;
+  for (auto it = seen_.rbegin(); it != seen_.rend() && out.size() < n; ++it)
+    if (it->find(a) != std::string::npos) out.insert(out.begin(), *it);
+  return out;
+}
+
 bool LogDrain::Saw(const std::string& a, const std::string& b) {
   Pull();
   std::lock_guard<std::mutex> g(mutex_);

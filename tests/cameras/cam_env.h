@@ -82,7 +82,7 @@ class Sim {
   bool loaded() const { return handle_ != nullptr; }
 #define CAMTEST_SIM_CONTROLS(X)                                                              \
   X(camera_index) X(plug) X(raise_interface_event) X(fail_next) X(short_reads) X(deliver) X(free_run) \
-  X(set_delivery_status) X(get_counters) X(reset_faults)
+  X(set_delivery_status) X(get_counters) X(reset_faults) X(failures_injected)
 #define CAMTEST_SIM_FN(name) decltype(&::kivsim_##name) name = nullptr;
   CAMTEST_SIM_CONTROLS(CAMTEST_SIM_FN)
 #undef CAMTEST_SIM_FN
@@ -104,6 +104,8 @@ class LogDrain {
   bool Saw(const std::string& a, const std::string& b = "");
   // The first line seen holding both texts, or empty.
   std::string LineWith(const std::string& a, const std::string& b = "");
+  // The last `n` lines seen that hold the text, oldest first.
+  std::vector<std::string> Tail(const std::string& a, size_t n);
   // Waits until a line holding both texts arrives, at most the bound.
   bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
   // The virtual producers watch for raised events on a thread of their own

@@ -332,6 +332,44 @@ TEST_F(ImageCallback, TeardownUnderLoadNeverHangs) {
   }
 }
 
+// Two removals and a close at the same moment, while images flow: each
+// waits for the same thread's end, and none may miss it because another
+// finished first (the soak found a close that waited for ever).
+TEST_F(ImageCallback, RemovalsAndACloseAtOnceAllReturn) {
+  Load();
+  CamLib& l = *lib_;
+  for (int round = 0; round < 150; ++round) {
+    SCOPED_TRACE(round);
+    Cam c = Open(kGigE2);
+    Ready(c);
+    ASSERT_EQ(c.sim->free_run(c.index, 0), 0);  // as fast as buffers come back
+    Seen& seen = NewSeen();
+    seen.action = [](HCAMERA) { std::this_thread::sleep_for(std::chrono::microseconds(200)); };
+    ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 0), KIVCAM_TRUE);
+    ASSERT_TRUE(seen.WaitFor(1));
+    std::atomic<int> ready{0}, done{0};
+    auto racer = [&](bool close) {
+      ++ready;
+      while (ready < 3) std::this_thread::yield();
+      if (close) l.KIVCAM_Close(c.h);
+      else l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0);
+      ++done;
+    };
+    std::thread a(racer, false), b(racer, false), d(racer, true);
+    for (auto t0 = std::chrono::steady_clock::now(); done < 3;) {
+      if (std::chrono::steady_clock::now() - t0 > std::chrono::seconds(10)) {
+        ADD_FAILURE() << "a removal or the close never returned";
+        std::fflush(nullptr);
+        std::_Exit(1);  // the stuck call can't be joined
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    a.join();
+    b.join();
+    d.join();
+  }
+}
+
 // A producer call that fails on the way to a frame: its code, its text in
 // the call log, and nothing left behind.
 TEST_F(ImageCallback, ProducerFailuresOnTheWayToAFrame) {

@@ -43,7 +43,7 @@ class CallLogTest : public ::testing::Test {
   }
   void TearDown() override {
     reader_.SetLevel(0);
-    diag::CloseCallLog();
+    diag::CloseCallLog(false);
   }
   kivcam::diag::LogReader reader_;
 };

@@ -8,8 +8,9 @@
  * of the next frames and make entry points fail. Resolve them with dlsym on the
  * same handle as the GenTL functions; each producer steers its own cameras.
  *
- * Every function needs GCInitLib first and returns 0 on success or a negative
- * GC_ERROR code (GC_ERR_NOT_INITIALIZED, GC_ERR_INVALID_INDEX, ...).
+ * Every function but kivsim_failures_injected needs GCInitLib first and returns
+ * 0 on success or a negative GC_ERROR code (GC_ERR_NOT_INITIALIZED,
+ * GC_ERR_INVALID_INDEX, ...).
  *
  * Cameras are numbered 0..kivsim_camera_count()-1 in the order of the world
  * (see producers/README.md); kivsim_camera_index() maps a GenTL device ID to it.
@@ -149,6 +150,14 @@ KIVSIM_API int32_t kivsim_set_delivery_status(uint32_t camera, uint32_t status, 
 /* The next `count` calls of the named entry point (e.g. "IFOpenDevice") fail
  * with `error` and the text `text` (GCGetLastError). count 0 clears it. */
 KIVSIM_API int32_t kivsim_fail_next(const char *entry_point, int32_t error, const char *text, uint32_t count);
+/* How many injected failures have happened since the module was loaded.
+ * Needs no GCInitLib: it counts the failures of GCInitLib (see below) and
+ * those during GCCloseLib too. */
+KIVSIM_API uint64_t kivsim_failures_injected(void);
+/* Failures can also be set before anything else runs: GCInitLib reads the
+ * environment variable KIVSIM_FAIL_NEXT, a comma-separated list of entry
+ * points whose next call fails once with GC_ERR_ERROR and the text
+ * "KIVSIM_FAIL_NEXT". Naming GCInitLib there makes GCInitLib itself fail. */
 /* The next `count` successful remote-port reads report half of the requested size. */
 KIVSIM_API int32_t kivsim_short_reads(uint32_t count);
 /* Largest GigE packet size the stream test lets through. */
