@@ -13,6 +13,8 @@ function flush_block(next_line,    i, doc, first) {
   doc = next_line !~ /^[ \t]*$/ && next_line !~ /^[ \t]*(\/\*|\/\/|#[ \t]*(include|endif)|})/
   # A comment over a run of macros documents each of them.
   if (doc && next_line ~ /^#[ \t]*define[ \t]/) { print "/**@{*/"; in_group = 1 }
+  # ... and one over a run of functions documents each of them.
+  if (doc && next_line ~ /^KIVCAM_API/) { print "/**@{*/"; in_api_group = 1 }
   for (i = 1; i <= n; ++i) {
     first = block[i]
     if (doc && i == 1) {
@@ -26,11 +28,12 @@ function flush_block(next_line,    i, doc, first) {
   n = 0
 }
 function is_banner(line) { return line ~ /^\/\* *(-{3,}|={3,})/ || in_banner }
-BEGIN { n = 0; open = 0; in_banner = 0; in_group = 0; continued = 0; line_no = 0 }
+BEGIN { n = 0; open = 0; in_banner = 0; in_group = 0; in_api_group = 0; continued = 0; line_no = 0 }
 {
   ++line_no
   line = $0
   if (in_group && !continued && line !~ /^#[ \t]*define[ \t]/) { print "/**@}*/"; in_group = 0 }
+  if (in_api_group && line ~ /^[ \t]*($|\/\*|\/\/|#)/) { print "/**@}*/"; in_api_group = 0 }
   continued = line ~ /\\$/
   if (open) {                                     # inside a /* */ block being collected
     block[++n] = line
@@ -57,4 +60,4 @@ BEGIN { n = 0; open = 0; in_banner = 0; in_group = 0; continued = 0; line_no = 0
   else if (line ~ /^[ \t]*[^ \t\/#*]/ && line ~ /[;,{] *\/\/ /) sub(/ *\/\/ /, " ///< ", line)
   print line
 }
-END { if (n > 0) flush_block(""); if (in_group) print "/**@}*/" }
+END { if (n > 0) flush_block(""); if (in_group || in_api_group) print "/**@}*/" }

@@ -340,7 +340,7 @@ TEST_F(ImageCallback, RemovalsAndACloseAtOnceAllReturn) {
   CamLib& l = *lib_;
   for (int round = 0; round < 150; ++round) {
     SCOPED_TRACE(round);
-    Cam c = Open(kGigE2);
+    Cam c = OpenOnDemand(kGigE2);
     Ready(c);
     ASSERT_EQ(c.sim->free_run(c.index, 0), 0);  // as fast as buffers come back
     Seen& seen = NewSeen();

@@ -36,7 +36,8 @@ for header in "$src"/include/kivcam/*.h; do
   awk -f "$src/docs/header-filter.awk" "$header" | awk -v file="${header#$src/}" '
     /^[ \t]*$/ { last = ""; next }
     /^KIVCAM_API/ {
-      if (last !~ /\*\/[ \t]*$/ || !documented) { print "FAIL: " file ": no comment above: " $0; bad = 1 }
+      # a group of declarations right under one comment shares it
+      if (!(last ~ /\*\/[ \t]*$/ || last ~ /^KIVCAM_API/) || !documented) { print "FAIL: " file ": no comment above: " $0; bad = 1 }
     }
     /^\/\*\*/ { documented = 1 }
     /^\/\*[^*]/ { documented = 0 }
