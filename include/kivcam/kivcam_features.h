@@ -169,6 +169,17 @@ KIVCAM_API KIVCAM_BOOL KIVCAMF_GetEntry(HCAMERA camera, const char *name, uint32
 KIVCAM_API KIVCAM_BOOL KIVCAMF_GetChild(HCAMERA camera, const char *name, uint32_t index, char *child,
                                         uint32_t *size);
 
+/* ---- Reasons ----------------------------------------------------------------- */
+
+/* The reason for the calling thread's last failure, in words, where the
+ * library has one (for a feature, the node map's message: "Value 7 is not a
+ * multiple of the increment 4"); empty after a success or a failure without
+ * one. Copies at most `size` bytes, terminator included, into `text` (null
+ * when `size` is 0) and returns the bytes the whole text needs, terminator
+ * included. Like KIVCAM_GetLastError it leaves the last error as it is and
+ * writes no line to the call log. Any export's failure sets it. */
+KIVCAM_API uint32_t KIVCAMF_GetLastErrorText(char *text, uint32_t size);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -222,6 +222,9 @@ class Library:
         self.GetLastError = dll.KIVCAM_GetLastError
         self.GetLastError.argtypes = []
         self.GetLastError.restype = ctypes.c_uint32
+        self.GetLastErrorText = dll.KIVCAMF_GetLastErrorText
+        self.GetLastErrorText.argtypes = [ctypes.c_char_p, ctypes.c_uint32]
+        self.GetLastErrorText.restype = ctypes.c_uint32
         for name, args in _CHECKED.items():
             fn = getattr(dll, name)
             fn.argtypes = args
@@ -244,7 +247,17 @@ class Library:
         """Calls a KIVCAM_BOOL function; raises the error of its failure."""
         if getattr(self, name)(*args):
             return
-        raise errors.from_code(self.GetLastError(), name)
+        raise self.error(name)
+
+    def error(self, name, code=None):
+        """The exception for the calling thread's last failure, in `name`, with
+        the library's reason; `code` when the caller already read it."""
+        if code is None:
+            code = self.GetLastError()
+        size = self.GetLastErrorText(None, 0)
+        buf = ctypes.create_string_buffer(size)
+        self.GetLastErrorText(buf, size)
+        return errors.from_code(code, name, reason=buf.value.decode("utf-8", "replace"))
 
     def ok(self, name, *args):
         """Calls a KIVCAM_BOOL function; its last error (0 on success)."""

@@ -35,7 +35,7 @@ def _read_text(fn, *args):
         if code == 0:
             return buf.value.decode("utf-8", "replace")
         if code != errors.BufferSizeError.code:
-            raise errors.from_code(code, fn)
+            raise _lib.lib().error(fn, code)
         buf = ctypes.create_string_buffer(size.value)
 
 

@@ -14,10 +14,12 @@ class Error(Exception):
     code = None
     name = "KIVCAM_ERR"
 
-    def __init__(self, code, call, text=None):
+    def __init__(self, code, call, text=None, reason=None):
         self.code = code
         self.call = call
-        super().__init__(text or "%s failed: error %d (%s)" % (call, code, self.name))
+        self.reason = reason or ""  # the library's words for the failure, when it has them
+        text = text or "%s failed: error %d (%s)" % (call, code, self.name)
+        super().__init__(text + (": " + reason if reason else ""))
 
 
 def _make(code, name, doc, *bases):
@@ -52,9 +54,9 @@ BY_CODE = {cls.code: cls for cls in (
     BufferError, VersionError, NotGigEError, NoAddressError, NotUSBError, FormatError, OtherError)}
 
 
-def from_code(code, call, text=None):
+def from_code(code, call, text=None, reason=None):
     """The exception for `code` raised by `call`."""
     cls = BY_CODE.get(code)
     if cls is None:
-        return Error(code, call, text or "%s failed: device code %d" % (call, code))
-    return cls(code, call, text)
+        return Error(code, call, text or "%s failed: device code %d" % (call, code), reason)
+    return cls(code, call, text, reason)

@@ -239,16 +239,16 @@ class Stream(_Acquisition):
                     b = self._idle.popleft()
                     if not request(h, b):
                         self._idle.appendleft(b)
-                        raise errors.from_code(self._lib.GetLastError(), "KIVCAM_ImageReq")
+                        raise self._lib.error("KIVCAM_ImageReq")
                     self._pending.append(b)
                 b = self._pending.popleft()
                 if not complete(h, b, wait, record_ref):
-                    code = self._lib.GetLastError()
-                    if code == _TIMEOUT:
+                    failure = self._lib.error("KIVCAM_ImageComplete")
+                    if failure.code == _TIMEOUT:
                         self._pending.appendleft(b)  # still queued: the next wait takes it
                     else:
                         self._idle.append(b)
-                    raise errors.from_code(code, "KIVCAM_ImageComplete")
+                    raise failure
                 last = b
                 fixed, raw = self._views[id(b)]
                 frame = Frame(self, *fixed, copy(record) if info else None, self._index, b, raw)

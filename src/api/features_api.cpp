@@ -64,11 +64,28 @@ KIVCAM_BOOL OnFeature(const char* export_name, HCAMERA handle, const char* name,
   });
 }
 
+// What a node is, in words, for the reason of a refusal.
+const char* KindOf(ga::INode& node) {
+  switch (node.GetPrincipalInterfaceType()) {
+    case ga::intfIInteger: return "an integer";
+    case ga::intfIFloat: return "a float";
+    case ga::intfIBoolean: return "a boolean";
+    case ga::intfICommand: return "a command";
+    case ga::intfIString: return "a string";
+    case ga::intfIRegister: return "a register";
+    case ga::intfICategory: return "a category";
+    case ga::intfIEnumeration: return "an enumeration";
+    case ga::intfIEnumEntry: return "an enumeration entry";
+    case ga::intfIPort: return "a port";
+    default: return "a node without a value";
+  }
+}
+
 // The node as interface I, or Error (1): the feature is of another type.
 template <typename I>
 I& As(ga::INode& node) {
   auto* i = dynamic_cast<I*>(&node);
-  Require(i);
+  if (!i) throw kivcam::Error(KIVCAM_ERR_PARAM, node.GetName() + " is " + KindOf(node) + ": not this call's type");
   return *i;
 }
 
@@ -83,9 +100,13 @@ void PutText(const std::string& s, char* text, uint32_t* size) {
   std::memcpy(text, s.c_str(), need);
 }
 
-// The entry of an enumeration that may be selected now, or Error (1).
-ga::IEnumEntry& Selectable(ga::IEnumEntry* entry) {
-  if (!entry || !ga::IsAvailable(entry->GetAccessMode())) Require(nullptr);
+// The entry of an enumeration that may be selected now, or Error (1)
+// naming what was asked for.
+ga::IEnumEntry& Selectable(ga::IEnumeration& e, ga::IEnumEntry* entry, const std::string& asked) {
+  if (!entry) throw kivcam::Error(KIVCAM_ERR_PARAM, e.GetNode()->GetName() + " has no entry " + asked);
+  if (!ga::IsAvailable(entry->GetAccessMode())) {
+    throw kivcam::Error(KIVCAM_ERR_PARAM, e.GetNode()->GetName() + " entry " + asked + " is not available now");
+  }
   return *entry;
 }
 
@@ -229,7 +250,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAMF_GetEnum(HCAMERA camera, const char* name, char* s
 KIVCAM_API KIVCAM_BOOL KIVCAMF_SetEnum(HCAMERA camera, const char* name, const char* symbol) {
   return OnFeature("KIVCAMF_SetEnum", camera, name, symbol, [&](ga::INode& n) {
     ga::IEnumeration& e = As<ga::IEnumeration>(n);
-    e.SetIntValue(Selectable(e.GetEntryByName(symbol)).GetValue());
+    e.SetIntValue(Selectable(e, e.GetEntryByName(symbol), std::string("'") + symbol + "'").GetValue());
   });
 }
 
@@ -241,7 +262,7 @@ KIVCAM_API KIVCAM_BOOL KIVCAMF_GetEnumInt(HCAMERA camera, const char* name, int6
 KIVCAM_API KIVCAM_BOOL KIVCAMF_SetEnumInt(HCAMERA camera, const char* name, int64_t value) {
   return OnFeature("KIVCAMF_SetEnumInt", camera, name, name, [&](ga::INode& n) {
     ga::IEnumeration& e = As<ga::IEnumeration>(n);
-    e.SetIntValue(Selectable(e.GetEntry(value)).GetValue());
+    e.SetIntValue(Selectable(e, e.GetEntry(value), std::to_string(value)).GetValue());
   });
 }
 
@@ -330,3 +351,15 @@ KIVCAM_API KIVCAM_BOOL KIVCAMF_GetChild(HCAMERA camera, const char* name, uint32
 }
 
 }  // extern "C"
+
+KIVCAM_API uint32_t KIVCAMF_GetLastErrorText(char* text, uint32_t size) {
+  CKivCamDLL* lib = kivcam::core::Library();
+  const std::string reason = lib ? lib->GetErrorText() : std::string();
+  const size_t need = std::min<size_t>(reason.size(), UINT32_MAX - 1) + 1;
+  if (text && size) {
+    const size_t n = std::min<size_t>(need, size) - 1;
+    std::memcpy(text, reason.data(), n);
+    text[n] = '\0';
+  }
+  return static_cast<uint32_t>(need);
+}

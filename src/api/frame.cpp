@@ -35,11 +35,11 @@ void Frame::Error(uint32_t code) const {
 void OnFailure(core::CKivCamDLL& lib, const Frame& f, const kivcam::Error* e) {
   if (!e) {
     diag::LogEvent(false, f.name, kOtherErrorText);
-    lib.SetErrorCode(KIVCAM_ERR_OTHER);
+    lib.SetErrorCode(KIVCAM_ERR_OTHER, kOtherErrorText);
     return;
   }
   if (e->has_text()) diag::LogEvent(false, f.name, e->what());
-  lib.SetErrorCode(e->code());
+  lib.SetErrorCode(e->code(), e->what());
 }
 
 std::shared_ptr<camera::CCamera> CameraOf(core::CKivCamDLL& lib, const void* handle) {

@@ -49,15 +49,16 @@ void CKivCamDLL::ReleaseAll() {
   error_map_.clear();
 }
 
-void CKivCamDLL::SetErrorCode(uint32_t code) {
+void CKivCamDLL::SetErrorCode(uint32_t code, const char* text) {
   uint32_t tid = platform::ThreadId();
   platform::LockGuard g(error_map_lock_);
   auto it = error_map_.find(tid);
   if (code != 0) {
     if (it != error_map_.end()) {
-      it->second = code;
+      it->second.code = code;
+      it->second.text = text ? text : "";
     } else {
-      error_map_.emplace_hint(it, tid, code);
+      error_map_.emplace_hint(it, tid, LastError{code, text ? text : ""});
     }
   } else if (it != error_map_.end()) {
     error_map_.erase(it);
@@ -68,7 +69,14 @@ uint32_t CKivCamDLL::GetErrorCode() {
   uint32_t tid = platform::ThreadId();
   platform::LockGuard g(error_map_lock_);
   auto it = error_map_.find(tid);
-  return it == error_map_.end() ? 0 : it->second;
+  return it == error_map_.end() ? 0 : it->second.code;
+}
+
+std::string CKivCamDLL::GetErrorText() {
+  uint32_t tid = platform::ThreadId();
+  platform::LockGuard g(error_map_lock_);
+  auto it = error_map_.find(tid);
+  return it == error_map_.end() ? std::string() : it->second.text;
 }
 
 void CKivCamDLL::CreateDrvList() {

@@ -41,9 +41,12 @@ class CKivCamDLL : public transport::IBusEvents {
   CKivCamDLL(const CKivCamDLL&) = delete;
   CKivCamDLL& operator=(const CKivCamDLL&) = delete;
 
-  // Last error of the calling thread; 0 erases its entry.
-  void SetErrorCode(uint32_t code);
+  // Last error of the calling thread; 0 erases its entry. The text is the
+  // failure's reason in words where there is one (empty otherwise); a new
+  // code always replaces it.
+  void SetErrorCode(uint32_t code, const char* text = nullptr);
   uint32_t GetErrorCode();
+  std::string GetErrorText();
 
   platform::RecursiveLock& library_lock() { return library_lock_; }
   platform::RecursiveLock& api_lock() { return api_lock_; }
@@ -117,7 +120,11 @@ class CKivCamDLL : public transport::IBusEvents {
   std::atomic<const transport::CGenTL*> first_producer_{nullptr};
   std::vector<std::shared_ptr<CConvHandle>> conv_handles_;
   HandleTable handles_;
-  std::map<uint32_t, uint32_t> error_map_;
+  struct LastError {
+    uint32_t code;
+    std::string text;
+  };
+  std::map<uint32_t, LastError> error_map_;
   BusEventCallback callback_ = nullptr;
   void* callback_context_ = nullptr;
   std::unique_ptr<platform::Event> exit_event_;

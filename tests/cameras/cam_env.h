@@ -46,7 +46,7 @@ std::string LibDir();  // where libkivcam.so and the producers are
   X(KIVCAMF_SetBool) X(KIVCAMF_GetString) X(KIVCAMF_SetString) X(KIVCAMF_GetEnum) X(KIVCAMF_SetEnum)     \
   X(KIVCAMF_GetEnumInt) X(KIVCAMF_SetEnumInt) X(KIVCAMF_ToString) X(KIVCAMF_FromString)                  \
   X(KIVCAMF_Execute) X(KIVCAMF_IsDone) X(KIVCAMF_GetInfo) X(KIVCAMF_GetInfoText) X(KIVCAMF_GetEntry)     \
-  X(KIVCAMF_GetChild)
+  X(KIVCAMF_GetChild) X(KIVCAMF_GetLastErrorText)
 
 // Last-error value Err gives for a call that did not fail.
 constexpr uint32_t kSucceeded = 0xFFFFFFFFu;

@@ -144,6 +144,48 @@ TEST_F(Features, RefusalsCarryTheirCodes) {
   EXPECT_EQ(Err(lib_->KIVCAMF_GetInt(cam, "Width", &i)), KIVCAM_ERR_PARAM);
 }
 
+// The reason behind the last error: the node map's words for a refused
+// value, nothing for a failure without words, cleared by the next call,
+// kept per thread, and reading it changes nothing.
+TEST_F(Features, TheLastErrorComesWithItsReason) {
+  Load();
+  HCAMERA cam = OpenUid(kGigE1);
+  ASSERT_NE(cam, nullptr);
+  auto reason = [&] {
+    const uint32_t need = lib_->KIVCAMF_GetLastErrorText(nullptr, 0);
+    std::string s(need, '\0');
+    EXPECT_EQ(lib_->KIVCAMF_GetLastErrorText(&s[0], need), need);
+    EXPECT_EQ(s.back(), '\0');
+    s.pop_back();
+    return s;
+  };
+  EXPECT_EQ(reason(), "");
+  EXPECT_EQ(Err(lib_->KIVCAMF_SetInt(cam, "Width", 322)), KIVCAM_ERR_PARAM);
+  const std::string why = reason();
+  EXPECT_NE(why.find("322"), std::string::npos) << why;
+  EXPECT_EQ(lib_->KIVCAM_GetLastError(), KIVCAM_ERR_PARAM);  // reading the reason kept the code
+  EXPECT_EQ(reason(), why);
+
+  // Cut to the caller's buffer, always terminated; the size needed comes back.
+  char cut[5] = "xxxx";
+  EXPECT_EQ(lib_->KIVCAMF_GetLastErrorText(cut, sizeof cut), why.size() + 1);
+  EXPECT_EQ(std::string(cut), why.substr(0, 4));
+
+  // Another thread has its own (none); a failure without words replaces the
+  // words; a success clears them.
+  std::string other = "unset";
+  std::thread([&] { other = reason(); }).join();
+  EXPECT_EQ(other, "");
+  EXPECT_EQ(Err(lib_->KIVCAMF_GetInt(cam, "Width", nullptr)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(reason(), "");
+  EXPECT_EQ(Err(lib_->KIVCAMF_GetInt(cam, "NoSuchFeature", nullptr)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(lib_->KIVCAMF_SetEnum(cam, "PixelFormat", "NoSuchFormat")), KIVCAM_ERR_PARAM);
+  EXPECT_NE(reason(), "");
+  int64_t width = 0;
+  ASSERT_EQ(lib_->KIVCAMF_GetInt(cam, "Width", &width), KIVCAM_TRUE);
+  EXPECT_EQ(reason(), "");
+}
+
 // Descriptions: what the camera's GenICam description says of each type.
 TEST_F(Features, DescriptionsFollowTheCameraDescription) {
   Load();

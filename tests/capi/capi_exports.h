@@ -81,7 +81,7 @@
     X(KIVCAM_BOOL, KIVCAM_ColorConvExec, (HCTBL, const KIVCAM_IMAGEDESC *, void *))
 
 /* The feature interface, kivcam_features.h. */
-#define KIVCAMF_EXPORT_COUNT 20
+#define KIVCAMF_EXPORT_COUNT 21
 
 #define KIVCAMF_EXPORTS(X) \
     X(KIVCAM_BOOL, KIVCAMF_GetInt, (HCAMERA, const char *, int64_t *)) \
@@ -103,6 +103,7 @@
     X(KIVCAM_BOOL, KIVCAMF_GetInfo, (HCAMERA, const char *, KIVCAMF_INFO *)) \
     X(KIVCAM_BOOL, KIVCAMF_GetInfoText, (HCAMERA, const char *, uint32_t, char *, uint32_t *)) \
     X(KIVCAM_BOOL, KIVCAMF_GetEntry, (HCAMERA, const char *, uint32_t, int64_t *, uint32_t *, char *, uint32_t *)) \
-    X(KIVCAM_BOOL, KIVCAMF_GetChild, (HCAMERA, const char *, uint32_t, char *, uint32_t *))
+    X(KIVCAM_BOOL, KIVCAMF_GetChild, (HCAMERA, const char *, uint32_t, char *, uint32_t *)) \
+    X(uint32_t, KIVCAMF_GetLastErrorText, (char *, uint32_t))
 
 #endif

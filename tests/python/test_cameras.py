@@ -86,8 +86,10 @@ def test_failures_raise_the_error_of_their_code():
             cam.Width = 322  # off the increment
         assert (e.value.code, e.value.call) == (1, "KIVCAMF_SetInt")
         assert isinstance(e.value, kivcam.Error) and isinstance(e.value, ValueError)
-        with pytest.raises(kivcam.ParamError):
+        assert "322" in e.value.reason and e.value.reason in str(e.value)  # the library's words
+        with pytest.raises(kivcam.ParamError) as e:
             cam.PixelFormat = "BayerRG8"  # a mono camera
+        assert "BayerRG8" in str(e.value)
         with pytest.raises(kivcam.AccessError):
             cam.FrameCounter = 3
         with pytest.raises(kivcam.AlreadyOpenError):
