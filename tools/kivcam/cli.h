@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "kivcam/kivcam.h"
-#include "kivgenapi/KivGenApi.h"
 
 namespace kivcli {
 
@@ -54,7 +53,6 @@ class Camera {
   void Close() {
     if (h_) watch_ ? KIVCAM_WatchClose(h_) : KIVCAM_Close(h_);
     h_ = nullptr;
-    map_ = nullptr;
   }
   int Open(uint64_t uid) {
     if (!Start()) return kFailed;
@@ -64,24 +62,15 @@ class Camera {
   // Watch mode: `first` is the first GigE camera, a UID is searched among GigE cameras.
   int WatchOpen(uint64_t uid);
   HCAMERA handle() const { return h_; }
-  KivGenApi::CNodeMapRef* NodeMap() {
-    if (map_) return map_;
-    void* p = nullptr;
-    if (!KIVCAM_GetNodeMap(h_, &p)) {
-      Fail("KIVCAM_GetNodeMap");
-      return nullptr;
-    }
-    return map_ = static_cast<KivGenApi::CNodeMapRef*>(p);
-  }
 
  private:
   HCAMERA h_ = nullptr;
   bool watch_ = false;
-  KivGenApi::CNodeMapRef* map_ = nullptr;
 };
 
-// The value of a feature as text (with its unit), or why there is none.
-std::string ValueText(KivGenApi::INode* n);
+// The value of a feature as text (with its unit), why there is none, or "?"
+// for a feature the camera does not have.
+std::string ValueText(HCAMERA cam, const std::string& name);
 // Sets FEATURE=VALUE assignments in order and prints each value read back;
 // the first failure ends.
 int Set(Camera& cam, const Args& assignments);

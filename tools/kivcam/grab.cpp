@@ -32,7 +32,6 @@ namespace kivcli {
 
 namespace {
 
-namespace ga = KivGenApi;
 
 enum class Format { kPng, kBmp, kRaw };
 
@@ -514,9 +513,7 @@ class Grabber {
 };
 
 std::string Grabber::FeatureText(const char* name) {
-  ga::CNodeMapRef* map = camera_.NodeMap();
-  ga::INode* n = map ? map->_GetNode(name) : nullptr;
-  return n ? ValueText(n) : std::string("?");
+  return ValueText(cam(), name);
 }
 
 std::string Grabber::FileName(uint64_t number) const {

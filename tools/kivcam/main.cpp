@@ -27,8 +27,6 @@
 
 namespace kivcli {
 
-namespace ga = KivGenApi;
-
 namespace {
 constexpr uint64_t kMaxRegisterCount = 4096;
 
@@ -85,7 +83,16 @@ const char* ErrorName(uint32_t code) {
 
 }  // namespace
 
-int Fail(const char* call) { return Fail(call, KIVCAM_GetLastError()); }
+int Fail(const char* call) {
+  // The library's words for the failure, where it has them.
+  const uint32_t code = KIVCAM_GetLastError();
+  char why[512];
+  if (KIVCAMF_GetLastErrorText(why, sizeof why) > 1) {
+    std::fprintf(stderr, "kivcam: %s failed: error %u, %s: %s\n", call, code, ErrorName(code), why);
+    return kFailed;
+  }
+  return Fail(call, code);
+}
 
 int Fail(const char* call, uint32_t code) {
   std::fprintf(stderr, "kivcam: %s failed: error %u, %s\n", call, code, ErrorName(code));
@@ -404,72 +411,101 @@ int Info(Camera& cam) {
 }
 
 // ---- features -----------------------------------------------------------------
+// All through the library's C feature interface, as any host would use it.
 
-const char* AccessName(ga::EAccessMode m) {
-  switch (m) {
-    case ga::NI:
-      return "NI";
-    case ga::NA:
-      return "NA";
-    case ga::WO:
-      return "WO";
-    case ga::RO:
-      return "RO";
-    case ga::RW:
-      return "RW";
-    default:
-      return "?";
+// A text out of a KIVCAMF_ text function: a first try that most texts fit,
+// then one in the size asked for. False when the call failed otherwise.
+template <typename Fn>
+bool FetchText(Fn&& fn, std::string* out) {
+  char first[256];
+  uint32_t size = sizeof first;
+  if (fn(first, &size)) {
+    out->assign(first, size ? size - 1 : 0);
+    return true;
+  }
+  if (KIVCAM_GetLastError() != KIVCAM_ERR_BUFFER_SIZE) return false;
+  std::string s(size, '\0');
+  if (!fn(&s[0], &size)) return false;
+  s.resize(size ? size - 1 : 0);
+  *out = std::move(s);
+  return true;
+}
+
+// Why the last call failed: the library's words, or the code's name.
+std::string Reason() {
+  std::string why(KIVCAMF_GetLastErrorText(nullptr, 0), '\0');
+  KIVCAMF_GetLastErrorText(&why[0], static_cast<uint32_t>(why.size()));
+  why.pop_back();
+  return why.empty() ? ErrorName(KIVCAM_GetLastError()) : why;
+}
+
+const char* AccessName(uint32_t access) {
+  static const char* const kNames[] = {"NI", "NA", "WO", "RO", "RW"};
+  return access < 5 ? kNames[access] : "?";
+}
+
+const char* TypeName(uint32_t type) {
+  switch (type) {
+    case KIVCAMF_TYPE_INTEGER: return "Integer";
+    case KIVCAMF_TYPE_FLOAT: return "Float";
+    case KIVCAMF_TYPE_BOOLEAN: return "Boolean";
+    case KIVCAMF_TYPE_COMMAND: return "Command";
+    case KIVCAMF_TYPE_STRING: return "String";
+    case KIVCAMF_TYPE_REGISTER: return "Register";
+    case KIVCAMF_TYPE_CATEGORY: return "Category";
+    case KIVCAMF_TYPE_ENUMERATION: return "Enumeration";
+    case KIVCAMF_TYPE_ENUMENTRY: return "EnumEntry";
+    case KIVCAMF_TYPE_PORT: return "Port";
+    default: return "Node";
   }
 }
 
-const char* TypeName(ga::INode* n) {
-  switch (n->GetPrincipalInterfaceType()) {
-    case ga::intfIInteger:
-      return "Integer";
-    case ga::intfIFloat:
-      return "Float";
-    case ga::intfIBoolean:
-      return "Boolean";
-    case ga::intfICommand:
-      return "Command";
-    case ga::intfIString:
-      return "String";
-    case ga::intfIRegister:
-      return "Register";
-    case ga::intfICategory:
-      return "Category";
-    case ga::intfIEnumeration:
-      return "Enumeration";
-    case ga::intfIEnumEntry:
-      return "EnumEntry";
-    case ga::intfIPort:
-      return "Port";
-    default:
-      return "Node";
+// A feature and what the library says it is.
+struct Feature {
+  HCAMERA cam = nullptr;
+  std::string name;
+  KIVCAMF_INFO info{};
+
+  bool Is(uint32_t type) const { return info.Type == type; }
+  bool HasValue() const {
+    return !Is(KIVCAMF_TYPE_COMMAND) && !Is(KIVCAMF_TYPE_CATEGORY) && !Is(KIVCAMF_TYPE_PORT);
   }
+  bool Readable() const { return info.Access == KIVCAMF_ACCESS_RO || info.Access == KIVCAMF_ACCESS_RW; }
+  bool Writable() const { return info.Access == KIVCAMF_ACCESS_WO || info.Access == KIVCAMF_ACCESS_RW; }
+  // Reads the description again (after a change of the camera's state).
+  bool Refresh() { return KIVCAMF_GetInfo(cam, name.c_str(), &info) != 0; }
+  std::string Text(uint32_t which) const {
+    std::string s;
+    FetchText([&](char* t, uint32_t* n) { return KIVCAMF_GetInfoText(cam, name.c_str(), which, t, n); }, &s);
+    return s;
+  }
+};
+
+// The feature `name`; when there is none, says so and gives false.
+bool Lookup(HCAMERA cam, const std::string& name, Feature* f) {
+  f->cam = cam;
+  f->name = name;
+  if (f->Refresh()) return true;
+  if (KIVCAM_GetLastError() == KIVCAM_ERR_PARAM) Problem("the camera has no feature '%s'", name.c_str());
+  else Fail("KIVCAMF_GetInfo");
+  return false;
 }
 
-bool Is(ga::INode* n, ga::EInterfaceType t) { return n->GetPrincipalInterfaceType() == t; }
-
-std::string Unit(ga::INode* n) {
-  if (auto* i = dynamic_cast<ga::IInteger*>(n)) return i->GetUnit();
-  if (auto* f = dynamic_cast<ga::IFloat*>(n)) return f->GetUnit();
-  return "";
+std::string WithUnit(const Feature& f, std::string s) {
+  if (!f.Is(KIVCAMF_TYPE_INTEGER) && !f.Is(KIVCAMF_TYPE_FLOAT)) return s;
+  std::string unit = f.Text(KIVCAMF_TEXT_UNIT);
+  return unit.empty() ? s : s + " " + unit;
 }
 
 // The value as text, or why there is none.
-std::string ValueText(ga::INode* n) {
-  if (Is(n, ga::intfICommand) || Is(n, ga::intfICategory)) return "";
-  auto* v = dynamic_cast<ga::IValue*>(n);
-  if (!v) return "";
-  if (!ga::IsReadable(n->GetAccessMode())) return "-";
-  try {
-    std::string s = v->ToString();
-    std::string unit = Unit(n);
-    return unit.empty() ? s : s + " " + unit;
-  } catch (const ga::GenericException& e) {
-    return std::string("<error: ") + e.GetDescription() + ">";
+std::string ValueText(const Feature& f) {
+  if (!f.HasValue()) return "";
+  if (!f.Readable()) return "-";
+  std::string s;
+  if (!FetchText([&](char* t, uint32_t* n) { return KIVCAMF_ToString(f.cam, f.name.c_str(), t, n); }, &s)) {
+    return "<error: " + Reason() + ">";
   }
+  return WithUnit(f, s);
 }
 
 std::string Number(double v) {
@@ -478,32 +514,31 @@ std::string Number(double v) {
   return buf;
 }
 
-std::vector<ga::INode*> Features(ga::INode* n) {
-  std::vector<ga::INode*> out;
-  if (auto* cat = dynamic_cast<ga::ICategory*>(n)) {
-    ga::FeatureList_t features;
-    cat->GetFeatures(features);
-    for (ga::IValue* f : features) {
-      if (ga::INode* child = f->GetNode()) out.push_back(child);
+std::vector<std::string> Children(const Feature& f) {
+  std::vector<std::string> out;
+  for (uint32_t i = 0; i < f.info.ChildCount; ++i) {
+    std::string child;
+    if (FetchText([&](char* t, uint32_t* n) { return KIVCAMF_GetChild(f.cam, f.name.c_str(), i, t, n); }, &child)) {
+      out.push_back(child);
     }
   }
   return out;
 }
 
-// The available entries of an enumeration, as "Symbolic" (or with values).
-std::vector<std::string> Entries(ga::INode* n, bool with_values, bool all = false) {
+// The entries of an enumeration, as "Symbolic" (or with values): those that
+// may be selected now, or with `all` every one.
+std::vector<std::string> Entries(const Feature& f, bool with_values, bool all = false) {
   std::vector<std::string> out;
-  auto* e = dynamic_cast<ga::IEnumeration*>(n);
-  if (!e) return out;
-  ga::NodeList_t entries;
-  e->GetEntries(entries);
-  for (ga::INode* entry : entries) {
-    auto* ee = dynamic_cast<ga::IEnumEntry*>(entry);
-    if (!ee) continue;
-    bool available = ga::IsAvailable(entry->GetAccessMode());
+  if (!f.Is(KIVCAMF_TYPE_ENUMERATION)) return out;
+  for (uint32_t i = 0; i < f.info.EntryCount; ++i) {
+    int64_t value = 0;
+    uint32_t access = 0;
+    std::string text;
+    auto entry = [&](char* t, uint32_t* n) { return KIVCAMF_GetEntry(f.cam, f.name.c_str(), i, &value, &access, t, n); };
+    if (!FetchText(entry, &text)) continue;
+    const bool available = access != KIVCAMF_ACCESS_NA && access != KIVCAMF_ACCESS_NI;
     if (!available && !all) continue;
-    std::string text = ee->GetSymbolic();
-    if (with_values) text += " = " + std::to_string(ee->GetValue());
+    if (with_values) text += " = " + std::to_string(value);
     if (!available) text += " (not available now)";
     out.push_back(text);
   }
@@ -517,74 +552,64 @@ std::string Join(const std::vector<std::string>& parts, const char* sep) {
 }
 
 // Range, increment and unit of a number, or the entries of an enumeration,
-// on one line; empty for other features. Never throws.
-std::string Limits(ga::INode* n) {
-  try {
-    if (!ga::IsWritable(n->GetAccessMode())) return "";  // what may be set, for what can be
-    std::string s;
-    if (auto* i = dynamic_cast<ga::IInteger*>(n)) {
-      s = "[" + std::to_string(i->GetMin()) + " .. " + std::to_string(i->GetMax());
-      if (i->GetIncMode() == ga::listIncrement) {
-        std::vector<std::string> values;
-        for (int64_t v : i->GetListOfValidValues()) values.push_back(std::to_string(v));
-        s += ", one of " + Join(values, ", ");
-      } else if (i->GetInc() != 1) {
-        s += ", step " + std::to_string(i->GetInc());
+// on one line; empty for other features and for what cannot be set now.
+std::string Limits(const Feature& f) {
+  const KIVCAMF_INFO& i = f.info;
+  if (!f.Writable()) return "";  // what may be set, for what can be
+  if (f.Is(KIVCAMF_TYPE_ENUMERATION)) return "{" + Join(Entries(f, false), ", ") + "}";
+  if (!f.Is(KIVCAMF_TYPE_INTEGER) && !f.Is(KIVCAMF_TYPE_FLOAT)) return "";
+  if (!i.HasRange) return "<range unreadable now>";
+  std::string s;
+  if (f.Is(KIVCAMF_TYPE_INTEGER)) {
+    s = "[" + std::to_string(i.IntMin) + " .. " + std::to_string(i.IntMax);
+    if (i.IncMode == KIVCAMF_INC_LIST) {
+      std::vector<std::string> values;
+      for (uint32_t k = 0; k < i.EntryCount; ++k) {
+        int64_t v = 0;
+        uint32_t size = 0;
+        if (KIVCAMF_GetEntry(f.cam, f.name.c_str(), k, &v, nullptr, nullptr, &size)) values.push_back(std::to_string(v));
       }
-      s += "]";
-    } else if (auto* f = dynamic_cast<ga::IFloat*>(n)) {
-      s = "[" + Number(f->GetMin()) + " .. " + Number(f->GetMax());
-      if (f->GetIncMode() == ga::fixedIncrement) s += ", step " + Number(f->GetInc());
-      s += "]";
-    } else if (Is(n, ga::intfIEnumeration)) {
-      return "{" + Join(Entries(n, false), ", ") + "}";
-    } else {
-      return "";
+      s += ", one of " + Join(values, ", ");
+    } else if (i.IntInc != 1) {
+      s += ", step " + std::to_string(i.IntInc);
     }
-    std::string unit = Unit(n);
-    return unit.empty() ? s : s + " " + unit;
-  } catch (const ga::GenericException& e) {
-    return std::string("<error: ") + e.GetDescription() + ">";
+  } else {
+    s = "[" + Number(i.FloatMin) + " .. " + Number(i.FloatMax);
+    if (i.IncMode == KIVCAMF_INC_FIXED) s += ", step " + Number(i.FloatInc);
   }
+  return WithUnit(f, s + "]");
 }
 
-void PrintTree(ga::INode* n, int depth, bool wide, std::vector<ga::INode*>& seen) {
-  for (ga::INode* s : seen) {
-    if (s == n) return;  // a category listed twice
+void PrintTree(HCAMERA cam, const std::string& name, int depth, bool wide, std::vector<std::string>& seen) {
+  for (const std::string& s : seen) {
+    if (s == name) return;  // a category listed twice
   }
-  seen.push_back(n);
-  std::string value = ValueText(n);
-  if (wide && ga::IsWritable(n->GetAccessMode())) {
-    std::string limits = Limits(n);
+  seen.push_back(name);
+  Feature f;
+  f.cam = cam;
+  f.name = name;
+  std::string value;
+  if (!f.Refresh()) {
+    value = "<error: " + Reason() + ">";
+  } else {
+    value = ValueText(f);
+    std::string limits = wide ? Limits(f) : "";
     if (!limits.empty()) value += (value.empty() ? "" : "  ") + limits;
   }
-  std::printf("%*s%-*s %-11s %-2s %s\n", depth * 2, "", 40 - depth * 2, n->GetName().c_str(),
-              TypeName(n), AccessName(n->GetAccessMode()), value.c_str());
-  for (ga::INode* child : Features(n)) PrintTree(child, depth + 1, wide, seen);
+  std::printf("%*s%-*s %-11s %-2s %s\n", depth * 2, "", 40 - depth * 2, name.c_str(), TypeName(f.info.Type),
+              AccessName(f.info.Access), value.c_str());
+  for (const std::string& child : Children(f)) PrintTree(cam, child, depth + 1, wide, seen);
 }
 
 int FeatureTree(Camera& cam, bool wide) {
-  ga::CNodeMapRef* map = cam.NodeMap();
-  if (!map) return kFailed;
-  ga::INode* root = map->_GetNode("Root");
-  if (!root) return Problem("the camera's description has no Root category");
-  std::vector<ga::INode*> seen;
-  PrintTree(root, 0, wide, seen);
+  KIVCAMF_INFO root;
+  if (!KIVCAMF_GetInfo(cam.handle(), "Root", &root)) {
+    if (KIVCAM_GetLastError() != KIVCAM_ERR_PARAM) return Fail("KIVCAMF_GetInfo");
+    return Problem("the camera's description has no Root category");
+  }
+  std::vector<std::string> seen;
+  PrintTree(cam.handle(), "Root", 0, wide, seen);
   return kDone;
-}
-
-ga::INode* Find(Camera& cam, const std::string& name) {
-  ga::CNodeMapRef* map = cam.NodeMap();
-  if (!map) return nullptr;
-  ga::INode* n = map->_GetNode(name.c_str());
-  if (!n) Problem("the camera has no feature '%s'", name.c_str());
-  return n;
-}
-
-std::vector<std::string> FeatureNames(ga::INode* category) {
-  std::vector<std::string> names;
-  for (ga::INode* f : Features(category)) names.push_back(f->GetName());
-  return names;
 }
 
 // Runs `each` on every named feature; a missing or failing one fails the
@@ -593,41 +618,43 @@ template <typename Each>
 int ForEachFeature(Camera& cam, const Args& names, Each&& each) {
   int rc = kDone;
   for (const std::string& name : names) {
-    ga::INode* n = Find(cam, name);
-    if (int r = n ? each(n, name) : kFailed) rc = r;
+    Feature f;
+    if (int r = Lookup(cam.handle(), name, &f) ? each(f) : kFailed) rc = r;
   }
   return rc;
 }
 
 int Describe(Camera& cam, const Args& names) {
-  return ForEachFeature(cam, names, [](ga::INode* n, const std::string& name) -> int {
+  return ForEachFeature(cam, names, [](const Feature& f) -> int {
     auto line = [](const char* key, const std::string& text) {
       if (!text.empty()) std::printf("  %-12s %s\n", key, text.c_str());
     };
-    std::printf("%s\n", n->GetName().c_str());
-    line("type", TypeName(n));
-    line("access", AccessName(n->GetAccessMode()));
-    if (n->GetDisplayName() != n->GetName()) line("display name", n->GetDisplayName());
-    line("value", ValueText(n));
-    if (!Is(n, ga::intfIEnumeration)) line("range", Limits(n));
-    for (const std::string& e : Entries(n, true, true)) line("entry", e);
-    if (Is(n, ga::intfICategory)) line("features", Join(FeatureNames(n), ", "));
-    if (Is(n, ga::intfICommand)) line("run with", "kivcam CAMERA exec " + name);
-    line("description", n->GetDescription());
-    if (n->GetToolTip() != n->GetDescription()) line("tool tip", n->GetToolTip());
+    std::printf("%s\n", f.name.c_str());
+    line("type", TypeName(f.info.Type));
+    line("access", AccessName(f.info.Access));
+    const std::string display = f.Text(KIVCAMF_TEXT_DISPLAYNAME);
+    if (display != f.name) line("display name", display);
+    line("value", ValueText(f));
+    if (!f.Is(KIVCAMF_TYPE_ENUMERATION)) line("range", Limits(f));
+    for (const std::string& e : Entries(f, true, true)) line("entry", e);
+    if (f.Is(KIVCAMF_TYPE_CATEGORY)) line("features", Join(Children(f), ", "));
+    if (f.Is(KIVCAMF_TYPE_COMMAND)) line("run with", "kivcam CAMERA exec " + f.name);
+    const std::string description = f.Text(KIVCAMF_TEXT_DESCRIPTION), tip = f.Text(KIVCAMF_TEXT_TOOLTIP);
+    line("description", description);
+    if (tip != description) line("tool tip", tip);
     return kDone;
   });
 }
 
 int Get(Camera& cam, const Args& names) {
-  return ForEachFeature(cam, names, [](ga::INode* n, const std::string& name) -> int {
-    if (Is(n, ga::intfICategory)) {
-      return Problem("%s is a category, not a value; its features: %s", name.c_str(),
-                     Join(FeatureNames(n), ", ").c_str());
+  return ForEachFeature(cam, names, [](const Feature& f) -> int {
+    const char* name = f.name.c_str();
+    if (f.Is(KIVCAMF_TYPE_CATEGORY)) {
+      return Problem("%s is a category, not a value; its features: %s", name, Join(Children(f), ", ").c_str());
     }
-    if (Is(n, ga::intfICommand)) return Problem("%s is a command, not a value: run it with exec", name.c_str());
-    std::string v = ValueText(n);
-    std::printf("%s = %s\n", name.c_str(), v.c_str());
+    if (f.Is(KIVCAMF_TYPE_COMMAND)) return Problem("%s is a command, not a value: run it with exec", name);
+    std::string v = ValueText(f);
+    std::printf("%s = %s\n", name, v.c_str());
     return v.rfind("<error", 0) == 0 || v == "-" ? kFailed : kDone;
   });
 }
@@ -635,57 +662,55 @@ int Get(Camera& cam, const Args& names) {
 // Writes `value` into a number feature after checking it as the number it
 // must be; other features (and numbers in other spellings, such as an IP
 // address) take the text as it is.
-int SetOne(ga::INode* n, const std::string& name, const std::string& value) {
-  auto* v = dynamic_cast<ga::IValue*>(n);
-  if (Is(n, ga::intfICommand)) return Problem("%s is a command: run it with exec, not set", name.c_str());
-  if (Is(n, ga::intfICategory)) return Problem("%s is a category and holds no value", name.c_str());
-  if (!v) return Problem("'%s' holds no value", name.c_str());
-  try {
-    auto* i = dynamic_cast<ga::IInteger*>(n);
-    auto* f = dynamic_cast<ga::IFloat*>(n);
-    if (i && LooksNumeric(value)) {
-      int64_t x = 0;
-      switch (ParseSigned(value, &x)) {
-        case Parsed::kOk:
-          i->SetValue(x);
-          return kDone;
-        case Parsed::kTooBig:
-          return UsageError("%s: '%s' is out of range for a 64-bit integer", name.c_str(), value.c_str());
-        default:
-          return UsageError("%s: '%s' is not an integer", name.c_str(), value.c_str());
-      }
+int SetOne(const Feature& f, const std::string& value) {
+  const char* name = f.name.c_str();
+  if (f.Is(KIVCAMF_TYPE_COMMAND)) return Problem("%s is a command: run it with exec, not set", name);
+  if (f.Is(KIVCAMF_TYPE_CATEGORY)) return Problem("%s is a category and holds no value", name);
+  if (!f.HasValue()) return Problem("'%s' holds no value", name);
+  KIVCAM_BOOL ok;
+  if (f.Is(KIVCAMF_TYPE_INTEGER) && LooksNumeric(value)) {
+    int64_t x = 0;
+    switch (ParseSigned(value, &x)) {
+      case Parsed::kOk:
+        break;
+      case Parsed::kTooBig:
+        return UsageError("%s: '%s' is out of range for a 64-bit integer", name, value.c_str());
+      default:
+        return UsageError("%s: '%s' is not an integer", name, value.c_str());
     }
-    if (f && LooksNumeric(value)) {
-      char* end = nullptr;
-      double x = std::strtod(value.c_str(), &end);
-      if (end == value.c_str() || *end) {
-        return UsageError("%s: '%s' is not a number", name.c_str(), value.c_str());
-      }
-      if (!std::isfinite(x)) {
-        return UsageError("%s: '%s' is not a finite number", name.c_str(), value.c_str());
-      }
-      f->SetValue(x);
-      return kDone;
-    }
-    v->FromString(value.c_str());
-  } catch (const ga::GenericException& e) {
-    Problem("setting %s to '%s' failed: %s", name.c_str(), value.c_str(), e.GetDescription());
-    std::vector<std::string> entries = Entries(n, false);
-    if (!entries.empty()) std::fprintf(stderr, "kivcam: %s takes one of: %s\n", name.c_str(), Join(entries, ", ").c_str());
-    return kFailed;
+    ok = KIVCAMF_SetInt(f.cam, name, x);
+  } else if (f.Is(KIVCAMF_TYPE_FLOAT) && LooksNumeric(value)) {
+    char* end = nullptr;
+    double x = std::strtod(value.c_str(), &end);
+    if (end == value.c_str() || *end) return UsageError("%s: '%s' is not a number", name, value.c_str());
+    if (!std::isfinite(x)) return UsageError("%s: '%s' is not a finite number", name, value.c_str());
+    ok = KIVCAMF_SetFloat(f.cam, name, x);
+  } else {
+    ok = KIVCAMF_FromString(f.cam, name, value.c_str());
   }
-  return kDone;
+  if (ok) return kDone;
+  Problem("setting %s to '%s' failed: %s", name, value.c_str(), Reason().c_str());
+  std::vector<std::string> entries = Entries(f, false);
+  if (!entries.empty()) std::fprintf(stderr, "kivcam: %s takes one of: %s\n", name, Join(entries, ", ").c_str());
+  return kFailed;
+}
+
+std::string ValueText(HCAMERA cam, const std::string& name) {
+  Feature f;
+  f.cam = cam;
+  f.name = name;
+  return f.Refresh() ? ValueText(f) : std::string("?");
 }
 
 int Set(Camera& cam, const Args& assignments) {
   for (const std::string& a : assignments) {
     size_t eq = a.find('=');
     if (eq == std::string::npos || eq == 0) return UsageError("'%s' is not FEATURE=VALUE", a.c_str());
-    std::string name = a.substr(0, eq), value = a.substr(eq + 1);
-    ga::INode* n = Find(cam, name);
-    if (!n) return kFailed;
-    if (int rc = SetOne(n, name, value)) return rc;
-    std::printf("%s = %s\n", name.c_str(), ValueText(n).c_str());
+    Feature f;
+    if (!Lookup(cam.handle(), a.substr(0, eq), &f)) return kFailed;
+    if (int rc = SetOne(f, a.substr(eq + 1))) return rc;
+    f.Refresh();  // a setting may change what can be read
+    std::printf("%s = %s\n", f.name.c_str(), ValueText(f).c_str());
   }
   return kDone;
 }
