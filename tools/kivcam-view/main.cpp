@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -238,6 +239,15 @@ int main(int argc, char** argv) {
     return kUsage;
   }
   if (o.list) return List();
+  if (o.save) {
+    // Like kivcam grab --out: the folder is made when it is missing.
+    std::error_code ec;
+    std::filesystem::create_directories(o.save, ec);
+    if (ec) {
+      std::fprintf(stderr, "kivcam-view: cannot make the folder %s: %s\n", o.save, ec.message().c_str());
+      return kUsage;
+    }
+  }
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
   return View(o);
