@@ -47,7 +47,7 @@ bool Receiver::Open(const NetInterface& iface, uint32_t device_ip, std::string* 
     // A camera with an address of this host (an emulator) sends its unicast
     // through the loopback and its multicast through its own interface: the
     // ring listens on all of them then, its filter picks the stream.
-    unsigned index = iface.index;
+    unsigned index = (device_ip >> 24) == 127 ? 0 : iface.index;
     for (const NetInterface& n : ListInterfaces())
       if (n.ip == device_ip) index = 0;
     std::string why;
