@@ -313,6 +313,22 @@ TEST_F(Streaming, ADestinationOfZeroClosesTheChannelUntilANewOneIsSet) {
   EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
 }
 
+TEST_F(Streaming, AStreamStoppedAndStartedAgainGoesOnWhole) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+  Announce(2, info + 1024, info);
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    Start(true);
+    TriggerWhole();
+    TriggerWhole();
+    Reg(kAcqStop, 1);
+    ASSERT_EQ(p.DSStopAcquisition(ds, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS) << p.LastError();
+  }
+  EXPECT_EQ(InfoOf<uint64_t>(p.DSGetInfo, ds, STREAM_INFO_NUM_STARTED), 3u);
+  EXPECT_EQ(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_MALFORMED_PACKETS), 0u);
+}
+
 class SizeLimit : public Streaming {
  protected:
   SizeLimit() { options.packet_size_limit = 1200; }
