@@ -1,7 +1,6 @@
 // The little of the operating system's networking that GigE Vision needs:
 // IPv4 UDP sockets, a packet-socket receive ring and the machine's network
-// interfaces. The only files of
-// gev/ that include socket headers.
+// interfaces. The only files of gev/ that include socket headers.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -115,8 +114,9 @@ class PacketRing {
   PacketRing(const PacketRing&) = delete;
   PacketRing& operator=(const PacketRing&) = delete;
 
-  // A ring of about `bytes` on interface `ifindex` (0: every interface) that passes nothing until
-  // Filter is called. False (and why) where the system refuses.
+  // A ring of about `bytes` on interface `ifindex` (0: every interface)
+  // that passes nothing until Filter is called. False (and why) where the
+  // system refuses.
   bool Open(unsigned ifindex, size_t bytes, std::string* error);
   void Close();
   bool valid() const { return fd_ >= 0; }
