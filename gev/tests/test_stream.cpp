@@ -494,6 +494,8 @@ class Ring : public Streaming {
     Announce(2, info + 1024, info);
     Start(true);
     TriggerWhole();
+    // Its trailer comes after the block is complete, and counts as stale.
+    EXPECT_TRUE(WaitFor([&] { return Counter(KIVGEV_STREAM_STALE_PACKETS) >= 1; }));
     return static_cast<uint16_t>(Reg(kivgev::kRegScp0));
   }
 };
