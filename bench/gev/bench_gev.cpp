@@ -3,7 +3,9 @@
 //   Receive/<who>/fps:<n>  1920x1200 Mono8 in 8192-byte packets from kivgev-sim
 //                          (fps 0: as fast as the emulator sends); frames/s,
 //                          complete share, CPU per frame of the receiver alone
-//                          and of receiver plus emulator
+//                          and of receiver plus emulator. KivGEV-ring and
+//                          KivGEV-socket are the producer's two receive paths
+//                          (KIVGEV_RECEIVE).
 //   Control/<who>          1000 register reads; median and 99th percentile of
 //                          the round trip as the camera sees it (time between
 //                          consecutive commands)
@@ -186,9 +188,10 @@ Producer& TheProducer() {
   return p;
 }
 
-void ReceiveKivGev(benchmark::State& state, int fps) {
+void ReceiveKivGev(benchmark::State& state, int fps, const char* path) {
   Child sim = StartEmulator(fps);
   Producer& p = TheProducer();
+  setenv("KIVGEV_RECEIVE", path, 1);
   if (!p.Open()) {
     sim.Stop();
     state.SkipWithError("the network producer found no camera");
@@ -205,7 +208,12 @@ void ReceiveKivGev(benchmark::State& state, int fps) {
     p.DSAnnounceBuffer(ds, nullptr, info + 1024, nullptr, &b);
     p.DSQueueBuffer(ds, b);
   }
-  p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE);
+  if (p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE) != GC_ERR_SUCCESS) {
+    p.Close();
+    sim.Stop();
+    state.SkipWithError("the stream does not start on this receive path");
+    return;
+  }
   p.Write(ds, KIVSIM_DS_RUNNING, 1, false);
   p.Write(p.port, 0xA01C, 1, true);
   uint64_t frames = 0, complete = 0;
@@ -223,6 +231,10 @@ void ReceiveKivGev(benchmark::State& state, int fps) {
     return true;
   };
   for (int i = 0; i < 20; ++i) next();  // settle
+  uint64_t in_place_before = 0;
+  size_t qn = sizeof in_place_before;
+  INFO_DATATYPE qt;
+  p.DSGetInfo(ds, 1003, &qt, &in_place_before, &qn);  // the measured frames' only
   frames = complete = 0;
   double seconds = 0, cpu = 0, sim_cpu = 0;
   for (auto _ : state) {
@@ -236,9 +248,13 @@ void ReceiveKivGev(benchmark::State& state, int fps) {
     state.SetIterationTime(seconds);
   }
   uint64_t in_place = 0;
-  size_t qn = sizeof in_place;
-  INFO_DATATYPE qt;
+  qn = sizeof in_place;
   p.DSGetInfo(ds, 1003, &qt, &in_place, &qn);
+  in_place -= in_place_before;
+  uint8_t ring = 0;
+  qn = sizeof ring;
+  p.DSGetInfo(ds, 1004, &qt, &ring, &qn);
+  state.counters["ring"] = ring;
   state.counters["in_place_pct"] = frames ? 100.0 * in_place / (frames * ((payload + 8155) / 8156)) : 0;
   p.Write(p.port, 0xA020, 1, true);
   p.DSStopAcquisition(ds, ACQ_STOP_FLAGS_KILL);
@@ -367,8 +383,9 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   for (int fps : {200, 400, 0}) {
     const std::string suffix = "/fps:" + std::to_string(fps);
-    benchmark::RegisterBenchmark(("Receive/KivGEV" + suffix).c_str(), ReceiveKivGev, fps)
-        ->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+    for (const char* path : {"ring", "socket"})
+      benchmark::RegisterBenchmark(("Receive/KivGEV-" + std::string(path) + suffix).c_str(), ReceiveKivGev, fps, path)
+          ->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
     benchmark::RegisterBenchmark(("Receive/Aravis" + suffix).c_str(), ReceiveAravis, fps)
         ->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
   }

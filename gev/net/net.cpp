@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <ifaddrs.h>
 #include <linux/ethtool.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -11,6 +13,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -207,6 +210,26 @@ bool UdpSocket::SetDontFragment(bool on) {
   return setsockopt(fd_, IPPROTO_IP, IP_MTU_DISCOVER, &v, sizeof v) == 0;
 }
 
+namespace {
+bool AttachFilter(int fd, sock_filter* code, size_t n) {
+  sock_fprog prog{static_cast<unsigned short>(n), code};
+  return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) == 0;
+}
+bool DropEverything(int fd) {
+  sock_filter drop = BPF_STMT(BPF_RET | BPF_K, 0);
+  return AttachFilter(fd, &drop, 1);
+}
+}  // namespace
+
+void UdpSocket::TakeNothing() {
+  DropEverything(fd_);
+  int v = 0;  // the system's smallest
+  setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &v, sizeof v);
+  char b;
+  while (recv(fd_, &b, 1, MSG_DONTWAIT) >= 0) {
+  }
+}
+
 bool UdpSocket::SendTo(uint32_t ip, uint16_t port, const void* data, size_t n) {
   sockaddr_in a = Addr(ip, port);
   for (;;) {
@@ -269,5 +292,114 @@ int UdpSocket::ReceiveMany(mmsghdr* msgs, unsigned n, int timeout_ms, const Wake
 }
 
 bool UdpSocket::Wait(int timeout_ms, const Waker* waker) { return PollIn(fd_, timeout_ms, waker) > 0; }
+
+bool PacketRing::Open(unsigned ifindex, size_t bytes, std::string* error) {
+  Close();
+  auto fail = [&](const char* what) {
+    if (error) *error = std::string(what) + ": " + std::strerror(errno);
+    Close();
+    return false;
+  };
+  // Protocol 0: nothing arrives before the bind below, when the filter is in place.
+  fd_ = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) return fail("packet socket");
+  int version = TPACKET_V3;
+  if (setsockopt(fd_, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0) return fail("TPACKET_V3");
+  if (!DropEverything(fd_)) return fail("packet filter");
+  // Blocks of 1 MiB hold a hundred and more packets of any size a camera sends.
+  block_size_ = size_t(1) << 20;
+  blocks_ = bytes / block_size_ < 4 ? 4 : bytes / block_size_;
+  constexpr unsigned kFrame = 2048;
+  tpacket_req3 req{};
+  req.tp_block_size = static_cast<unsigned>(block_size_);
+  req.tp_block_nr = static_cast<unsigned>(blocks_);
+  req.tp_frame_size = kFrame;
+  req.tp_frame_nr = static_cast<unsigned>(blocks_ * (block_size_ / kFrame));
+  req.tp_retire_blk_tov = 1;  // ms: the tail of an image waits no longer than this
+  if (setsockopt(fd_, SOL_PACKET, PACKET_RX_RING, &req, sizeof req) != 0) return fail("packet ring");
+  void* m = mmap(nullptr, block_size_ * blocks_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd_, 0);
+  if (m == MAP_FAILED) return fail("packet ring mmap");
+  map_ = static_cast<uint8_t*>(m);
+  current_ = 0;
+  frame_ = nullptr;
+  left_ = 0;
+  sockaddr_ll a{};
+  a.sll_family = AF_PACKET;
+  a.sll_protocol = htons(ETH_P_IP);
+  a.sll_ifindex = static_cast<int>(ifindex);
+  if (bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return fail("packet socket bind");
+  return true;
+}
+
+void PacketRing::Close() {
+  if (map_) munmap(map_, block_size_ * blocks_);
+  map_ = nullptr;
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+  frame_ = nullptr;
+  left_ = 0;
+}
+
+bool PacketRing::Filter(uint32_t ip, uint16_t port) {
+  // The packet as the IP layer gets it: header length in the low nibble of byte 0.
+  enum { kDrop = 15 };
+  auto to_drop = [](int at) { return static_cast<uint8_t>(kDrop - at - 1); };
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, uint32_t(SKF_AD_OFF + SKF_AD_PKTTYPE)),  // 0
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, to_drop(1), 0),        // 1
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 0),                                        // 2
+      BPF_STMT(BPF_ALU | BPF_AND | BPF_K, 0xF0),                                    // 3
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0x40, 0, to_drop(4)),                     // 4: IPv4
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 9),                                        // 5
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, to_drop(6)),              // 6
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 6),                                        // 7
+      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x1FFF, to_drop(8), 0),                  // 8: a later fragment has no port
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 16),                                       // 9
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ip, 0, to_drop(10)),                      // 10
+      BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 0),                                       // 11: X = header length
+      BPF_STMT(BPF_LD | BPF_H | BPF_IND, 2),                                        // 12: destination port
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, port, 0, to_drop(13)),                    // 13
+      BPF_STMT(BPF_RET | BPF_K, 0x40000),                                           // 14: the whole frame
+      BPF_STMT(BPF_RET | BPF_K, 0),                                                 // 15
+  };
+  static_assert(sizeof code / sizeof code[0] == kDrop + 1, "the drop is the last instruction");
+  return AttachFilter(fd_, code, sizeof code / sizeof code[0]);
+}
+
+namespace {
+tpacket_block_desc* BlockAt(uint8_t* map, size_t block_size, size_t i) {
+  return reinterpret_cast<tpacket_block_desc*>(map + i * block_size);
+}
+bool Ours(tpacket_block_desc* b) { return __atomic_load_n(&b->hdr.bh1.block_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER; }
+}  // namespace
+
+bool PacketRing::Wait(int timeout_ms, const Waker* waker) {
+  if (frame_ || Ours(BlockAt(map_, block_size_, current_))) return true;
+  return PollIn(fd_, timeout_ms, waker) > 0 && Ours(BlockAt(map_, block_size_, current_));
+}
+
+bool PacketRing::Next(Frame* f) {
+  tpacket_block_desc* b = BlockAt(map_, block_size_, current_);
+  if (!frame_) {
+    if (!Ours(b)) return false;
+    left_ = b->hdr.bh1.num_pkts;
+    frame_ = reinterpret_cast<uint8_t*>(b) + b->hdr.bh1.offset_to_first_pkt;
+  }
+  if (left_ == 0) {
+    __atomic_store_n(&b->hdr.bh1.block_status, uint32_t(TP_STATUS_KERNEL), __ATOMIC_RELEASE);
+    current_ = (current_ + 1) % blocks_;
+    frame_ = nullptr;
+    return false;
+  }
+  const auto* h = reinterpret_cast<const tpacket3_hdr*>(frame_);
+  const auto* ll = reinterpret_cast<const sockaddr_ll*>(frame_ + TPACKET_ALIGN(sizeof(tpacket3_hdr)));
+  f->data = frame_ + h->tp_net;
+  f->size = h->tp_snaplen;
+  f->truncated = h->tp_snaplen < h->tp_len;
+  f->outgoing = ll->sll_pkttype == PACKET_OUTGOING;
+  frame_ += h->tp_next_offset;
+  --left_;
+  return true;
+}
 
 }  // namespace kivgev

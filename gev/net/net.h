@@ -1,6 +1,6 @@
 // The little of the operating system's networking that GigE Vision needs:
-// IPv4 UDP sockets and the machine's network interfaces. The only files of
-// gev/ that include socket headers.
+// IPv4 UDP sockets, a packet-socket receive ring and the machine's network
+// interfaces. The only files of gev/ that include socket headers.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -71,6 +71,9 @@ class UdpSocket {
   bool JoinGroup(uint32_t group, uint32_t interface_ip);
   bool SetMulticastInterface(uint32_t interface_ip);
   bool SetDontFragment(bool on);
+  // Makes the socket take nothing (a filter that drops every datagram, the
+  // smallest buffer) while it only keeps its port; what it held is dropped.
+  void TakeNothing();
 
   bool SendTo(uint32_t ip, uint16_t port, const void* data, size_t n);
   // Sends up to `n` datagrams of two pieces each (a header and a body) in
@@ -94,6 +97,51 @@ class UdpSocket {
 
  private:
   int fd_ = -1;
+};
+
+// How a stream's datagrams are read: through a PacketRing where the system
+// permits one (Auto), or always through the UDP socket.
+enum class ReceivePath : uint8_t { Auto, Ring, Socket };
+
+// A receive ring of a packet socket (TPACKET_V3) on one interface: the kernel
+// copies each frame the filter passes into shared blocks and hands a block
+// over when it is full or has waited its time-out. Frames start at the
+// network header. Needs CAP_NET_RAW.
+class PacketRing {
+ public:
+  PacketRing() = default;
+  ~PacketRing() { Close(); }
+  PacketRing(const PacketRing&) = delete;
+  PacketRing& operator=(const PacketRing&) = delete;
+
+  // A ring of about `bytes` on interface `ifindex` (0: every interface)
+  // that passes nothing until Filter is called. False (and why) where the
+  // system refuses.
+  bool Open(unsigned ifindex, size_t bytes, std::string* error);
+  void Close();
+  bool valid() const { return fd_ >= 0; }
+  // Lets only unfragmented UDP/IPv4 datagrams to ip:port in, none the host sends.
+  bool Filter(uint32_t ip, uint16_t port);
+
+  struct Frame {
+    const uint8_t* data;
+    size_t size;     // bytes in the ring
+    bool truncated;  // the frame was longer than a block holds
+    bool outgoing;   // sent by this host (the loopback shows both directions)
+  };
+  // Waits up to timeout_ms for a block to read; false on time-out or wake-up.
+  bool Wait(int timeout_ms, const Waker* waker);
+  // The next frame of the block being read. At the end of a block it gives
+  // the block back to the kernel and returns false; a further call starts on
+  // the next block if one is ready.
+  bool Next(Frame* f);
+
+ private:
+  int fd_ = -1;
+  uint8_t* map_ = nullptr;
+  size_t block_size_ = 0, blocks_ = 0, current_ = 0;
+  uint8_t* frame_ = nullptr;  // next frame of the current block while it is read
+  uint32_t left_ = 0;         // frames of it not yet read
 };
 
 }  // namespace kivgev

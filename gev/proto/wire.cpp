@@ -175,6 +175,53 @@ bool ParseGvsp(const uint8_t* p, size_t n, GvspPacket* out) {
   return true;
 }
 
+namespace {
+uint16_t HeaderSum(const uint8_t* p, size_t n) {
+  uint32_t sum = 0;
+  for (size_t i = 0; i + 1 < n; i += 2) sum += Get16(p + i);
+  while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+  return static_cast<uint16_t>(sum);
+}
+}  // namespace
+
+bool ParseIpv4Udp(const uint8_t* p, size_t n, Ipv4Udp* out) {
+  if (!p || n < 20 || (p[0] >> 4) != 4) return false;
+  const size_t ihl = size_t(p[0] & 0x0F) * 4, total = Get16(p + 2);
+  if (ihl < 20 || total < ihl + 8 || total > n) return false;
+  if ((Get16(p + 6) & 0x3FFF) != 0 || p[9] != 17) return false;  // fragments (MF or offset), not UDP
+  if (HeaderSum(p, ihl) != 0xFFFF) return false;
+  const uint8_t* u = p + ihl;
+  const size_t ulen = Get16(u + 4);
+  if (ulen < 8 || ulen > total - ihl) return false;
+  out->src = Get32(p + 12);
+  out->dst = Get32(p + 16);
+  out->src_port = Get16(u);
+  out->dst_port = Get16(u + 2);
+  out->data = u + 8;
+  out->size = ulen - 8;
+  return true;
+}
+
+size_t PutIpv4Udp(uint8_t* p, const Ipv4Udp& in) {
+  const size_t total = 28 + in.size;
+  if (in.size) std::memcpy(p + 28, in.data, in.size);
+  p[0] = 0x45;
+  p[1] = 0;
+  Put16(p + 2, static_cast<uint16_t>(total));
+  Put32(p + 4, 0);  // ID, flags, offset
+  p[8] = 64;
+  p[9] = 17;
+  Put16(p + 10, 0);
+  Put32(p + 12, in.src);
+  Put32(p + 16, in.dst);
+  Put16(p + 10, static_cast<uint16_t>(~HeaderSum(p, 20)));
+  Put16(p + 20, in.src_port);
+  Put16(p + 22, in.dst_port);
+  Put16(p + 24, static_cast<uint16_t>(8 + in.size));
+  Put16(p + 26, 0);  // no UDP checksum
+  return total;
+}
+
 size_t PutGvspHeader(uint8_t* p, bool extended, uint16_t status, uint16_t flags, uint64_t block_id, uint8_t format,
                      uint32_t packet_id) {
   Put16(p, status);

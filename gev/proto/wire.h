@@ -156,6 +156,21 @@ inline size_t PacketData(uint32_t packet_size, bool extended) {
   return packet_size > over ? packet_size - over : 0;
 }
 
+// An IPv4 packet carrying one whole UDP datagram, as a packet-socket ring
+// holds it (the network header first). Addresses and ports in host order.
+struct Ipv4Udp {
+  uint32_t src = 0, dst = 0;
+  uint16_t src_port = 0, dst_port = 0;
+  const uint8_t* data = nullptr;  // the UDP payload
+  size_t size = 0;
+};
+// False for anything the IP layer would not hand a UDP socket whole: another
+// version or protocol, a bad header length or checksum, a fragment, lengths
+// beyond the bytes at hand. The UDP checksum is left to the receiving host's
+// stack, which may not have filled it yet on a local path.
+bool ParseIpv4Udp(const uint8_t* p, size_t n, Ipv4Udp* out);
+size_t PutIpv4Udp(uint8_t* p, const Ipv4Udp& in);  // header of 28 bytes, payload copied after it
+
 struct ImageLeader {
   uint16_t payload_type = kPayloadImage;
   uint64_t timestamp = 0;

@@ -37,6 +37,7 @@ struct Settings {
   uint32_t timeout_ms = 200, retries = 3;
   uint32_t packet_timeout_ms = 20, frame_timeout_ms = 200;
   size_t socket_buffer = 32u << 20;
+  ReceivePath receive = ReceivePath::Auto;
   static Settings FromEnvironment();
 };
 

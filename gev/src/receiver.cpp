@@ -39,11 +39,40 @@ Receiver::Receiver(Stream* s, const ReceiverConfig& cfg) : s_(s), cfg_(cfg) {
 
 Receiver::~Receiver() { Stop(); }
 
-bool Receiver::Open(uint32_t interface_ip, std::string* error) {
+bool Receiver::Open(const NetInterface& iface, uint32_t device_ip, std::string* error) {
   if (unicast_.valid()) return true;
-  if (!unicast_.Open(interface_ip, 0, error)) return false;
+  if (!unicast_.Open(iface.ip, 0, error)) return false;
+  interface_ip_ = iface.ip;
+  if (cfg_.path != ReceivePath::Socket) {
+    // A camera with an address of this host (an emulator) sends its unicast
+    // through the loopback and its multicast through its own interface: the
+    // ring listens on all of them then, its filter picks the stream.
+    unsigned index = (device_ip >> 24) == 127 ? 0 : iface.index;
+    for (const NetInterface& n : ListInterfaces())
+      if (n.ip == device_ip) index = 0;
+    std::string why;
+    if (ring_.Open(index, cfg_.socket_buffer, &why)) {
+      // The sockets keep the ports (nothing answers "port unreachable") but take nothing.
+      unicast_.TakeNothing();
+      if (group_sock_.valid()) group_sock_.TakeNothing();
+      FilterRing();
+      return true;
+    }
+    if (cfg_.path == ReceivePath::Ring) {
+      *error = "cannot receive through a packet ring on " + iface.name + ": " + why;
+      unicast_.Close();
+      return false;
+    }
+  }
   unicast_.SetReceiveBuffer(cfg_.socket_buffer);
   return true;
+}
+
+// The ring passes what the socket in use would get.
+void Receiver::FilterRing() {
+  if (!ring_.valid()) return;
+  if (group_) ring_.Filter(group_, group_sock_.port());
+  else ring_.Filter(interface_ip_, unicast_.port());
 }
 
 bool Receiver::JoinGroup(uint32_t group, uint16_t port, uint32_t interface_ip, std::string* error) {
@@ -54,15 +83,18 @@ bool Receiver::JoinGroup(uint32_t group, uint16_t port, uint32_t interface_ip, s
     *error = "cannot join the multicast group " + IpText(group);
     return false;
   }
-  g.SetReceiveBuffer(cfg_.socket_buffer);
+  if (ring_.valid()) g.TakeNothing();
+  else g.SetReceiveBuffer(cfg_.socket_buffer);
   group_sock_ = std::move(g);
   group_ = group;
+  FilterRing();
   return true;
 }
 
 void Receiver::LeaveGroup() {
   group_sock_.Close();
   group_ = 0;
+  FilterRing();
 }
 
 void Receiver::SetPacketLayout(uint32_t packet_size, bool extended) {
@@ -107,6 +139,12 @@ void Receiver::Main() {
     if (watcher_) PollDestination(now);
     bool busy = false;
     for (const Block& b : blocks_) busy |= b.used;
+    if (ring_.valid()) {
+      // The ring hands over whole blocks: no pause needed to batch the packets.
+      ReceiveRing(busy ? 1 : 50);
+      Tick(NowNs());
+      continue;
+    }
     const int got = Receive(busy ? 1 : 50);
     Tick(NowNs());
     // Mid-block, a short batch means the camera's packets trickle in: let a
@@ -214,6 +252,33 @@ int Receiver::Receive(int timeout_ms) {
     Dispatch(pk[j], from[j], fast[j] ? pk[j].data : nullptr);
   }
   return k;
+}
+
+int Receiver::ReceiveRing(int timeout_ms) {
+  if (!ring_.Wait(timeout_ms, &wake_)) return 0;
+  int taken = 0;
+  PacketRing::Frame f;
+  // A few blocks at a time, so that time-outs and resends are looked at in between.
+  for (int blocks = 0; blocks < 4; ++blocks) {
+    int in_block = 0;
+    while (ring_.Next(&f)) {
+      ++in_block;
+      if (f.outgoing) continue;
+      Ipv4Udp u;
+      GvspPacket pk;
+      // What a socket read would cut short is refused the same way: larger than any packet of this channel.
+      if (f.truncated || !ParseIpv4Udp(f.data, f.size, &u) || u.size > header_size_ + data_size_ + kSpill ||
+          !ParseGvsp(u.data, u.size, &pk) || u.src != device_ip_) {
+        s_->malformed++;
+        continue;
+      }
+      // Payload is copied once, from the ring into its place in the buffer.
+      Dispatch(pk, u.src, nullptr);
+    }
+    if (!in_block) break;
+    taken += in_block;
+  }
+  return taken;
 }
 
 Block* Receiver::Find(uint64_t block_id) {
@@ -333,6 +398,7 @@ void Receiver::Dispatch(const GvspPacket& pk, uint32_t /*from*/, const uint8_t* 
         s_->zero_copy++;
       } else if (off + pk.size <= SlotLimit(*b) && pk.size <= data_size_) {
         std::memcpy(b->buf->base + off, pk.data, pk.size);
+        if (ring_.valid()) s_->zero_copy++;  // the ring's copy is the only one
       } else {
         b->too_small = true;
       }

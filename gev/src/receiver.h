@@ -25,7 +25,8 @@ struct ReceiverConfig {
   uint32_t resend_delay_us = 1000;  // reordering gets this long before a gap counts
   uint32_t max_rounds = 4;          // requests for one gap
   uint32_t coalesce_us = 200;       // pause after a short batch in the middle of a block
-  size_t socket_buffer = 32u << 20;
+  size_t socket_buffer = 32u << 20;  // also the size of a packet ring
+  ReceivePath path = ReceivePath::Auto;
 };
 
 // One block on its way into a buffer.
@@ -50,9 +51,11 @@ class Receiver {
   Receiver(Stream* s, const ReceiverConfig& cfg);
   ~Receiver();
 
-  // The channel's sockets. Open binds the unicast socket on the interface;
-  // a multicast group gets a socket of its own on `port` (0: any).
-  bool Open(uint32_t interface_ip, std::string* error);
+  // The channel's sockets. Open binds the unicast socket on the interface
+  // and, unless the settings say otherwise, opens a packet ring there which
+  // then takes the stream in the sockets' place; a multicast group gets a
+  // socket of its own on `port` (0: any).
+  bool Open(const NetInterface& iface, uint32_t device_ip, std::string* error);
   bool JoinGroup(uint32_t group, uint16_t port, uint32_t interface_ip, std::string* error);
   void LeaveGroup();
   uint16_t unicast_port() const { return unicast_.port(); }
@@ -64,11 +67,14 @@ class Receiver {
   void Start(uint32_t device_ip, bool watcher);
   void Stop();  // joins; blocks in flight go back to the input queue
   bool running() const { return thread_.joinable(); }
+  bool ring() const { return ring_.valid(); }  // fixed once Open succeeded
 
  private:
   struct Slot;
   void Main();
   int Receive(int timeout_ms);  // datagrams taken
+  int ReceiveRing(int timeout_ms);
+  void FilterRing();
   void Dispatch(const GvspPacket& pk, uint32_t from, const uint8_t* placed_at);
   Block* Find(uint64_t block_id);
   Block* Begin(uint64_t block_id);
@@ -84,6 +90,8 @@ class Receiver {
   Stream* s_;
   ReceiverConfig cfg_;
   UdpSocket unicast_, group_sock_;
+  PacketRing ring_;
+  uint32_t interface_ip_ = 0;
   uint32_t group_ = 0;
   uint32_t device_ip_ = 0;
   bool watcher_ = false;

@@ -113,7 +113,7 @@ GC_ERROR Stream::OpenChannel(uint32_t ip) {
     receiver->LeaveGroup();
     if (!d.lost) r = d.gvcp.WriteReg(kRegScp0, 0);
   } else {
-    if (!receiver->Open(d.iface->net.ip, &err)) return SetError(GC_ERR_IO, err);
+    if (!receiver->Open(d.iface->net, d.rec.ip, &err)) return SetError(GC_ERR_IO, err);
     receiver->LeaveGroup();
     uint16_t port = receiver->unicast_port();
     if (IsMulticast(ip)) {
@@ -142,7 +142,7 @@ GC_ERROR Stream::StartReceiver() {
     chosen = destination_set;
   }
   std::string err;
-  if (!receiver->Open(d.iface->net.ip, &err)) return SetError(GC_ERR_IO, err);
+  if (!receiver->Open(d.iface->net, d.rec.ip, &err)) return SetError(GC_ERR_IO, err);
   if (d.writable() && !chosen) {
     // A host that never set a destination gets the stream on this interface.
     GC_ERROR e = OpenChannel(d.destination ? d.destination : d.iface->net.ip);
@@ -215,6 +215,7 @@ GC_API DevOpenDataStream(DEV_HANDLE hDevice, const char* sDataStreamID, DS_HANDL
     cfg.packet_timeout_ms = prod_->settings.packet_timeout_ms;
     cfg.frame_timeout_ms = prod_->settings.frame_timeout_ms;
     cfg.socket_buffer = prod_->settings.socket_buffer;
+    cfg.path = prod_->settings.receive;
     s->receiver.reset(new Receiver(s.get(), cfg));
   }
   d->streams[index] = s;
@@ -268,6 +269,8 @@ GC_API DSGetInfo(DS_HANDLE hDataStream, STREAM_INFO_CMD iInfoCmd, INFO_DATATYPE*
     case KIVGEV_STREAM_MALFORMED_PACKETS: return u64(s->malformed);
     case KIVGEV_STREAM_RESEND_REQUESTS: return u64(s->resend_requests);
     case KIVGEV_STREAM_ZERO_COPY_PACKETS: return u64(s->zero_copy);
+    case KIVGEV_STREAM_RING:
+      return PutValue<uint8_t>(INFO_DATATYPE_BOOL8, s->receiver && s->receiver->ring(), piType, pBuffer, piSize);
     default: return SetError(GC_ERR_NOT_IMPLEMENTED, "Unknown stream information command");
   }
 }

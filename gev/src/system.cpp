@@ -159,6 +159,10 @@ Settings Settings::FromEnvironment() {
   s.packet_timeout_ms = Number("KIVGEV_PACKET_TIMEOUT_MS", s.packet_timeout_ms);
   s.frame_timeout_ms = Number("KIVGEV_FRAME_TIMEOUT_MS", s.frame_timeout_ms);
   s.socket_buffer = Number("KIVGEV_SOCKET_BUFFER", static_cast<uint32_t>(s.socket_buffer));
+  if (const char* v = std::getenv("KIVGEV_RECEIVE")) {
+    const std::string path = v;
+    s.receive = path == "ring" ? ReceivePath::Ring : path == "socket" ? ReceivePath::Socket : ReceivePath::Auto;
+  }
   return s;
 }
 

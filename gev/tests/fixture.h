@@ -28,6 +28,13 @@ bool WaitFor(F cond, int ms = 5000) {
   return true;
 }
 
+// The receive path the producer is meant to take: these tests run as root
+// (they need a namespace), so the ring unless KIVGEV_RECEIVE says socket.
+inline bool RingExpected() {
+  const char* v = std::getenv("KIVGEV_RECEIVE");
+  return !v || std::string(v) != "socket";
+}
+
 class GevTest : public ProducerTest {
  protected:
   // Links of the namespace and the interfaces the producer may use.
@@ -97,6 +104,12 @@ class GevTest : public ProducerTest {
     DEV_HANDLE d = nullptr;
     EXPECT_EQ(p.IFOpenDevice(h, id.c_str(), access, &d), GC_ERR_SUCCESS) << p.LastError();
     return d;
+  }
+  // Whether the started stream `ds` takes the path this run means.
+  ::testing::AssertionResult OnExpectedPath(DS_HANDLE ds) {
+    const bool ring = InfoOf<bool8_t>(p.DSGetInfo, ds, KIVGEV_STREAM_RING) != 0;
+    if (ring == RingExpected()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "received through the " << (ring ? "ring" : "socket");
   }
   std::string InfoText(DEV_HANDLE d, int32_t cmd) {
     char text[256] = {};

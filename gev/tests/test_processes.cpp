@@ -60,6 +60,7 @@ class Acquire : public GevTest {
   }
   void Go() {
     ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS) << p.LastError();
+    ASSERT_TRUE(OnExpectedPath(ds));
     ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
   }
   // One image: complete and exactly the pattern of its block; requeued.

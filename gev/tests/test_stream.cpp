@@ -1,7 +1,17 @@
 // GVSP streaming through the producer: every pixel format byte-exact, the
 // packet information block, resends under loss and reordering, blocks lost
 // for good, extended IDs, the VSync stream, the stream test and hostile
-// datagrams.
+// datagrams; the packet ring's filter, its malformed frames, its fallback to
+// the socket and the loopback's doubled packets.
+#include <arpa/inet.h>
+#include <linux/capability.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 #include <deque>
 
@@ -47,6 +57,7 @@ class Streaming : public GevTest {
   void Start(bool triggered) {
     Reg(kTriggerMode, triggered ? 1 : 0);
     ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS) << p.LastError();
+    ASSERT_TRUE(OnExpectedPath(ds));
     ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
     Reg(kAcqStart, 1);
   }
@@ -71,6 +82,15 @@ class Streaming : public GevTest {
     if (std::memcmp(Data(b), pattern->frame(frame), filled) != 0)
       return ::testing::AssertionFailure() << "frame " << frame << " differs from the pattern";
     return ::testing::AssertionSuccess();
+  }
+  // One triggered Mono8 image, whole and exact; its buffer is queued again.
+  void TriggerWhole() {
+    Reg(kTriggerSoftware, 1);
+    BUFFER_HANDLE b = Next();
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(Status(b), 0u);
+    EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
+    ASSERT_EQ(p.DSQueueBuffer(ds, b), GC_ERR_SUCCESS);
   }
   uint32_t InfoWord(BUFFER_HANDLE b, uint32_t info, size_t at) {
     uint32_t v;
@@ -293,6 +313,22 @@ TEST_F(Streaming, ADestinationOfZeroClosesTheChannelUntilANewOneIsSet) {
   EXPECT_TRUE(Exact(b, 0x01080001, 640, 480));
 }
 
+TEST_F(Streaming, AStreamStoppedAndStartedAgainGoesOnWhole) {
+  Open();
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+  Announce(2, info + 1024, info);
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    Start(true);
+    TriggerWhole();
+    TriggerWhole();
+    Reg(kAcqStop, 1);
+    ASSERT_EQ(p.DSStopAcquisition(ds, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS) << p.LastError();
+  }
+  EXPECT_EQ(InfoOf<uint64_t>(p.DSGetInfo, ds, STREAM_INFO_NUM_STARTED), 3u);
+  EXPECT_EQ(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_MALFORMED_PACKETS), 0u);
+}
+
 class SizeLimit : public Streaming {
  protected:
   SizeLimit() { options.packet_size_limit = 1200; }
@@ -361,6 +397,243 @@ TEST_F(Streaming, MostPayloadPacketsLandInTheBufferWithoutACopy) {
   }
   // Only the first packets of a block after its leader can miss their slot.
   EXPECT_GT(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_ZERO_COPY_PACKETS), 5u * (packets - 40));
+}
+
+// ---- The packet ring (where the process may open one)
+
+constexpr size_t kIpOptions = 4;
+
+// The camera's end of link 0 putting IPv4 packets on the wire as they are,
+// through a packet socket on c0: frames the camera's stack would never build.
+class CameraWire {
+ public:
+  ~CameraWire() {
+    if (fd_ >= 0) close(fd_);
+  }
+  bool Open(std::string* why) {
+    fd_ = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));
+    for (const kivgev::NetInterface& n : kivgev::ListInterfaces()) {
+      if (n.name == "c0") to_.sll_ifindex = int(n.index);
+      if (n.name == "h0")
+        for (int i = 0; i < 6; ++i) to_.sll_addr[i] = uint8_t(n.mac >> (40 - 8 * i));
+    }
+    to_.sll_family = AF_PACKET;
+    to_.sll_protocol = htons(ETH_P_IP);
+    to_.sll_halen = 6;
+    *why = "packet socket on c0: " + std::string(std::strerror(errno));
+    return fd_ >= 0 && to_.sll_ifindex > 0;
+  }
+  void Send(const std::vector<uint8_t>& packet) {
+    ASSERT_EQ(sendto(fd_, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to_), sizeof to_),
+              ssize_t(packet.size()));
+  }
+
+ private:
+  int fd_ = -1;
+  sockaddr_ll to_{};
+};
+
+// An IPv4/UDP packet from the camera to the host's port `dport`.
+std::vector<uint8_t> Packet(const std::vector<uint8_t>& payload, uint16_t dport) {
+  kivgev::Ipv4Udp u;
+  u.src = CameraIp(0);
+  u.dst = HostIp(0);
+  u.src_port = 20202;
+  u.dst_port = dport;
+  u.data = payload.data();
+  u.size = payload.size();
+  std::vector<uint8_t> p(28 + payload.size());
+  kivgev::PutIpv4Udp(p.data(), u);
+  return p;
+}
+
+// The header checksum again after an edit of the header of `ihl` bytes.
+void Resum(std::vector<uint8_t>& p, size_t ihl = 20) {
+  kivgev::Put16(&p[10], 0);
+  uint32_t sum = 0;
+  for (size_t i = 0; i < ihl; i += 2) sum += kivgev::Get16(&p[i]);
+  while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+  kivgev::Put16(&p[10], uint16_t(~sum));
+}
+
+// Takes CAP_NET_RAW from this thread's effective set while it lives
+// (capabilities belong to a thread; the rest of the process keeps it).
+class WithoutNetRaw {
+ public:
+  WithoutNetRaw() {
+    syscall(SYS_capget, &head_, saved_);
+    __user_cap_data_struct less[2] = {saved_[0], saved_[1]};
+    less[CAP_TO_INDEX(CAP_NET_RAW)].effective &= ~CAP_TO_MASK(CAP_NET_RAW);
+    ok_ = syscall(SYS_capset, &head_, less) == 0;
+  }
+  ~WithoutNetRaw() { syscall(SYS_capset, &head_, saved_); }
+  bool ok() const { return ok_; }
+
+ private:
+  __user_cap_header_struct head_{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct saved_[2] = {};
+  bool ok_ = false;
+};
+
+class Ring : public Streaming {
+ protected:
+  void SetUp() override {
+    if (!RingExpected()) GTEST_SKIP() << "this run receives through the socket";
+    Streaming::SetUp();
+  }
+  uint64_t Counter(uint32_t cmd) { return InfoOf<uint64_t>(p.DSGetInfo, ds, cmd); }
+  // A stale packet (a resend for block 1, delivered before) to the stream port.
+  std::vector<uint8_t> StaleGvsp() {
+    std::vector<uint8_t> g(8 + 64, 0);
+    kivgev::PutGvspHeader(g.data(), false, kivgev::kStatusPacketResend, 0, 1, kivgev::kFormatPayload, 3);
+    return g;
+  }
+  // Streams block 1 and leaves it delivered; returns the stream port.
+  uint16_t StreamOneBlock() {
+    const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+    Announce(2, info + 1024, info);
+    Start(true);
+    TriggerWhole();
+    // Its trailer comes after the block is complete, and counts as stale.
+    EXPECT_TRUE(WaitFor([&] { return Counter(KIVGEV_STREAM_STALE_PACKETS) >= 1; }));
+    return static_cast<uint16_t>(Reg(kivgev::kRegScp0));
+  }
+};
+
+TEST_F(Ring, FramesThatAreNoWholeUdpDatagramAreCountedAndDroppedAndTheStreamGoesOn) {
+  Open();
+  const uint16_t dport = StreamOneBlock();
+  CameraWire wire;
+  std::string why;
+  ASSERT_TRUE(wire.Open(&why)) << why;
+  const uint64_t malformed = Counter(KIVGEV_STREAM_MALFORMED_PACKETS), stale = Counter(KIVGEV_STREAM_STALE_PACKETS);
+  const std::vector<uint8_t> good = Packet(StaleGvsp(), dport);
+
+  std::vector<uint8_t> p = good;
+  p[10] ^= 0x5A;  // header checksum
+  wire.Send(p);
+  p = good;
+  kivgev::Put16(&p[2], uint16_t(p.size() + 100));  // longer than the frame
+  Resum(p);
+  wire.Send(p);
+  p = good;
+  kivgev::Put16(&p[24], uint16_t(p.size()));  // UDP length past the IP packet
+  wire.Send(p);
+  p = good;
+  kivgev::Put16(&p[24], 4);  // UDP length below its header
+  wire.Send(p);
+  p = good;
+  kivgev::Put16(&p[6], 0x2000);  // the first fragment of a larger datagram
+  Resum(p);
+  wire.Send(p);
+  wire.Send(Packet({0, 0, 0, 1}, dport));  // no GVSP header
+  // Kept out by the filter, not counted: a later fragment, another port.
+  p = good;
+  kivgev::Put16(&p[6], 0x0010);
+  Resum(p);
+  wire.Send(p);
+  wire.Send(Packet(StaleGvsp(), uint16_t(dport + 1)));
+  // Header options move the UDP header: a whole datagram, taken.
+  p = good;
+  p.insert(p.begin() + 20, kIpOptions, 1);  // NOPs
+  p[0] = 0x40 | uint8_t((20 + kIpOptions) / 4);
+  kivgev::Put16(&p[2], uint16_t(p.size()));
+  Resum(p, 20 + kIpOptions);
+  wire.Send(p);
+  wire.Send(good);
+  ASSERT_TRUE(WaitFor([&] { return Counter(KIVGEV_STREAM_STALE_PACKETS) >= stale + 2; }));
+  EXPECT_EQ(Counter(KIVGEV_STREAM_STALE_PACKETS), stale + 2) << "the one with options and the last";
+  EXPECT_EQ(Counter(KIVGEV_STREAM_MALFORMED_PACKETS), malformed + 6);
+  TriggerWhole();
+}
+
+TEST_F(Ring, DatagramsToAnotherPortOrAddressNeverReachTheStream) {
+  Open();
+  const uint16_t dport = StreamOneBlock();
+  std::string why, err;
+  ASSERT_TRUE(AddAddress("h0", "10.11.0.9/24", &why)) << why;
+  kivgev::UdpSocket camera, other_port, other_address;
+  ASSERT_TRUE(camera.Open(CameraIp(0), 0, &err)) << err;
+  ASSERT_TRUE(other_port.Open(HostIp(0), 0, &err)) << err;
+  ASSERT_TRUE(other_address.Open(0x0A0B0009, dport, &err)) << err;
+  const uint64_t stale = Counter(KIVGEV_STREAM_STALE_PACKETS);
+  const std::vector<uint8_t> g = StaleGvsp();
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(camera.SendTo(HostIp(0), other_port.port(), g.data(), g.size()));
+    ASSERT_TRUE(camera.SendTo(0x0A0B0009, dport, g.data(), g.size()));
+  }
+  ASSERT_TRUE(camera.SendTo(HostIp(0), dport, g.data(), g.size()));  // after them on the same path
+  ASSERT_TRUE(WaitFor([&] { return Counter(KIVGEV_STREAM_STALE_PACKETS) > stale; }));
+  EXPECT_EQ(Counter(KIVGEV_STREAM_STALE_PACKETS), stale + 1);
+  std::vector<uint8_t> in(256);
+  EXPECT_EQ(other_port.Receive(in.data(), in.size(), 1000), long(g.size())) << "the others did get theirs";
+  EXPECT_EQ(other_address.Receive(in.data(), in.size(), 1000), long(g.size()));
+}
+
+TEST_F(Ring, WithoutCapNetRawTheStreamIsReceivedThroughTheSocket) {
+  Open();
+  const uint32_t payload = Reg(kPayload);
+  Announce(2, payload, 0);
+  Reg(kTriggerMode, 1);
+  {
+    WithoutNetRaw lower;
+    ASSERT_TRUE(lower.ok());
+    ASSERT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS) << p.LastError();
+  }
+  EXPECT_FALSE(InfoOf<bool8_t>(p.DSGetInfo, ds, KIVGEV_STREAM_RING));
+  ASSERT_EQ(WriteModule(ds, KIVSIM_DS_RUNNING, 1), GC_ERR_SUCCESS);
+  Reg(kAcqStart, 1);
+  TriggerWhole();
+}
+
+class ForcedRing : public Ring {
+ protected:
+  ForcedRing() {
+    if (const char* v = std::getenv("KIVGEV_RECEIVE")) before = v;
+    extra_env = "KIVGEV_RECEIVE=ring";
+  }
+  ~ForcedRing() override {
+    if (before.empty()) unsetenv("KIVGEV_RECEIVE");
+    else setenv("KIVGEV_RECEIVE", before.c_str(), 1);
+  }
+  std::string before;
+};
+
+TEST_F(ForcedRing, ARingTheSystemRefusesFailsTheStartAndSaysWhy) {
+  Open();
+  const uint32_t payload = Reg(kPayload);
+  Announce(2, payload, 0);
+  {
+    WithoutNetRaw lower;
+    ASSERT_TRUE(lower.ok());
+    EXPECT_EQ(p.DSStartAcquisition(ds, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_IO);
+  }
+  EXPECT_NE(p.LastError().find("packet ring on h0"), std::string::npos) << p.LastError();
+  Start(true);  // permitted again
+  TriggerWhole();
+}
+
+// The loopback shows every packet twice, leaving and arriving.
+class Loopback : public Streaming {
+ protected:
+  Loopback() { interfaces = "lo"; }
+  void StartCameras() override { AddCamera(kCamera, options); }
+  static constexpr uint32_t kCamera = 0x7F000002;
+};
+
+TEST_F(Loopback, EachPacketIsTakenOnce) {
+  dev = OpenAt(kCamera);
+  ASSERT_NE(dev, nullptr);
+  port = Port(dev);
+  ds = Stream(dev, 0);
+  ASSERT_EQ(p.GCRegisterEvent(ds, EVENT_NEW_BUFFER, &ev), GC_ERR_SUCCESS);
+  const uint32_t payload = Reg(kPayload), info = (payload + 15) / 8 * 8;
+  Announce(2, info + 1024, info);
+  Start(true);
+  for (int i = 0; i < 5; ++i) TriggerWhole();
+  // A trailer may come after its block is complete; a packet seen twice would count too.
+  EXPECT_LE(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_STALE_PACKETS), 5u) << "no packet seen twice";
+  EXPECT_EQ(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_MALFORMED_PACKETS), 0u);
 }
 
 }  // namespace

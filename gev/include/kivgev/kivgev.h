@@ -46,6 +46,7 @@
 #define KIVGEV_STREAM_STALE_PACKETS 1000u     /* UINT64: packets of finished or unknown blocks */
 #define KIVGEV_STREAM_MALFORMED_PACKETS 1001u /* UINT64: datagrams that are no GVSP packet */
 #define KIVGEV_STREAM_RESEND_REQUESTS 1002u   /* UINT64: PACKETRESEND commands sent */
-#define KIVGEV_STREAM_ZERO_COPY_PACKETS 1003u /* UINT64: payload packets received in place */
+#define KIVGEV_STREAM_ZERO_COPY_PACKETS 1003u /* UINT64: payload packets copied only once, straight into place */
+#define KIVGEV_STREAM_RING 1004u              /* BOOL8: received through a packet ring, not the UDP socket */
 
 #endif /* KIVGEV_KIVGEV_H */
