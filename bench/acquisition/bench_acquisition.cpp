@@ -17,6 +17,7 @@
 // frame rate's.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -429,6 +430,45 @@ void PairedRequestComplete(benchmark::State& state) {
   state.counters["lib_per_raw_info"] = Median(ratio_info);
 }
 
+// One of the three loops of PairedRequestComplete alone (0 raw, 1 raw with
+// status and value, 2 request/complete), for profiling one at a time
+// (`perf stat`, `perf record`): the process then does nothing else.
+// Counters per frame: the calling thread's CPU time (and its user and
+// system parts), its context switches (voluntary, involuntary), and the
+// whole process's switches and CPU time.
+void LoopAlone(benchmark::State& state, int which) {
+  Pair pair(64, 64, kMono8, "Mono8");
+  if (!pair.Start()) return state.SkipWithError("cameras not started");
+  LibraryLoop library(*pair.lib, *pair.cam, nullptr);
+  RawStream& raw = *pair.raw;
+  std::function<bool()> loop = which == 2 ? std::function<bool()>(std::ref(library))
+                                          : [&raw, which] { return raw.Next(which == 1); };
+  constexpr int kBlock = 500;
+  rusage thread0{}, process0{}, thread1{}, process1{};
+  getrusage(RUSAGE_THREAD, &thread0);
+  getrusage(RUSAGE_SELF, &process0);
+  const double cpu0 = ThreadCpuUs();
+  for (auto _ : state) {
+    for (int i = 0; i < kBlock; ++i) {
+      if (!loop()) return state.SkipWithError("no frame");
+    }
+  }
+  const double frames = static_cast<double>(state.iterations()) * kBlock;
+  getrusage(RUSAGE_THREAD, &thread1);
+  getrusage(RUSAGE_SELF, &process1);
+  state.counters["cpu_us"] = (ThreadCpuUs() - cpu0) / frames;
+  state.counters["vcsw"] = (thread1.ru_nvcsw - thread0.ru_nvcsw) / frames;
+  state.counters["ivcsw"] = (thread1.ru_nivcsw - thread0.ru_nivcsw) / frames;
+  state.counters["proc_csw"] =
+      (process1.ru_nvcsw + process1.ru_nivcsw - process0.ru_nvcsw - process0.ru_nivcsw) / frames;
+  auto us = [](const timeval& a, const timeval& b) { return (b.tv_sec - a.tv_sec) * 1e6 + (b.tv_usec - a.tv_usec); };
+  state.counters["user_us"] = us(thread0.ru_utime, thread1.ru_utime) / frames;
+  state.counters["sys_us"] = us(thread0.ru_stime, thread1.ru_stime) / frames;
+  state.counters["proc_cpu_us"] =
+      (us(process0.ru_utime, process1.ru_utime) + us(process0.ru_stime, process1.ru_stime)) / frames;
+  state.SetItemsProcessed(static_cast<int64_t>(frames));
+}
+
 // 1920x1200 BayerRG8 grabbed through the library and converted to 24-bit
 // with the camera's engine, against the producer filling frames alone (the
 // raw loop) and the same conversion alone (a handle, one frame over and over).
@@ -561,6 +601,11 @@ void Register() {
     return benchmark::RegisterBenchmark(name.c_str(), fn)->UseRealTime()->Unit(benchmark::kMillisecond);
   };
   add("PairedRequestComplete/64x64/Mono8", PairedRequestComplete);
+  const char* const alone[] = {"raw", "raw_info", "library"};
+  for (int k = 0; k < 3; ++k) {
+    add(std::string("LoopAlone/64x64/Mono8/") + alone[k], [k](benchmark::State& s) { LoopAlone(s, k); })
+        ->Unit(benchmark::kMicrosecond);
+  }
   // The parallel flag's team has the runtime's default size: 2 on the
   // machines these figures come from.
   for (uint32_t t : {1u, 2u}) {

@@ -44,6 +44,17 @@ auto Feature(F&& f) -> decltype(f()) {
   }
 }
 
+// Puts (data, handle) into `place`, in `node` when there is one.
+void Place(CImageStream::Places& place, CImageStream::Places::node_type node, const uint8_t* data,
+           BUFFER_HANDLE handle) {
+  if (!node) {
+    place.emplace(data, handle);
+    return;
+  }
+  node.mapped() = handle;
+  place.insert(std::move(node));
+}
+
 }  // namespace
 
 bool CCamera::Owns(const ImageBuffer* buffer) const { return m_imageStream.Find(buffer) != nullptr; }
@@ -235,10 +246,13 @@ void CCamera::ImageReq(const ImageBuffer* buffer) {
   if (m_imageStream.m_mapQueued.count(data)) throw Error(KIVCAM_ERR_BUFFER_BUSY);
   const transport::EntryPoints& fn = m_pGenTL->fn();
   BUFFER_HANDLE handle = nullptr;
+  // A buffer moves between the places as the same map node: no allocation
+  // per request once it has been announced.
+  CImageStream::Places::node_type node;
   auto announced = m_imageStream.m_mapAnnounced.find(data);
   if (announced != m_imageStream.m_mapAnnounced.end()) {
-    handle = announced->second;
-    m_imageStream.m_mapAnnounced.erase(announced);
+    node = m_imageStream.m_mapAnnounced.extract(announced);
+    handle = node.mapped();
   }
   // The data address is the buffer's private pointer too, so that its new-buffer
   // event names it: the stream thread may be the one that sees the event.
@@ -250,11 +264,11 @@ void CCamera::ImageReq(const ImageBuffer* buffer) {
   if (fn.DSQueueBuffer(m_imageStream.handle(), handle) != GC_ERR_SUCCESS) {
     m_pGenTL->LogLastError(kName);
     // Still announced: the next request queues it without announcing again.
-    m_imageStream.m_mapAnnounced.emplace(data, handle);
+    Place(m_imageStream.m_mapAnnounced, std::move(node), data, handle);
     throw Error(KIVCAM_ERR_OTHER);
   }
   b->record()->Status = KIVCAM_BUFFER_STATUS_REQUESTED;
-  m_imageStream.m_mapQueued.emplace(data, handle);
+  Place(m_imageStream.m_mapQueued, std::move(node), data, handle);
 }
 
 void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageInfo* info) {
@@ -302,18 +316,16 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
     if (queued.empty() && filled.empty()) throw Error(KIVCAM_ERR_NO_IMAGE);
     for (auto it = queued.begin(); it != queued.end(); ++it) {
       if (it->second != event.buffer) continue;
-      filled.emplace(it->first, it->second);
-      queued.erase(it);
+      filled.insert(queued.extract(it));
       break;
     }
   } while (remaining != 0 && allocated());
   // A buffer that came with the last wait stays filled: the next call for it
   // returns at once.
   if (!arrived) throw Error(KIVCAM_ERR_TIMEOUT);
-  auto it = filled.find(data);
-  BUFFER_HANDLE handle = it->second;
-  filled.erase(it);
-  m_imageStream.m_mapAnnounced.emplace(data, handle);
+  CImageStream::Places::node_type node = filled.extract(data);
+  BUFFER_HANDLE handle = node.mapped();
+  m_imageStream.m_mapAnnounced.insert(std::move(node));
 
   const transport::EntryPoints& fn = m_pGenTL->fn();
   uint32_t status = 0, value = 0;

@@ -49,8 +49,20 @@ void CKivCamDLL::ReleaseAll() {
   error_map_.clear();
 }
 
+namespace {
+// The library object and thread id for which this thread last saw the error
+// map without an entry of its id: clearing its code then has nothing to erase.
+// A thread, or a forked child, with an id of its own matches neither.
+thread_local const CKivCamDLL* t_clean_library = nullptr;
+thread_local uint32_t t_clean_tid = 0;
+}  // namespace
+
 void CKivCamDLL::SetErrorCode(uint32_t code, const char* text) {
   uint32_t tid = platform::ThreadId();
+  // Every export clears the code first; without an entry that is a no-op and
+  // needs neither the lock nor a lookup.
+  if (code == 0 && t_clean_library == this && t_clean_tid == tid) return;
+  t_clean_library = nullptr;
   platform::LockGuard g(error_map_lock_);
   auto it = error_map_.find(tid);
   if (code != 0) {
@@ -60,8 +72,10 @@ void CKivCamDLL::SetErrorCode(uint32_t code, const char* text) {
     } else {
       error_map_.emplace_hint(it, tid, LastError{code, text ? text : ""});
     }
-  } else if (it != error_map_.end()) {
-    error_map_.erase(it);
+  } else {
+    if (it != error_map_.end()) error_map_.erase(it);
+    t_clean_library = this;
+    t_clean_tid = tid;
   }
 }
 

@@ -182,6 +182,31 @@ TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, wide)), KIVCAM_ERR_PARAM);
 }
 
+// A request whose queueing fails leaves the buffer announced, whether it was
+// announced by that request or came back from a completion: it is not free,
+// and the next request queues it without announcing it again.
+TEST_F(Acquisition, AFailedQueueLeavesTheBufferAnnounced) {
+  Load();
+  Cam c = OpenOnDemand(kGigE1);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  const uint32_t announced = Counters(c).announces;
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    ASSERT_EQ(c.sim->fail_next("DSQueueBuffer", -1001, "Injected queue", 1), 0);
+    EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), KIVCAM_ERR_OTHER);
+    EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_PARAM);  // not requested
+    EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);
+    RequestOne(c, b);
+    ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+    EXPECT_EQ(Counters(c).announces, announced + 1);  // the first request's only
+  }
+  ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
+  EXPECT_EQ(l.KIVCAM_ImageFree(c.h, b), KIVCAM_TRUE);
+}
+
 // The buffer layout each kind sizes from the device: GigE from the packet
 // size and the packet header (36 bytes, 48 with extended IDs), USB from the
 // streaming registers' alignment and leader and trailer sizes.
