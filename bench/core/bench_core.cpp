@@ -10,6 +10,7 @@
 #include "diag/call_log.h"
 #include "kivcam/kivcam.h"
 #include "diag/log_reader.h"
+#include "private_names.h"
 
 namespace {
 
@@ -78,9 +79,8 @@ BENCHMARK(BM_EmptyExportFrameLevel0);
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Private machine-wide names: never disturb a real monitor.
-  std::string ns = "_bench" + std::to_string(getpid());
-  setenv("KIVCAM_IPC_NAMESPACE", ns.c_str(), 0);
+  // Never disturb a real monitor.
+  kivbench::PrivateNames names("bench_core_");
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

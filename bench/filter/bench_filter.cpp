@@ -22,6 +22,7 @@
 #include "kivcam/kivcam.h"
 #include "kivcam/kivcam_reader.h"
 #include "platform/platform.h"
+#include "private_names.h"
 
 namespace {
 
@@ -204,14 +205,10 @@ BENCHMARK(BM_GetAddrFlushWithReader)->Arg(1)->Arg(0)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Private machine-wide names: never meet a real reader or monitor.
-  std::string ns = "_bench_filter_" + std::to_string(getpid());
-  setenv("KIVCAM_IPC_NAMESPACE", ns.c_str(), 1);
+  // Never meet a real reader or monitor.
+  kivbench::PrivateNames names("bench_filter_");
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  for (const std::string& name : kivcam::platform::ListMachineWideNames()) {
-    kivcam::platform::RemoveMachineWideName(name);
-  }
   return 0;
 }

@@ -81,17 +81,22 @@ const char* ErrorName(uint32_t code) {
   }
 }
 
+// The library's words for the last failure; empty where it has none.
+std::string LibraryReason() {
+  std::string why(KIVCAMF_GetLastErrorText(nullptr, 0), '\0');
+  KIVCAMF_GetLastErrorText(&why[0], static_cast<uint32_t>(why.size()));
+  why.pop_back();
+  return why;
+}
+
 }  // namespace
 
 int Fail(const char* call) {
-  // The library's words for the failure, where it has them.
   const uint32_t code = KIVCAM_GetLastError();
-  char why[512];
-  if (KIVCAMF_GetLastErrorText(why, sizeof why) > 1) {
-    std::fprintf(stderr, "kivcam: %s failed: error %u, %s: %s\n", call, code, ErrorName(code), why);
-    return kFailed;
-  }
-  return Fail(call, code);
+  const std::string why = LibraryReason();
+  if (why.empty()) return Fail(call, code);
+  std::fprintf(stderr, "kivcam: %s failed: error %u, %s: %s\n", call, code, ErrorName(code), why.c_str());
+  return kFailed;
 }
 
 int Fail(const char* call, uint32_t code) {
@@ -433,9 +438,7 @@ bool FetchText(Fn&& fn, std::string* out) {
 
 // Why the last call failed: the library's words, or the code's name.
 std::string Reason() {
-  std::string why(KIVCAMF_GetLastErrorText(nullptr, 0), '\0');
-  KIVCAMF_GetLastErrorText(&why[0], static_cast<uint32_t>(why.size()));
-  why.pop_back();
+  std::string why = LibraryReason();
   return why.empty() ? ErrorName(KIVCAM_GetLastError()) : why;
 }
 
