@@ -1,7 +1,10 @@
 // Helpers shared by the entry-point files.
 #pragma once
 #include <cstring>
+#include <condition_variable>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "model.h"
 
@@ -54,8 +57,13 @@ void CloseInterface(Interface* i, std::unique_lock<std::mutex>& lock);
 void DropEvents(EventSource* src);
 // Fires a non-buffer event (interface event 1000).
 void PushEvent(EventSource* src, EVENT_TYPE type, const void* data, size_t n);
-// Wakes waiters of a stream's new-buffer event after a delivery.
-void SignalNewBuffer(Stream* s);
+// Waiters to wake once the producer lock is given up: woken under it, they
+// would block on it at once.
+using Wakes = std::vector<std::shared_ptr<std::condition_variable>>;
+// Wakes waiters of a stream's new-buffer event after a delivery, at once or,
+// given `later`, by WakeAll(*later) after the lock is released.
+void SignalNewBuffer(Stream* s, Wakes* later = nullptr);
+void WakeAll(Wakes& later);
 
 // Device engine thread: produces and delivers the camera's frames in this process.
 void EngineMain(Device* d);

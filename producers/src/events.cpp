@@ -50,7 +50,7 @@ void Unregister(Event* e) {
   e->source->events.erase(e->kind);
   g_prod->live.erase(e);
   e->dead = true;
-  e->cv.notify_all();
+  e->cv->notify_all();
   Release(e);
 }
 
@@ -67,14 +67,25 @@ void PushEvent(EventSource* src, EVENT_TYPE type, const void* data, size_t n) {
   const uint8_t* p = static_cast<const uint8_t*>(data);
   e->queue.emplace_back(p, p + n);
   e->fired++;
-  e->cv.notify_all();
+  e->cv->notify_all();
 }
 
-void SignalNewBuffer(Stream* s) {
+void SignalNewBuffer(Stream* s, Wakes* later) {
   auto it = s->events.find(EVENT_NEW_BUFFER);
   if (it == s->events.end()) return;
-  it->second->fired++;
-  it->second->cv.notify_all();
+  Event* e = it->second;
+  e->fired++;
+  if (e->waiters == 0) return;
+  if (!later) {
+    e->cv->notify_all();
+  } else if (std::find(later->begin(), later->end(), e->cv) == later->end()) {
+    later->push_back(e->cv);
+  }
+}
+
+void WakeAll(Wakes& later) {
+  for (auto& cv : later) cv->notify_all();
+  later.clear();
 }
 
 }  // namespace kivsim
@@ -120,8 +131,8 @@ GC_API EventGetData(EVENT_HANDLE hEvent, void* pBuffer, size_t* piSize, uint64_t
   bool timed_out = false;
   while (!e->dead && e->kills == 0 && QueueLength(e) == 0) {
     if (iTimeout == GENTL_INFINITE) {
-      e->cv.wait(lock);
-    } else if (e->cv.wait_until(lock, deadline) == std::cv_status::timeout) {
+      e->cv->wait(lock);
+    } else if (e->cv->wait_until(lock, deadline) == std::cv_status::timeout) {
       timed_out = e->kills == 0 && QueueLength(e) == 0;
       break;
     }
@@ -216,7 +227,7 @@ GC_API EventKill(EVENT_HANDLE hEvent) {
   KIVSIM_ENTRY("EventKill");
   KIVSIM_HANDLE(Event, e, hEvent, "event");
   e->kills++;
-  e->cv.notify_all();
+  e->cv->notify_all();
   return GC_ERR_SUCCESS;
 }
 

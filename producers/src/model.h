@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <thread>
 #include <vector>
 
@@ -61,7 +62,9 @@ struct Event : Obj {
   std::deque<std::vector<uint8_t>> queue;  // non-buffer events
   uint32_t kills = 0;
   uint64_t fired = 0;
-  std::condition_variable cv;
+  // Shared, so that the engine can wake waiters after giving up the producer
+  // lock, when the event may already be unregistered and freed.
+  std::shared_ptr<std::condition_variable> cv = std::make_shared<std::condition_variable>();
   // An event outlives its registration while a waiter still holds it.
   int waiters = 0;
   bool dead = false;
@@ -143,7 +146,7 @@ struct Producer {
   std::vector<std::unique_ptr<VirtualDevice>> devices;
   SharedMap shm;
   System* system = nullptr;
-  std::set<Obj*> live;
+  std::unordered_set<Obj*> live;
   std::map<std::string, Fault> faults;
   std::map<uint32_t, DeliveryOverride> overrides;
   std::map<uint32_t, Counters> counters;

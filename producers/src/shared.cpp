@@ -143,24 +143,41 @@ void SharedMap::Close() {
 SharedLock::SharedLock(SharedState* s) : s_(s) {
   if (pthread_mutex_lock(&s_->mutex) == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
 }
-SharedLock::~SharedLock() { pthread_mutex_unlock(&s_->mutex); }
+SharedLock::~SharedLock() {
+  pthread_mutex_unlock(&s_->mutex);
+  WakePending();
+}
+
+void SharedLock::WakePending() {
+  if (!pending_) return;
+  syscall(SYS_futex, &s_->wake_word, FUTEX_WAKE_BITSET, INT32_MAX, nullptr, nullptr, pending_);
+  pending_ = 0;
+}
 
 void SharedLock::Wait(uint64_t deadline_ns, uint32_t wake_on) {
   // The word is read under the mutex, so a Notify after this point changes it
   // and the futex wait returns at once.
   const uint32_t seen = __atomic_load_n(&s_->wake_word, __ATOMIC_ACQUIRE);
+  for (unsigned b = 0; b < 32; ++b)
+    if (wake_on & (1u << b)) s_->sleepers[b]++;
   pthread_mutex_unlock(&s_->mutex);
+  WakePending();
   timespec ts;
   ts.tv_sec = static_cast<time_t>(deadline_ns / 1000000000ULL);
   ts.tv_nsec = static_cast<long>(deadline_ns % 1000000000ULL);
   syscall(SYS_futex, &s_->wake_word, FUTEX_WAIT_BITSET, seen, deadline_ns ? &ts : nullptr, nullptr, wake_on);
   if (pthread_mutex_lock(&s_->mutex) == EOWNERDEAD) pthread_mutex_consistent(&s_->mutex);
+  for (unsigned b = 0; b < 32; ++b)
+    if ((wake_on & (1u << b)) && s_->sleepers[b] > 0) s_->sleepers[b]--;
 }
 
 void SharedLock::Notify(uint32_t wake) {
   s_->generation++;
   __atomic_add_fetch(&s_->wake_word, 1u, __ATOMIC_RELEASE);
-  syscall(SYS_futex, &s_->wake_word, FUTEX_WAKE_BITSET, INT32_MAX, nullptr, nullptr, wake);
+  // A waiter counts itself under the mutex before it sleeps, so one that is
+  // not counted now will read the new word and not sleep.
+  for (unsigned b = 0; b < 32; ++b)
+    if ((wake & (1u << b)) && s_->sleepers[b] > 0) pending_ |= 1u << b;
 }
 
 }  // namespace kivsim

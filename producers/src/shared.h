@@ -46,6 +46,10 @@ struct SharedState {
   pthread_mutex_t mutex;
   uint32_t wake_word;   // futex word: waiters sleep on it, Notify bumps it
   uint32_t reserved_;
+  // Waiters per wake bit (changed under the mutex), so that a Notify nobody
+  // waits for makes no system call. A waiter killed in its wait leaves its
+  // count behind: that costs later Notifies a needless wake, nothing else.
+  uint32_t sleepers[32];
   uint64_t generation;  // bumped on every change a waiter may care about
   uint64_t iface_event_seq[kMaxInterfaces];
   uint32_t iface_event_code[kMaxInterfaces][16];  // ring of the last codes per interface
@@ -79,6 +83,10 @@ inline uint32_t WakeCamera(uint32_t camera) { return 2u << camera; }  // that ca
 static_assert(kMaxCameras <= 31, "one wake bit per camera");
 
 // Lock guard for the shared mutex; recovers the state of a crashed holder.
+// Notify wakes nobody while the mutex is held: the waiters it wakes would
+// block on that mutex at once (on one CPU, a woken engine preempted the
+// notifier and switched straight back). The wake goes out when the mutex is
+// given up, by Wait or by the destructor.
 class SharedLock {
  public:
   explicit SharedLock(SharedState* s);
@@ -93,7 +101,10 @@ class SharedLock {
   void Notify(uint32_t wake = kWakeAll);  // generation++ and wake the waiters of `wake`
 
  private:
+  void WakePending();  // after the mutex is given up
+
   SharedState* s_;
+  uint32_t pending_ = 0;  // wake bits with sleepers, noted by Notify
 };
 
 uint64_t MonotonicNs();

@@ -120,7 +120,7 @@ void FillUsbInfo(Stream* s, Buffer* b, const FrameContext& fc, uint32_t status, 
   }
 }
 
-void DeliverOne(Device* d, Stream* s, const FrameContext& fc, const PatternImage* pat) {
+void DeliverOne(Device* d, Stream* s, const FrameContext& fc, const PatternImage* pat, Wakes* wakes) {
   Buffer* b = s->input.front();
   s->input.pop_front();
   d->ready_buffers--;
@@ -175,11 +175,12 @@ void DeliverOne(Device* d, Stream* s, const FrameContext& fc, const PatternImage
   s->delivered++;
   s->delivered_since_start++;
   g_prod->counters[d->cam].delivered++;
-  SignalNewBuffer(s);
+  SignalNewBuffer(s, wakes);
 }
 
-// Hands frames [first, last] to the started streams of this process (g_mu held).
-void Deliver(Device* d, uint64_t first, uint64_t last, const FrameContext& base, bool watcher_blocked) {
+// Hands frames [first, last] to the started streams of this process (g_mu
+// held); the waiters to wake once g_mu is released go to `wakes`.
+void Deliver(Device* d, uint64_t first, uint64_t last, const FrameContext& base, bool watcher_blocked, Wakes* wakes) {
   std::shared_ptr<const PatternImage> pat = GetPattern(base.g.pixel_format, base.g.width, base.g.height);
   for (uint64_t f = first; f <= last; ++f) {
     FrameContext fc = base;
@@ -192,7 +193,7 @@ void Deliver(Device* d, uint64_t first, uint64_t last, const FrameContext& base,
         if (s->index == 0) g_prod->counters[d->cam].underruns++;
         continue;
       }
-      DeliverOne(d, s, fc, pat.get());
+      DeliverOne(d, s, fc, pat.get(), wakes);
     }
   }
 }
@@ -200,6 +201,14 @@ void Deliver(Device* d, uint64_t first, uint64_t last, const FrameContext& base,
 }  // namespace
 
 void EngineMain(Device* d) {
+  // The engine stands in for the camera's hardware: a frame it makes must not
+  // preempt the host's thread that queued the buffer (on one CPU every frame
+  // then cost two extra switches); it runs when that thread waits or at the
+  // next tick.
+  if (!getenv("KIVSIM_ENGINE_NORMAL")) {
+    sched_param sp{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &sp);
+  }
   SharedState* st = g_prod->st();
   SharedCamera& sc = g_prod->cam(d->cam);
   const VirtualDevice& vd = *g_prod->devices[d->cam];
@@ -207,6 +216,7 @@ void EngineMain(Device* d) {
   uint64_t seen = d->first_seen, next_tick = 0;
   // Frames concern the engines of this camera (in every process) alone.
   const uint32_t wake = WakeCamera(d->cam);
+  Wakes wakes;
   for (;;) {
     FrameContext fc{};
     uint64_t first, last;
@@ -259,9 +269,12 @@ void EngineMain(Device* d) {
                 (fc.destination >> 24) != 239;
     }
     fc.timestamp = MonotonicNs();
-    std::lock_guard<std::mutex> lock(g_mu);
-    // Frame numbers count from 0 for the first frame the camera produced.
-    Deliver(d, first - 1, last - 1, fc, blocked);
+    {
+      std::lock_guard<std::mutex> lock(g_mu);
+      // Frame numbers count from 0 for the first frame the camera produced.
+      Deliver(d, first - 1, last - 1, fc, blocked, &wakes);
+    }
+    WakeAll(wakes);
   }
 }
 
