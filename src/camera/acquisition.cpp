@@ -27,10 +27,12 @@ constexpr uint32_t kWatchSliceMs = 1000;
 // A "PixelFormat" below this is a legacy number, not a pixel-format code.
 constexpr uint32_t kFirstPfncCode = 0x01000000u;
 
-// What is left of `timeout` after `start` (all in 32-bit ticks).
+// What is left of `timeout` after `start` (all in 32-bit coarse ticks: the
+// clock is read on every completion, and a time-out a tick longer or shorter
+// after an event for another buffer matters to nobody).
 uint32_t Remaining(uint32_t timeout, uint32_t start) {
   if (timeout == kInfinite) return kInfinite;
-  uint32_t elapsed = platform::TickCount() - start;
+  uint32_t elapsed = platform::CoarseTickCount() - start;
   return elapsed > timeout ? 0 : timeout - elapsed;
 }
 
@@ -278,17 +280,20 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
   const uint8_t* data = b->data();
   CImageStream::Places& queued = m_imageStream.m_mapQueued;
   CImageStream::Places& filled = m_imageStream.m_mapFilled;
-  const uint32_t start = platform::TickCount();
+  const uint32_t start = platform::CoarseTickCount();
   uint32_t remaining = 0;
   bool arrived = false;
-  do {
+  // The buffer, once its own event came: straight from queued to announced.
+  CImageStream::Places::node_type node;
+  for (bool first = true;; first = false) {
     if (filled.count(data)) {
       arrived = true;
+      node = filled.extract(data);
       break;
     }
     if (!queued.count(data)) throw Error(KIVCAM_ERR_PARAM);  // never requested
     if (!allocated()) break;
-    remaining = Remaining(timeout, start);
+    remaining = first ? timeout : Remaining(timeout, start);
     // A watcher waits in slices: the stream it watches may end without a word.
     const uint32_t slice = m_bWatch ? std::min(remaining, kWatchSliceMs) : remaining;
     NewBufferEvent event;
@@ -302,6 +307,7 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
     if (torn_down_) throw Error(KIVCAM_ERR_NO_IMAGE);
     if (rc == GC_ERR_TIMEOUT && slice != remaining) {
       if (WatchedStreamGone()) throw Error(KIVCAM_ERR_NOT_RUNNING);
+      if (!allocated()) break;
       continue;
     }
     if (rc == GC_ERR_TIMEOUT) break;
@@ -314,16 +320,26 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
       throw Error(KIVCAM_ERR_NO_CAMERA);
     }
     if (queued.empty() && filled.empty()) throw Error(KIVCAM_ERR_NO_IMAGE);
-    for (auto it = queued.begin(); it != queued.end(); ++it) {
-      if (it->second != event.buffer) continue;
-      filled.insert(queued.extract(it));
+    auto it = queued.begin();
+    while (it != queued.end() && it->second != event.buffer) ++it;
+    const bool again = remaining != 0 && allocated();
+    if (it == queued.end()) {
+      if (!again) break;
+      continue;
+    }
+    // Without time left even its own buffer stays filled (error 13 now, at
+    // once next time).
+    if (it->first == data && again) {
+      arrived = true;
+      node = queued.extract(it);
       break;
     }
-  } while (remaining != 0 && allocated());
+    filled.insert(queued.extract(it));
+    if (!again) break;
+  }
   // A buffer that came with the last wait stays filled: the next call for it
   // returns at once.
   if (!arrived) throw Error(KIVCAM_ERR_TIMEOUT);
-  CImageStream::Places::node_type node = filled.extract(data);
   BUFFER_HANDLE handle = node.mapped();
   m_imageStream.m_mapAnnounced.insert(std::move(node));
 
@@ -411,7 +427,7 @@ void CCamera::VSyncComplete(HVSYNC token, uint32_t timeout) {
   auto has = [](const std::vector<BUFFER_HANDLE>& v, BUFFER_HANDLE h) {
     return std::find(v.begin(), v.end(), h) != v.end();
   };
-  const uint32_t start = platform::TickCount();
+  const uint32_t start = platform::CoarseTickCount();
   uint32_t remaining = 0;
   for (;;) {
     if (has(filled, handle)) break;

@@ -125,25 +125,19 @@ void CCamera::Teardown() {
 }
 
 void CCamera::CheckState(uint32_t mask) {
-  struct Test {
-    uint32_t bit;
-    bool ok;
-    uint32_t error;
-  };
-  const bool is_allocated = allocated();
-  const Test tests[] = {
-      {kStateVisible, visible(), KIVCAM_ERR_NO_CAMERA},
-      {kStateWatch, m_bWatch, KIVCAM_ERR_MODE},
-      {kStateControl, !m_bWatch, KIVCAM_ERR_MODE},
-      {kStateAllocated, is_allocated, KIVCAM_ERR_NOT_ALLOCATED},
-      {kStateNotAllocated, !is_allocated, KIVCAM_ERR_ALLOCATED},
-      {kStateStarted, m_bStarted, KIVCAM_ERR_NOT_RUNNING},
-      {kStateStopped, !m_bStarted, KIVCAM_ERR_RUNNING},
-      {kStateMulticast, multicast(), KIVCAM_ERR_NOT_RUNNING},
-  };
-  for (const Test& t : tests) {
-    if ((mask & t.bit) && !t.ok) throw Error(t.error);
+  // In this order; each state is looked at only when asked for (every
+  // request and completion comes here).
+  if ((mask & kStateVisible) && !visible()) throw Error(KIVCAM_ERR_NO_CAMERA);
+  if ((mask & kStateWatch) && !m_bWatch) throw Error(KIVCAM_ERR_MODE);
+  if ((mask & kStateControl) && m_bWatch) throw Error(KIVCAM_ERR_MODE);
+  if (mask & (kStateAllocated | kStateNotAllocated)) {
+    const bool is_allocated = allocated();
+    if ((mask & kStateAllocated) && !is_allocated) throw Error(KIVCAM_ERR_NOT_ALLOCATED);
+    if ((mask & kStateNotAllocated) && is_allocated) throw Error(KIVCAM_ERR_ALLOCATED);
   }
+  if ((mask & kStateStarted) && !m_bStarted) throw Error(KIVCAM_ERR_NOT_RUNNING);
+  if ((mask & kStateStopped) && m_bStarted) throw Error(KIVCAM_ERR_RUNNING);
+  if ((mask & kStateMulticast) && !multicast()) throw Error(KIVCAM_ERR_NOT_RUNNING);
 }
 
 bool CCamera::CheckVisible(bool* query_ok) {

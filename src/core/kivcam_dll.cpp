@@ -53,8 +53,8 @@ namespace {
 // The library object and thread id for which this thread last saw the error
 // map without an entry of its id: clearing its code then has nothing to erase.
 // A thread, or a forked child, with an id of its own matches neither.
-thread_local const CKivCamDLL* t_clean_library = nullptr;
-thread_local uint32_t t_clean_tid = 0;
+__attribute__((tls_model("initial-exec"))) thread_local const CKivCamDLL* t_clean_library = nullptr;
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_clean_tid = 0;
 }  // namespace
 
 void CKivCamDLL::SetErrorCode(uint32_t code, const char* text) {

@@ -239,6 +239,9 @@ void SleepMs(uint32_t ms);
 uint32_t ProcessId();
 uint32_t ThreadId();  // the kernel's thread id (gettid)
 uint32_t TickCount();  // monotonic milliseconds, wrapping at 32 bits
+// The same clock at the system tick's resolution (a few milliseconds), for
+// time-outs checked on every frame: a fraction of TickCount's cost.
+uint32_t CoarseTickCount();
 
 struct LocalTime {
   int year, month, day, hour, minute, second, millisecond;

@@ -116,7 +116,8 @@ void SleepMs(uint32_t ms) {
 // ids are cached; a fork child starts with its own ids.
 namespace {
 
-thread_local uint32_t t_thread_id = 0;
+// Initial-exec: read on every export, without a call into the loader.
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_thread_id = 0;
 uint32_t g_process_id = 0;  // written only before threads exist or in a fork child
 
 void ForgetIdsInChild() {
@@ -147,12 +148,18 @@ uint32_t ThreadId() {
   return t_thread_id;
 }
 
-uint32_t TickCount() {
+namespace {
+uint32_t Milliseconds(clockid_t clock) {
   timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
+  clock_gettime(clock, &ts);
   uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
   return static_cast<uint32_t>(ms);
 }
+}  // namespace
+
+uint32_t TickCount() { return Milliseconds(CLOCK_MONOTONIC); }
+
+uint32_t CoarseTickCount() { return Milliseconds(CLOCK_MONOTONIC_COARSE); }
 
 LocalTime GetLocalTime() {
   timespec ts;
