@@ -9,6 +9,7 @@ per loop the median time per frame over its blocks; its ratios are medians of
 the per-round ratios. Over the repetitions this script takes the median again.
 """
 import json
+import os
 import statistics
 import subprocess
 import sys
@@ -41,7 +42,10 @@ def main():
         return f"{min(v):.2f} to {max(v):.2f}"
 
     ctx = data["context"]
-    print(f"Run: {ctx['date']}, {ctx['num_cpus']} CPUs at {ctx['mhz_per_cpu']} MHz, "
+    usable = len(os.sched_getaffinity(0))
+    where = (f"{ctx['num_cpus']} CPUs" if usable == ctx['num_cpus'] else
+             f"pinned to {usable} of {ctx['num_cpus']} CPUs")
+    print(f"Run: {ctx['date']}, {where} at {ctx['mhz_per_cpu']} MHz, "
           f"load average {', '.join(f'{x:.2f}' for x in ctx.get('load_avg', []))}, "
           f"{reps} repetitions interleaved\n")
 
