@@ -284,6 +284,43 @@ TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
 }
 
+// Frames come in the order the buffers were queued, whichever buffer a
+// completion asks for: one that sees another buffer's frame first keeps it
+// for that buffer's completion and goes on waiting for its own, up to its
+// time-out.
+TEST_F(Acquisition, ACompletionKeepsTheFramesOfOtherBuffersForThem) {
+  Load();
+  Cam c = OpenOnDemand(kGigE1);
+  CamLib& l = *lib_;
+  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
+  ImageBuffer* first = Alloc(c.h);
+  ImageBuffer* second = Alloc(c.h);
+  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, first)), kSucceeded);
+  ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, second)), kSucceeded);
+
+  // Only the first buffer's frame comes: the wait for the second ends with its time-out.
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(WaitDelivered(c, 1));
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, second, 50, nullptr)), KIVCAM_ERR_TIMEOUT);
+  EXPECT_EQ(second->Status, KIVCAM_BUFFER_STATUS_REQUESTED);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, first, 0, nullptr)), kSucceeded);
+  EXPECT_EQ(first->Status, KIVCAM_BUFFER_STATUS_OK);
+
+  // Queued again, the first buffer now comes after the second; asked for first.
+  ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, first)), kSucceeded);
+  ASSERT_EQ(c.sim->deliver(c.index, 2), 0);
+  ASSERT_TRUE(WaitDelivered(c, 3));
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, first, kWait, nullptr)), kSucceeded);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, second, 0, nullptr)), kSucceeded);
+  // Both went back to announced: queued again without new announcements.
+  const uint32_t announced = Counters(c).announces;
+  ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, first)), kSucceeded);
+  ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, second)), kSucceeded);
+  EXPECT_EQ(Counters(c).announces, announced);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, first, 0, nullptr)), KIVCAM_ERR_TIMEOUT);
+}
+
 TEST_F(Acquisition, AnAbortFromAnotherThreadEndsAnEndlessWait) {
   Load();
   Cam c = OpenOnDemand(kGigE2);

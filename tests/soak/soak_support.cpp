@@ -161,10 +161,25 @@ Counts Sample(const std::string& ipc_namespace) {
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
     ++c.maps;
+    c.map_lines.push_back(line);
+    // Range, rights, offset, device and inode come first; a name follows them.
+    std::istringstream fields(line);
+    std::string field, name;
+    for (int i = 0; i < 5 && fields >> field; ++i) {
+    }
+    if (fields >> name) ++c.named_maps;
     if (line.find("libkivcam.so") != std::string::npos || line.find(".cti") != std::string::npos) ++c.library_maps;
   }
   c.shm = ipc_namespace.empty() ? 0 : CountEntries("/dev/shm", ipc_namespace);
   return c;
+}
+
+std::string NewMappings(const Counts& before, const Counts& now) {
+  std::set<std::string> had(before.map_lines.begin(), before.map_lines.end());
+  std::string out;
+  for (const std::string& line : now.map_lines)
+    if (!had.count(line)) out += line + "\n";
+  return out;
 }
 
 std::string Describe(const Counts& c) {

@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace soak {
 
@@ -70,9 +71,13 @@ struct Counts {
   uint32_t maps = 0;     // mappings
   uint32_t shm = 0;      // /dev/shm names of the namespace
   uint32_t library_maps = 0;  // mappings of libkivcam or a producer
+  uint32_t named_maps = 0;    // mappings of a file or a named region ([stack], [heap])
+  std::vector<std::string> map_lines;  // each mapping's range, rights and file
 };
 Counts Sample(const std::string& ipc_namespace);
 std::string Describe(const Counts& c);
+// The mappings of `now` that `before` did not have, one per line.
+std::string NewMappings(const Counts& before, const Counts& now);
 
 // The codes an export documents in kivcam.h ("Errors:"), by export name.
 const std::set<uint32_t>& Documented(const std::string& export_name);
