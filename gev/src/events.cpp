@@ -101,25 +101,7 @@ GC_API EventGetDataInfo(EVENT_HANDLE hEvent, const void* pInBuffer, size_t iInSi
                         INFO_DATATYPE* piType, void* pOutBuffer, size_t* piOutSize) {
   KIVGEV_ENTRY();
   KIVGEV_HANDLE(Event, e, hEvent, "event");
-  if (BadPtr(pInBuffer)) return SetError(GC_ERR_INVALID_PARAMETER, "Event data is NULL");
-  if (e->type == EVENT_NEW_BUFFER) {
-    if (iInSize < sizeof(EVENT_NEW_BUFFER_DATA)) return SetError(GC_ERR_INVALID_PARAMETER, "Event data too short");
-    EVENT_NEW_BUFFER_DATA d;
-    std::memcpy(&d, pInBuffer, sizeof d);
-    if (iInfoCmd == EVENT_DATA_ID) return PutValue<void*>(INFO_DATATYPE_PTR, d.BufferHandle, piType, pOutBuffer, piOutSize);
-    if (iInfoCmd == EVENT_DATA_VALUE) return PutValue<void*>(INFO_DATATYPE_PTR, d.pUserPointer, piType, pOutBuffer, piOutSize);
-    if (iInfoCmd == EVENT_DATA_NUMID) return SetError(GC_ERR_NOT_AVAILABLE, "No numeric ID");
-    return SetError(GC_ERR_NOT_IMPLEMENTED, "Unknown event data command");
-  }
-  if (e->type == EVENT_CUSTOM_ID) {
-    if (iInSize < 4) return SetError(GC_ERR_INVALID_PARAMETER, "Event data too short");
-    uint32_t code;
-    std::memcpy(&code, pInBuffer, 4);
-    if (iInfoCmd == EVENT_DATA_ID || iInfoCmd == EVENT_DATA_VALUE)
-      return PutValue<uint32_t>(INFO_DATATYPE_UINT32, code, piType, pOutBuffer, piOutSize);
-    if (iInfoCmd == EVENT_DATA_NUMID) return PutValue<uint64_t>(INFO_DATATYPE_UINT64, code, piType, pOutBuffer, piOutSize);
-  }
-  return SetError(GC_ERR_NOT_IMPLEMENTED, "Unknown event data command");
+  return kivgentl::EventDataInfo(e->type, pInBuffer, iInSize, iInfoCmd, piType, pOutBuffer, piOutSize);
 }
 
 GC_API EventGetInfo(EVENT_HANDLE hEvent, EVENT_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {

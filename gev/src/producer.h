@@ -18,6 +18,7 @@
 
 #include "gvcp_client.h"
 #include "net.h"
+#include "producer_support.h"
 #include "wire.h"
 
 namespace kivgev {
@@ -41,16 +42,11 @@ struct Settings {
   static Settings FromEnvironment();
 };
 
-GC_ERROR SetError(GC_ERROR code, const std::string& text);
-GC_ERROR PutInfo(INFO_DATATYPE type, const void* data, size_t n, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize);
-inline GC_ERROR PutString(const std::string& s, INFO_DATATYPE* t, void* b, size_t* n) {
-  return PutInfo(INFO_DATATYPE_STRING, s.c_str(), s.size() + 1, t, b, n);
-}
-template <class T>
-GC_ERROR PutValue(INFO_DATATYPE type, T v, INFO_DATATYPE* t, void* b, size_t* n) {
-  return PutInfo(type, &v, sizeof v, t, b, n);
-}
-inline bool BadPtr(const void* p) { return !p || p == reinterpret_cast<const void*>(~uintptr_t(0)); }
+using kivgentl::BadPtr;
+using kivgentl::PutInfo;
+using kivgentl::PutString;
+using kivgentl::PutValue;
+using kivgentl::SetError;
 // A GVCP failure as a GenTL error with the device's words.
 GC_ERROR FromGvcp(const GvcpResult& r);
 

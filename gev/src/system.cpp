@@ -1,7 +1,6 @@
 // Library and system module: initialisation, settings, errors, the
 // interface list (one interface per IPv4 network interface).
 #include <dlfcn.h>
-#include <pthread.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -19,26 +18,10 @@ std::mutex g_mu;
 // threads still run, and must not tear their modules down under them.
 std::shared_ptr<Producer>& g_prod = *new std::shared_ptr<Producer>();
 
-// The last error of each thread. A pthread key rather than thread_local: a
-// module loaded with dlopen would get dynamic TLS, which leak checkers trip over.
-struct LastError {
-  GC_ERROR code = GC_ERR_SUCCESS;
-  std::string text;
-};
-pthread_key_t g_error_key;
-void FreeLastError(void* p) { delete static_cast<LastError*>(p); }
-__attribute__((constructor)) void CreateErrorKey() { pthread_key_create(&g_error_key, FreeLastError); }
-__attribute__((destructor)) void DeleteErrorKey() {
-  FreeLastError(pthread_getspecific(g_error_key));
-  pthread_key_delete(g_error_key);
-}
-LastError* ThreadError(bool create) {
-  auto* e = static_cast<LastError*>(pthread_getspecific(g_error_key));
-  if (!e && create) {
-    e = new LastError();
-    pthread_setspecific(g_error_key, e);
-  }
-  return e;
+// A host that exits without GCCloseLib may still have threads inside us:
+// their error records then go with the process.
+__attribute__((constructor)) void RegisterUnloadCheck() {
+  kivgentl::SetUnloadCheck([] { return g_prod != nullptr; });
 }
 
 std::vector<std::string> Words(const char* text) {
@@ -171,29 +154,6 @@ std::shared_ptr<Producer> CurrentProducer() {
   return g_prod;
 }
 
-GC_ERROR SetError(GC_ERROR code, const std::string& text) {
-  LastError* e = ThreadError(true);
-  e->code = code;
-  e->text = text;
-  return code;
-}
-
-GC_ERROR PutInfo(INFO_DATATYPE type, const void* data, size_t n, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {
-  if (BadPtr(piSize)) return SetError(GC_ERR_INVALID_PARAMETER, "Size pointer is NULL");
-  if (piType) *piType = type;
-  if (!pBuffer) {
-    *piSize = n;
-    return GC_ERR_SUCCESS;
-  }
-  if (*piSize < n) {
-    *piSize = n;
-    return SetError(GC_ERR_BUFFER_TOO_SMALL, "Buffer too small");
-  }
-  std::memcpy(pBuffer, data, n);
-  *piSize = n;
-  return GC_ERR_SUCCESS;
-}
-
 GC_ERROR FromGvcp(const GvcpResult& r) {
   GC_ERROR e = GC_ERR_IO;
   if (r.kind == GvcpResult::kTimeout) return SetError(GC_ERR_IO, "Device does not answer: " + r.text);
@@ -263,19 +223,7 @@ GC_API GCCloseLib(void) {
 }
 
 GC_API GCGetLastError(GC_ERROR* piErrorCode, char* sErrText, size_t* piSize) {
-  if (BadPtr(piErrorCode) || BadPtr(piSize)) return GC_ERR_INVALID_PARAMETER;
-  const LastError* last = ThreadError(false);
-  const std::string text = last ? last->text : std::string("No Error");
-  if (sErrText) {
-    if (*piSize < text.size() + 1) {
-      *piSize = text.size() + 1;
-      return GC_ERR_BUFFER_TOO_SMALL;
-    }
-    std::memcpy(sErrText, text.c_str(), text.size() + 1);
-  }
-  *piSize = text.size() + 1;
-  *piErrorCode = last ? last->code : GC_ERR_SUCCESS;
-  return GC_ERR_SUCCESS;
+  return kivgentl::GetLastError(piErrorCode, sErrText, piSize);
 }
 
 GC_API GCGetInfo(TL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {

@@ -27,23 +27,12 @@ GC_ERROR Injected(const char* name);
 // Failures injected since the module was loaded (kivsim_failures_injected).
 uint64_t InjectedCount();
 
-inline bool BadPtr(const void* p) { return !p || p == reinterpret_cast<const void*>(~uintptr_t(0)); }
 
 template <class T>
 T* Lookup(void* h, ObjType t) {
   Obj* o = static_cast<Obj*>(h);
   if (BadPtr(h) || !g_prod->live.count(o) || o->type != t) return nullptr;
   return static_cast<T*>(o);
-}
-
-GC_ERROR PutInfo(INFO_DATATYPE type, const void* data, size_t n, INFO_DATATYPE* piType, void* pBuffer,
-                 size_t* piSize);
-inline GC_ERROR PutString(const std::string& s, INFO_DATATYPE* t, void* b, size_t* n) {
-  return PutInfo(INFO_DATATYPE_STRING, s.c_str(), s.size() + 1, t, b, n);
-}
-template <class T>
-GC_ERROR PutValue(INFO_DATATYPE type, T v, INFO_DATATYPE* t, void* b, size_t* n) {
-  return PutInfo(type, &v, sizeof v, t, b, n);
 }
 
 const char* TLTypeName();

@@ -11,15 +11,23 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <unordered_set>
 #include <thread>
+#include <unordered_set>
 #include <vector>
 
 #include "device.h"
+#include "producer_support.h"
 #include "shared.h"
 #include "world.h"
 
 namespace kivsim {
+
+using kivgentl::BadPtr;
+using kivgentl::PutInfo;
+using kivgentl::PutString;
+using kivgentl::PutValue;
+using kivgentl::SetError;
+
 
 enum class ObjType : uint32_t { System = 1, Interface, Device, RemotePort, Stream, Buffer, Event };
 
@@ -160,6 +168,5 @@ extern std::mutex g_mu;
 extern Producer* g_prod;
 Transport ThisTransport();
 
-GC_ERROR SetError(GC_ERROR code, const std::string& text);
 
 }  // namespace kivsim

@@ -1,6 +1,5 @@
 // Library, system, interface and device entry points.
 #include <dlfcn.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
-#include <set>
 #include <sstream>
 
 #include "common.h"
@@ -22,59 +20,11 @@ std::mutex g_mu;
 Producer* g_prod = nullptr;
 
 namespace {
-// The last error of each thread. A pthread key rather than thread_local: a
-// module loaded with dlopen would get dynamic TLS, which leak checkers trip over.
-struct LastError {
-  GC_ERROR code = GC_ERR_SUCCESS;
-  std::string text;
-};
-pthread_key_t g_error_key;
-// Every thread's record, so that an unload frees those of threads that end
-// later, whose key destructor no longer runs then. Raw: static destructors
-// may run before the unload's.
-std::mutex* g_errors_mu = nullptr;
-std::set<LastError*>* g_errors = nullptr;
 
-void FreeLastError(void* p) {
-  if (!p) return;
-  {
-    std::lock_guard<std::mutex> g(*g_errors_mu);
-    g_errors->erase(static_cast<LastError*>(p));
-  }
-  delete static_cast<LastError*>(p);
-}
-
-__attribute__((constructor)) void CreateErrorKey() {
-  g_errors_mu = new std::mutex;
-  g_errors = new std::set<LastError*>;
-  pthread_key_create(&g_error_key, FreeLastError);
-}
-__attribute__((destructor)) void DeleteErrorKey() {
-  // Still initialised: the host is exiting without closing us, and its
-  // threads may still be inside our functions. Their records go with the
-  // process.
-  if (g_prod) return;
-  pthread_key_delete(g_error_key);
-  {
-    // A thread that ended just now freed its record under the lock.
-    std::lock_guard<std::mutex> g(*g_errors_mu);
-    for (LastError* e : *g_errors) delete e;
-  }
-  delete g_errors;
-  delete g_errors_mu;
-}
-
-LastError* ThreadError(bool create) {
-  auto* e = static_cast<LastError*>(pthread_getspecific(g_error_key));
-  if (!e && create) {
-    e = new LastError();
-    {
-      std::lock_guard<std::mutex> g(*g_errors_mu);
-      g_errors->insert(e);
-    }
-    pthread_setspecific(g_error_key, e);
-  }
-  return e;
+// A host that exits without GCCloseLib may still have threads inside us:
+// their error records then go with the process.
+__attribute__((constructor)) void RegisterUnloadCheck() {
+  kivgentl::SetUnloadCheck([] { return g_prod != nullptr; });
 }
 
 std::string StateName() {
@@ -214,12 +164,6 @@ Transport ThisTransport() {
 
 const char* TLTypeName() { return ThisTransport() == Transport::GigE ? TLTypeGEVName : TLTypeU3VName; }
 
-GC_ERROR SetError(GC_ERROR code, const std::string& text) {
-  LastError* e = ThreadError(true);
-  e->code = code;
-  e->text = text;
-  return code;
-}
 
 // Counted outside the producer's state, so that failures during GCCloseLib
 // and of GCInitLib itself are seen too.
@@ -240,23 +184,6 @@ GC_ERROR Injected(const char* name) {
   return SetError(e, text);
 }
 
-GC_ERROR PutInfo(INFO_DATATYPE type, const void* data, size_t n, INFO_DATATYPE* piType, void* pBuffer,
-                 size_t* piSize) {
-  if (BadPtr(piSize)) return SetError(GC_ERR_INVALID_PARAMETER, "Size pointer is NULL");
-  if (!pBuffer) {
-    *piSize = n;
-    if (piType) *piType = type;
-    return GC_ERR_SUCCESS;
-  }
-  if (*piSize < n) {
-    *piSize = n;
-    return SetError(GC_ERR_BUFFER_TOO_SMALL, "Buffer too small");
-  }
-  std::memcpy(pBuffer, data, n);
-  *piSize = n;
-  if (piType) *piType = type;
-  return GC_ERR_SUCCESS;
-}
 
 GC_ERROR DeviceInfo(uint32_t cam, DEVICE_INFO_CMD cmd, INFO_DATATYPE* t, void* b, size_t* n) {
   const VirtualDevice& vd = *g_prod->devices[cam];
@@ -425,19 +352,7 @@ GC_API GCCloseLib(void) {
 }
 
 GC_API GCGetLastError(GC_ERROR* piErrorCode, char* sErrText, size_t* piSize) {
-  if (BadPtr(piErrorCode) || BadPtr(piSize)) return GC_ERR_INVALID_PARAMETER;
-  const LastError* last = ThreadError(false);
-  const std::string text = last ? last->text : std::string("No Error");
-  if (sErrText) {
-    if (*piSize < text.size() + 1) {
-      *piSize = text.size() + 1;
-      return GC_ERR_BUFFER_TOO_SMALL;
-    }
-    std::memcpy(sErrText, text.c_str(), text.size() + 1);
-  }
-  *piSize = text.size() + 1;
-  *piErrorCode = last ? last->code : GC_ERR_SUCCESS;
-  return GC_ERR_SUCCESS;
+  return kivgentl::GetLastError(piErrorCode, sErrText, piSize);
 }
 
 GC_API GCGetInfo(TL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize) {

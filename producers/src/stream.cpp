@@ -572,18 +572,7 @@ GC_API DSGetBufferChunkData(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, SINGLE
 
 GC_API DSGetBufferInfoStacked(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, DS_BUFFER_INFO_STACKED* pInfoStacked,
                               size_t iNumInfos) {
-  if (BadPtr(pInfoStacked)) return SetError(GC_ERR_INVALID_PARAMETER, "NULL parameter");
-  GC_ERROR result = GC_ERR_SUCCESS;
-  for (size_t i = 0; i < iNumInfos; ++i) {
-    DS_BUFFER_INFO_STACKED& e = pInfoStacked[i];
-    size_t size = e.iSize;
-    INFO_DATATYPE type = e.iType;
-    e.iResult = DSGetBufferInfo(hDataStream, hBuffer, e.iInfoCmd, &type, e.pBuffer, &size);
-    e.iSize = size;
-    e.iType = type;
-    if (e.iResult != GC_ERR_SUCCESS) result = GC_ERR_ERROR;
-  }
-  return result;
+  return kivgentl::BufferInfoStacked(DSGetBufferInfo, hDataStream, hBuffer, pInfoStacked, iNumInfos);
 }
 
 GC_API DSGetNumBufferParts(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, uint32_t* piNumParts) {
