@@ -397,6 +397,7 @@ bool PacketRing::Next(Frame* f) {
   f->size = h->tp_snaplen;
   f->truncated = h->tp_snaplen < h->tp_len;
   f->outgoing = ll->sll_pkttype == PACKET_OUTGOING;
+  f->checksum_known = (h->tp_status & (TP_STATUS_CSUM_VALID | TP_STATUS_CSUMNOTREADY)) != 0;
   frame_ += h->tp_next_offset;
   --left_;
   return true;

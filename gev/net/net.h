@@ -128,6 +128,7 @@ class PacketRing {
     size_t size;     // bytes in the ring
     bool truncated;  // the frame was longer than a block holds
     bool outgoing;   // sent by this host (the loopback shows both directions)
+    bool checksum_known;  // the kernel checked the UDP checksum, or it was never computed on a local path
   };
   // Waits up to timeout_ms for a block to read; false on time-out or wake-up.
   bool Wait(int timeout_ms, const Waker* waker);

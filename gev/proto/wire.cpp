@@ -202,6 +202,18 @@ bool ParseIpv4Udp(const uint8_t* p, size_t n, Ipv4Udp* out) {
   return true;
 }
 
+bool UdpChecksumOk(const Ipv4Udp& u) {
+  const uint8_t* h = u.data - 8;  // the UDP header
+  if (Get16(h + 6) == 0) return true;
+  const size_t n = u.size + 8;
+  uint64_t sum = (u.src >> 16) + (u.src & 0xFFFF) + (u.dst >> 16) + (u.dst & 0xFFFF) + 17 + n;
+  size_t i = 0;
+  for (; i + 1 < n; i += 2) sum += Get16(h + i);
+  if (i < n) sum += uint32_t(h[i]) << 8;
+  while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+  return sum == 0xFFFF;
+}
+
 size_t PutIpv4Udp(uint8_t* p, const Ipv4Udp& in) {
   const size_t total = 28 + in.size;
   if (in.size) std::memcpy(p + 28, in.data, in.size);

@@ -166,9 +166,12 @@ struct Ipv4Udp {
 };
 // False for anything the IP layer would not hand a UDP socket whole: another
 // version or protocol, a bad header length or checksum, a fragment, lengths
-// beyond the bytes at hand. The UDP checksum is left to the receiving host's
-// stack, which may not have filled it yet on a local path.
+// beyond the bytes at hand. The UDP checksum is checked apart: on a local
+// path the sender's stack may not have filled it in yet.
 bool ParseIpv4Udp(const uint8_t* p, size_t n, Ipv4Udp* out);
+// Whether the UDP checksum of a datagram ParseIpv4Udp took is right (or was
+// not computed: 0).
+bool UdpChecksumOk(const Ipv4Udp& u);
 size_t PutIpv4Udp(uint8_t* p, const Ipv4Udp& in);  // header of 28 bytes, payload copied after it
 
 struct ImageLeader {

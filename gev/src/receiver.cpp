@@ -267,8 +267,9 @@ int Receiver::ReceiveRing(int timeout_ms) {
       Ipv4Udp u;
       GvspPacket pk;
       // What a socket read would cut short is refused the same way: larger than any packet of this channel.
+      // A checksum the kernel has not looked at is checked here, as the UDP layer would.
       if (f.truncated || !ParseIpv4Udp(f.data, f.size, &u) || u.size > header_size_ + data_size_ + kSpill ||
-          !ParseGvsp(u.data, u.size, &pk) || u.src != device_ip_) {
+          (!f.checksum_known && !UdpChecksumOk(u)) || !ParseGvsp(u.data, u.size, &pk) || u.src != device_ip_) {
         s_->malformed++;
         continue;
       }
