@@ -17,13 +17,13 @@ namespace {
 
 class Acquisition : public CameraTest {
  protected:
-  KivGenApi::CNodeMapRef& Map(HCAMERA h) {
+  KivGenApi::CNodeMapRef* Map(HCAMERA h) {
     void* raw = nullptr;
     EXPECT_EQ(lib_->KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
-    return *static_cast<KivGenApi::CNodeMapRef*>(raw);
+    return static_cast<KivGenApi::CNodeMapRef*>(raw);
   }
   void SetInt(HCAMERA h, const char* name, int64_t value) {
-    KivGenApi::CIntegerPtr(Map(h)._GetNode(name))->SetValue(value);
+    KivGenApi::CIntegerPtr(Map(h)->_GetNode(name))->SetValue(value);
   }
   // Frames of 64x8, and a conversion handle with the same explicit settings
   // as the camera's engine (shift 4): what the two make of a frame must agree.
@@ -412,7 +412,7 @@ TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
-  KivGenApi::CEnumerationPtr format = Map(c.h)._GetNode("PixelFormat");
+  KivGenApi::CEnumerationPtr format = Map(c.h)->_GetNode("PixelFormat");
   KivGenApi::NodeList_t entries;
   format->GetEntries(entries);
   ASSERT_GE(entries.size(), 60u);
@@ -457,7 +457,7 @@ TEST_F(Acquisition, LegacyPixelFormatNumbersConvertAsTheFormatsTheyStandFor) {
   Load();
   CamLib& l = *lib_;
   Cam c = OpenOnDemand(7, true);
-  KivGenApi::CEnumerationPtr format = Map(c.h)._GetNode("PixelFormat");
+  KivGenApi::CEnumerationPtr format = Map(c.h)->_GetNode("PixelFormat");
   HCTBL handle = SmallFramesAndAHandle(c.h);
   size_t checked = 0;
   for (const char* name : {"Mono8", "BayerRG8", "Mono12", "YUV422Packed"}) {
@@ -490,7 +490,7 @@ TEST_F(Acquisition, BitmapInformationAndTheAutomaticShift) {
   uint32_t size = 0;
   EXPECT_EQ(Err(l.KIVCAM_GetBMPINFO(c.h, nullptr, &size, 0)), KIVCAM_ERR_NOT_ALLOCATED);
   EXPECT_EQ(Err(l.KIVCAM_BufferConvExec(c.h, &size, &size)), KIVCAM_ERR_OTHER);  // no engine yet
-  KivGenApi::CEnumerationPtr(Map(c.h)._GetNode("PixelFormat"))->SetIntValue(0x01100005);  // Mono12
+  KivGenApi::CEnumerationPtr(Map(c.h)->_GetNode("PixelFormat"))->SetIntValue(0x01100005);  // Mono12
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_SetBMPINFO(c.h, nullptr, &size, 1), KIVCAM_TRUE);
   EXPECT_EQ(size, 1064u);  // grey form
