@@ -215,14 +215,50 @@ uint32_t CameraTest::CameraIndex(uint64_t uid, bool usb) {
   return static_cast<uint32_t>(sim.camera_index(((usb ? "KivU3V::" : "KivGEV::") + std::to_string(uid)).c_str()));
 }
 
-CameraTest::Cam CameraTest::OpenOnDemand(uint64_t uid) {
+CameraTest::Cam CameraTest::OpenOnDemand(uint64_t uid, bool usb) {
   Cam c;
   c.h = OpenUid(uid);
-  const bool usb = uid == kUsb1;
   c.sim = usb ? &USB() : &GigE();
   c.index = CameraIndex(uid, usb);
   EXPECT_EQ(c.sim->deliver(c.index, 0), 0);
   return c;
+}
+
+void CameraTest::Ready(const Cam& c) {
+  ASSERT_EQ(lib_->KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+  ASSERT_EQ(lib_->KIVCAM_ImageStart(c.h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+}
+
+ImageBuffer* CameraTest::Alloc(HCAMERA h) {
+  ImageBuffer* b = nullptr;
+  EXPECT_EQ(lib_->KIVCAM_ImageAlloc(h, &b), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+  return b;
+}
+
+ImageBuffer* CameraTest::Started(const Cam& c) {
+  EXPECT_EQ(lib_->KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+  ImageBuffer* b = Alloc(c.h);
+  EXPECT_EQ(lib_->KIVCAM_ImageStart(c.h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+  return b;
+}
+
+void CameraTest::RequestOne(const Cam& c, ImageBuffer* buffer) {
+  ASSERT_EQ(lib_->KIVCAM_ImageReq(c.h, buffer), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+}
+
+uint32_t CameraTest::Grab(const Cam& c, ImageBuffer* buffer, ImageInfo* info) {
+  // A failed request is already a failure; its completion then ends at once (not requested).
+  RequestOne(c, buffer);
+  return Err(lib_->KIVCAM_ImageComplete(c.h, buffer, kWait, info));
+}
+
+bool CameraTest::WaitDelivered(const Cam& c, uint64_t n) {
+  for (auto t0 = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() - t0 < std::chrono::seconds(5);) {
+    if (Counters(c).frames_delivered >= n) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
 }
 
 kivsim_counters CameraTest::Counters(const Cam& c) {

@@ -51,6 +51,9 @@ std::string LibDir();  // where libkivcam.so and the producers are
 // Last-error value Err gives for a call that did not fail.
 constexpr uint32_t kSucceeded = 0xFFFFFFFFu;
 
+// Time-out of a completion that should end (ms); generous, never reached when things work.
+constexpr uint32_t kWait = 5000;
+
 // libkivcam.so from `path`, with its exports bound.
 class CamLib {
  public:
@@ -171,7 +174,20 @@ class CameraTest : public ::testing::Test {
     Sim* sim = nullptr;
     uint32_t index = 0;  // the producer's camera number
   };
-  Cam OpenOnDemand(uint64_t uid);
+  Cam OpenOnDemand(uint64_t uid) { return OpenOnDemand(uid, uid == kUsb1); }
+  Cam OpenOnDemand(uint64_t uid, bool usb);
+  // Resources allocated and acquisition started.
+  void Ready(const Cam& c);
+  // A buffer of the camera's present geometry (null, and a failure, when none is made).
+  ImageBuffer* Alloc(HCAMERA h);
+  // Resources allocated, one buffer allocated, acquisition started: the buffer.
+  ImageBuffer* Started(const Cam& c);
+  // Queues `buffer` and has the producer deliver one frame.
+  void RequestOne(const Cam& c, ImageBuffer* buffer);
+  // RequestOne, then its completion: the completion's last error (kSucceeded when it worked).
+  uint32_t Grab(const Cam& c, ImageBuffer* buffer, ImageInfo* info = nullptr);
+  // Waits until the producer has put `n` frames into this process's buffers.
+  bool WaitDelivered(const Cam& c, uint64_t n);
   // The producer's camera number of a virtual camera (USB or GigE by its ID).
   uint32_t CameraIndex(uint64_t uid, bool usb);
   kivsim_counters Counters(const Cam& c);

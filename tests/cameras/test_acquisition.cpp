@@ -15,27 +15,32 @@
 namespace camtest {
 namespace {
 
-constexpr uint32_t kWait = 5000;  // ms; generous, never reached when things work
-
 class Acquisition : public CameraTest {
  protected:
-  ImageBuffer* Alloc(HCAMERA h) {
-    ImageBuffer* b = nullptr;
-    EXPECT_EQ(lib_->KIVCAM_ImageAlloc(h, &b), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
-    return b;
+  KivGenApi::CNodeMapRef* Map(HCAMERA h) {
+    void* raw = nullptr;
+    EXPECT_EQ(lib_->KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
+    return static_cast<KivGenApi::CNodeMapRef*>(raw);
   }
-  // Waits until the producer has put `n` frames into this process's buffers.
-  bool WaitDelivered(const Cam& c, uint64_t n) {
-    for (auto t0 = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() - t0 < std::chrono::seconds(5);) {
-      if (Counters(c).frames_delivered >= n) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+  void SetInt(HCAMERA h, const char* name, int64_t value) {
+    KivGenApi::CIntegerPtr(Map(h)->_GetNode(name))->SetValue(value);
   }
-  // Allocates, starts and requests `buffer`, then has one frame delivered.
-  void RequestOne(const Cam& c, ImageBuffer* buffer) {
-    ASSERT_EQ(lib_->KIVCAM_ImageReq(c.h, buffer), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
-    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  // Frames of 64x8, and a conversion handle with the same explicit settings
+  // as the camera's engine (shift 4): what the two make of a frame must agree.
+  HCTBL SmallFramesAndAHandle(HCAMERA h) {
+    SetInt(h, "Width", 64);
+    SetInt(h, "Height", 8);
+    KIVCAM_CONVMODE mode{0, 4, 0, 0, 0};
+    HCTBL handle = nullptr;
+    EXPECT_EQ(lib_->KIVCAM_CreateConvHandle(&handle, &mode, nullptr), KIVCAM_TRUE);
+    EXPECT_EQ(lib_->KIVCAM_ConvMode(h, &mode, nullptr), KIVCAM_TRUE);
+    return handle;
+  }
+  // Stopped, released and every buffer freed: ready for another format.
+  void StopAndFreeAll(HCAMERA h) {
+    ASSERT_EQ(lib_->KIVCAM_ImageStop(h), KIVCAM_TRUE);
+    ASSERT_EQ(lib_->KIVCAM_ResourceRelease(h), KIVCAM_TRUE);
+    ASSERT_EQ(lib_->KIVCAM_ImageFreeAll(h), KIVCAM_TRUE);
   }
 };
 
@@ -130,13 +135,11 @@ TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   Load();
   Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = Alloc(c.h);
+  ImageBuffer* b = Started(c);
   EXPECT_EQ(b->Width, 640u);
   EXPECT_EQ(b->Height, 480u);
   EXPECT_EQ(b->PayloadSize, 640u * 480u);
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
   RequestOne(c, b);
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_REQUESTED);
   EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);  // queued twice
@@ -146,8 +149,7 @@ TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   // Collected but still announced: not free yet, but queued again without a new announcement.
   EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);
   const uint32_t announced = Counters(c).announces;
-  RequestOne(c, b);
-  ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+  ASSERT_EQ(Grab(c, b), kSucceeded);
   EXPECT_EQ(Counters(c).announces, announced);
   // A completion of a buffer not requested (any more).
   EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_PARAM);
@@ -168,10 +170,7 @@ TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ImageBuffer* small = Alloc(c.h);
   ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
-  void* raw = nullptr;
-  ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
-  KivGenApi::CIntegerPtr width = static_cast<KivGenApi::CNodeMapRef*>(raw)->_GetNode("Width");
-  width->SetValue(800);
+  SetInt(c.h, "Width", 800);
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, small)), KIVCAM_ERR_PARAM);
   ImageBuffer* wide = Alloc(c.h);
@@ -189,9 +188,7 @@ TEST_F(Acquisition, AFailedQueueLeavesTheBufferAnnounced) {
   Load();
   Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = Alloc(c.h);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Started(c);
   const uint32_t announced = Counters(c).announces;
   for (int round = 0; round < 3; ++round) {
     SCOPED_TRACE(round);
@@ -199,8 +196,7 @@ TEST_F(Acquisition, AFailedQueueLeavesTheBufferAnnounced) {
     EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), KIVCAM_ERR_OTHER);
     EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_PARAM);  // not requested
     EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);
-    RequestOne(c, b);
-    ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+    ASSERT_EQ(Grab(c, b), kSucceeded);
     EXPECT_EQ(Counters(c).announces, announced + 1);  // the first request's only
   }
   ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
@@ -218,29 +214,18 @@ TEST_F(Acquisition, BufferGeometryFollowsTheDevice) {
       "[camera]\ntransport = usb\nuid = 3\nusb_alignment = 0\n"
       "[camera]\ntransport = usb\nuid = 4\nusb_alignment = 9\n");
   Load();
-  CamLib& l = *lib_;
-  auto set = [&](HCAMERA h, const char* name, int64_t v) {
-    void* raw = nullptr;
-    ASSERT_EQ(l.KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
-    KivGenApi::CIntegerPtr f = static_cast<KivGenApi::CNodeMapRef*>(raw)->_GetNode(name);
-    f->SetValue(v);
-  };
   struct Layout {
     uint32_t info_offset, buffer_size, packets;
   };
   // Payload 1456: one packet of 1464 bytes, or two of 1452.
   auto gige = [&](uint64_t uid) {
-    HCAMERA h = OpenUid(uid);
-    set(h, "GevSCPSPacketSize", 1500);
-    set(h, "Width", 728);
-    set(h, "Height", 2);
-    EXPECT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
-    ImageBuffer* b = Alloc(h);
-    EXPECT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
-    EXPECT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
-    GigE().deliver(CameraIndex(uid, false), 1);
+    Cam c = OpenOnDemand(uid, false);
+    SetInt(c.h, "GevSCPSPacketSize", 1500);
+    SetInt(c.h, "Width", 728);
+    SetInt(c.h, "Height", 2);
+    ImageBuffer* b = Started(c);
     ImageInfo info{};
-    EXPECT_EQ(l.KIVCAM_ImageComplete(h, b, kWait, &info), KIVCAM_TRUE);
+    EXPECT_EQ(Grab(c, b, &info), kSucceeded);
     kivsim_gige_info block;
     std::memcpy(&block, info.GigE.PacketInfo, sizeof block);
     return Layout{b->InfoOffset, b->BufferSize, block.packet_count};
@@ -253,9 +238,9 @@ TEST_F(Acquisition, BufferGeometryFollowsTheDevice) {
   // Payload 1,000,000 bytes; leader 52 and trailer 32 bytes.
   auto usb = [&](uint64_t uid) {
     HCAMERA h = OpenUid(uid);
-    set(h, "Width", 1000);
-    set(h, "Height", 1000);
-    EXPECT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
+    SetInt(h, "Width", 1000);
+    SetInt(h, "Height", 1000);
+    EXPECT_EQ(lib_->KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
     ImageBuffer* b = Alloc(h);
     return Layout{b->InfoOffset, b->BufferSize, 0};
   };
@@ -272,9 +257,7 @@ TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = Alloc(c.h);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Started(c);
   EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), kSucceeded);
   EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);  // nothing yet
   ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
@@ -292,10 +275,8 @@ TEST_F(Acquisition, ACompletionKeepsTheFramesOfOtherBuffersForThem) {
   Load();
   Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* first = Alloc(c.h);
+  ImageBuffer* first = Started(c);
   ImageBuffer* second = Alloc(c.h);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
   ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, first)), kSucceeded);
   ASSERT_EQ(Err(l.KIVCAM_ImageReq(c.h, second)), kSucceeded);
 
@@ -325,9 +306,7 @@ TEST_F(Acquisition, AnAbortFromAnotherThreadEndsAnEndlessWait) {
   Load();
   Cam c = OpenOnDemand(kGigE2);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = Alloc(c.h);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Started(c);
   ASSERT_EQ(l.KIVCAM_ImageReq(c.h, b), KIVCAM_TRUE);
   uint32_t error = 0;
   log_->SetLevel(2);  // the completion's own lines are verbose
@@ -351,20 +330,16 @@ TEST_F(Acquisition, StatusesOfDeliveredImages) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = Alloc(c.h);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Started(c);
   // Informational: usable, but a request reports it as 14.
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_INFO, 0, 0, 1), 0);
-  RequestOne(c, b);
   ImageInfo info{};
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, &info)), KIVCAM_ERR_NO_IMAGE);
+  EXPECT_EQ(Grab(c, b, &info), KIVCAM_ERR_NO_IMAGE);
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_FAILED);
   EXPECT_EQ(info.Transport, KIVCAM_CAMERAKIND_USB);  // filled all the same
   // A transfer failure: one USB stream reset request at the next abort, none after.
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_TRANSFER_ERROR, 0, 0, 1), 0);
-  RequestOne(c, b);
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, &info)), KIVCAM_ERR_NO_IMAGE);
+  EXPECT_EQ(Grab(c, b, &info), KIVCAM_ERR_NO_IMAGE);
   EXPECT_EQ(info.USB.Complete, 0u);  // one byte short
   const uint32_t resets = Counters(c).reset_requests;
   ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
@@ -372,23 +347,18 @@ TEST_F(Acquisition, StatusesOfDeliveredImages) {
   ASSERT_EQ(l.KIVCAM_ImageReqAbortAll(c.h), KIVCAM_TRUE);
   EXPECT_EQ(Counters(c).reset_requests, resets + 1);
   // A good one again.
-  RequestOne(c, b);
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, &info)), kSucceeded);
+  EXPECT_EQ(Grab(c, b, &info), kSucceeded);
   EXPECT_EQ(info.USB.Complete, 1u);
 }
 
 TEST_F(Acquisition, TransportRecordsHoldWhatTheProducerWrote) {
   Load();
   Cam g = OpenOnDemand(kGigE1), u = OpenOnDemand(kUsb1);
-  CamLib& l = *lib_;
   for (const Cam* c : {&g, &u}) {
-    ASSERT_EQ(l.KIVCAM_ResourceAlloc(c->h), KIVCAM_TRUE);
-    ImageBuffer* b = Alloc(c->h);
-    ASSERT_EQ(l.KIVCAM_ImageStart(c->h), KIVCAM_TRUE);
-    RequestOne(*c, b);
+    ImageBuffer* b = Started(*c);
     ImageInfo info;
     std::memset(&info, 0xA5, sizeof info);
-    ASSERT_EQ(l.KIVCAM_ImageComplete(c->h, b, kWait, &info), KIVCAM_TRUE);
+    ASSERT_EQ(Grab(*c, b, &info), kSucceeded);
     if (c == &g) {
       EXPECT_EQ(info.Transport, KIVCAM_CAMERAKIND_GIGE);
       EXPECT_EQ(info.GigE.Complete, 1u);
@@ -420,9 +390,7 @@ TEST_F(Acquisition, VSyncTokensComeBackAndAreReused) {
   Load();
   Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = Alloc(c.h);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  ImageBuffer* b = Started(c);
   HVSYNC token = nullptr;
   ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &token), KIVCAM_TRUE);
   EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, nullptr, 0)), KIVCAM_ERR_PARAM);
@@ -444,20 +412,11 @@ TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
-  void* raw = nullptr;
-  ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
-  auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
-  KivGenApi::CEnumerationPtr format = map->_GetNode("PixelFormat");
-  KivGenApi::CIntegerPtr(map->_GetNode("Width"))->SetValue(64);
-  KivGenApi::CIntegerPtr(map->_GetNode("Height"))->SetValue(8);
+  KivGenApi::CEnumerationPtr format = Map(c.h)->_GetNode("PixelFormat");
   KivGenApi::NodeList_t entries;
   format->GetEntries(entries);
   ASSERT_GE(entries.size(), 60u);
-  // The same explicit settings for the camera's engine and the handle.
-  KIVCAM_CONVMODE mode{0, 4, 0, 0, 0};
-  HCTBL handle = nullptr;
-  ASSERT_EQ(l.KIVCAM_CreateConvHandle(&handle, &mode, nullptr), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_ConvMode(c.h, &mode, nullptr), KIVCAM_TRUE);
+  HCTBL handle = SmallFramesAndAHandle(c.h);
   size_t checked = 0;
   for (KivGenApi::INode* n : entries) {
     KivGenApi::CEnumEntryPtr e = n;
@@ -465,12 +424,9 @@ TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
     const uint32_t code = static_cast<uint32_t>(e->GetValue());
     SCOPED_TRACE(e->GetSymbolic());
     format->SetIntValue(code);
-    ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-    ImageBuffer* b = Alloc(c.h);
-    ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
-    RequestOne(c, b);
+    ImageBuffer* b = Started(c);
     ImageInfo info{};
-    ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, &info), KIVCAM_TRUE);
+    ASSERT_EQ(Grab(c, b, &info), kSucceeded);
     auto pattern = kivsim::GetPattern(code, 64, 8);
     ASSERT_TRUE(pattern);
     const uint64_t block = info.USB.BlockID;  // packed: by value
@@ -489,9 +445,7 @@ TEST_F(Acquisition, EveryOfferedFormatIsGrabbedAndConvertedAsRecomputed) {
       // A format the converters don't know is refused by both.
       EXPECT_EQ(conv_error, KIVCAM_ERR_PARAM);
     }
-    ASSERT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ImageFreeAll(c.h), KIVCAM_TRUE);
+    ASSERT_NO_FATAL_FAILURE(StopAndFreeAll(c.h));
   }
   EXPECT_GE(checked, 60u);
 }
@@ -502,19 +456,9 @@ TEST_F(Acquisition, LegacyPixelFormatNumbersConvertAsTheFormatsTheyStandFor) {
   World("[camera]\ntransport = usb\nuid = 7\npixel_values = legacy\n");
   Load();
   CamLib& l = *lib_;
-  HCAMERA h = OpenUid(7);
-  const uint32_t index = CameraIndex(7, true);
-  ASSERT_EQ(USB().deliver(index, 0), 0);
-  void* raw = nullptr;
-  ASSERT_EQ(l.KIVCAM_GetNodeMap(h, &raw), KIVCAM_TRUE);
-  auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
-  KivGenApi::CEnumerationPtr format = map->_GetNode("PixelFormat");
-  KivGenApi::CIntegerPtr(map->_GetNode("Width"))->SetValue(64);
-  KivGenApi::CIntegerPtr(map->_GetNode("Height"))->SetValue(8);
-  HCTBL handle = nullptr;
-  KIVCAM_CONVMODE mode{0, 4, 0, 0, 0};
-  ASSERT_EQ(l.KIVCAM_CreateConvHandle(&handle, &mode, nullptr), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_ConvMode(h, &mode, nullptr), KIVCAM_TRUE);
+  Cam c = OpenOnDemand(7, true);
+  KivGenApi::CEnumerationPtr format = Map(c.h)->_GetNode("PixelFormat");
+  HCTBL handle = SmallFramesAndAHandle(c.h);
   size_t checked = 0;
   for (const char* name : {"Mono8", "BayerRG8", "Mono12", "YUV422Packed"}) {
     KivGenApi::CEnumEntryPtr e = format->GetEntryByName(name);
@@ -525,22 +469,16 @@ TEST_F(Acquisition, LegacyPixelFormatNumbersConvertAsTheFormatsTheyStandFor) {
     const kivsim::PixelFormatInfo* f = kivsim::FindPixelFormatByLegacy(number);
     ASSERT_NE(f, nullptr);
     format->SetIntValue(number);
-    ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
-    ImageBuffer* b = Alloc(h);
+    ImageBuffer* b = Started(c);
     EXPECT_EQ(b->PixelFormat, number);
-    ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ImageReq(h, b), KIVCAM_TRUE);
-    ASSERT_EQ(USB().deliver(index, 1), 0);
-    ASSERT_EQ(l.KIVCAM_ImageComplete(h, b, kWait, nullptr), KIVCAM_TRUE);
+    ASSERT_EQ(Grab(c, b), kSucceeded);
     std::vector<uint8_t> grabbed(64 * 8 * 4, 0), expected(64 * 8 * 4, 0);
     KIVCAM_IMAGEDESC desc{64, 8, b->Data, b->PayloadSize, f->code, 1};
     ASSERT_EQ(l.KIVCAM_ColorConvExec(handle, &desc, expected.data()), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ImageConvExec(h, b, grabbed.data()), KIVCAM_TRUE);
+    ASSERT_EQ(l.KIVCAM_ImageConvExec(c.h, b, grabbed.data()), KIVCAM_TRUE);
     EXPECT_EQ(grabbed, expected);
     ++checked;
-    ASSERT_EQ(l.KIVCAM_ImageStop(h), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ResourceRelease(h), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ImageFreeAll(h), KIVCAM_TRUE);
+    ASSERT_NO_FATAL_FAILURE(StopAndFreeAll(c.h));
   }
   EXPECT_GE(checked, 2u);
 }
@@ -552,10 +490,7 @@ TEST_F(Acquisition, BitmapInformationAndTheAutomaticShift) {
   uint32_t size = 0;
   EXPECT_EQ(Err(l.KIVCAM_GetBMPINFO(c.h, nullptr, &size, 0)), KIVCAM_ERR_NOT_ALLOCATED);
   EXPECT_EQ(Err(l.KIVCAM_BufferConvExec(c.h, &size, &size)), KIVCAM_ERR_OTHER);  // no engine yet
-  void* raw = nullptr;
-  ASSERT_EQ(l.KIVCAM_GetNodeMap(c.h, &raw), KIVCAM_TRUE);
-  auto* map = static_cast<KivGenApi::CNodeMapRef*>(raw);
-  KivGenApi::CEnumerationPtr(map->_GetNode("PixelFormat"))->SetIntValue(0x01100005);  // Mono12
+  KivGenApi::CEnumerationPtr(Map(c.h)->_GetNode("PixelFormat"))->SetIntValue(0x01100005);  // Mono12
   ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_SetBMPINFO(c.h, nullptr, &size, 1), KIVCAM_TRUE);
   EXPECT_EQ(size, 1064u);  // grey form
@@ -573,8 +508,7 @@ TEST_F(Acquisition, BitmapInformationAndTheAutomaticShift) {
   // The first start makes an engine that shifts 12-bit samples by 4.
   ImageBuffer* b = Alloc(c.h);
   ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
-  RequestOne(c, b);
-  ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
+  ASSERT_EQ(Grab(c, b), kSucceeded);
   std::vector<uint8_t> by_camera(640 * 480 * 4), by_buffer(640 * 480 * 4), by_handle(640 * 480 * 4);
   ASSERT_EQ(l.KIVCAM_ImageConvExec(c.h, b, by_camera.data()), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_BufferConvExec(c.h, b->Data, by_buffer.data()), KIVCAM_TRUE);

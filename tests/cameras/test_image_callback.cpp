@@ -63,10 +63,20 @@ class ImageCallback : public CameraTest {
   }
   std::vector<std::unique_ptr<Seen>> seen_;
 
-  // Resources allocated and acquisition started.
-  void Ready(const Cam& c) {
-    ASSERT_EQ(lib_->KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-    ASSERT_EQ(lib_->KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
+  // Resources allocated, acquisition started and the callback installed
+  // with `buffers` of its own: what it will see.
+  Seen& Installed(const Cam& c, uint32_t buffers = 2) {
+    Ready(c);
+    Seen& seen = NewSeen();
+    EXPECT_EQ(lib_->KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, buffers, 0), KIVCAM_TRUE)
+        << lib_->KIVCAM_GetLastError();
+    return seen;
+  }
+  // One more frame delivered, and handed to the callback as its `n`th.
+  ::testing::AssertionResult Handed(const Cam& c, Seen& seen, size_t n) {
+    if (int r = c.sim->deliver(c.index, 1)) return ::testing::AssertionFailure() << "deliver: " << r;
+    if (!seen.WaitFor(n)) return ::testing::AssertionFailure() << "seen " << seen.Count() << " of " << n;
+    return ::testing::AssertionSuccess();
   }
 };
 
@@ -81,11 +91,8 @@ TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
   // Four producer-allocated buffers, announced before the export returned.
   EXPECT_EQ(Counters(c).announces, announced + 4);
   EXPECT_EQ(Err(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 4, 1)), KIVCAM_ERR_BUFFER_BUSY);
-  for (size_t n = 1; n <= 6; ++n) {
-    // One at a time: a frame that finds no buffer queued is lost.
-    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-    ASSERT_TRUE(seen.WaitFor(n));
-  }
+  // One at a time: a frame that finds no buffer queued is lost.
+  for (size_t n = 1; n <= 6; ++n) ASSERT_TRUE(Handed(c, seen, n));
   {
     std::lock_guard<std::mutex> g(seen.m);
     EXPECT_EQ(seen.width, 640u);
@@ -96,11 +103,9 @@ TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
   }
   // An informational status is a good image here; an error status has size 0.
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_INFO, 0, 0, 1), 0);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(7));
+  ASSERT_TRUE(Handed(c, seen, 7));
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_BUFFER_TOO_SMALL, 0, 0, 1), 0);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(8));
+  ASSERT_TRUE(Handed(c, seen, 8));
   {
     std::lock_guard<std::mutex> g(seen.m);
     EXPECT_EQ(seen.sizes[6], 640u * 480u);
@@ -110,19 +115,15 @@ TEST_F(ImageCallback, InstalledWithItsBuffersAndHandedEveryImage) {
   EXPECT_EQ(Counters(c).revokes, Counters(c).announces);  // the thread gave its buffers back
   // Installed again after removal.
   ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(9));
+  ASSERT_TRUE(Handed(c, seen, 9));
 }
 
 TEST_F(ImageCallback, AReleaseEndsTheThreadAndTheRemovalFindsItEnded) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
-  Ready(c);
-  Seen& seen = NewSeen();
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 0), KIVCAM_TRUE);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(1));
+  Seen& seen = Installed(c, 3);
+  ASSERT_TRUE(Handed(c, seen, 1));
   ASSERT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_TRUE);
   ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
   ASSERT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
@@ -133,20 +134,16 @@ TEST_F(ImageCallback, AReleaseEndsTheThreadAndTheRemovalFindsItEnded) {
 TEST_F(ImageCallback, AUsbTransferFailureGetsOneStreamResetAtTheNextThreadStart) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
-  CamLib& l = *lib_;
-  Ready(c);
-  Seen& seen = NewSeen();
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+  Seen& seen = Installed(c);
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_TRANSFER_ERROR, 0, 0, 1), 0);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(1));
+  ASSERT_TRUE(Handed(c, seen, 1));
   const uint32_t resets = Counters(c).reset_requests;
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
-  EXPECT_EQ(Counters(c).reset_requests, resets + 1);
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
-  EXPECT_EQ(Counters(c).reset_requests, resets + 1);
+  for (int restart = 0; restart < 2; ++restart) {
+    SCOPED_TRACE(restart);
+    ASSERT_EQ(lib_->KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+    ASSERT_EQ(lib_->KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
+    EXPECT_EQ(Counters(c).reset_requests, resets + 1);  // the first restart's only
+  }
 }
 
 // Exports called from the image callback: of its own camera (taking its
@@ -156,11 +153,9 @@ TEST_F(ImageCallback, TheCallbackMayCallAnyExport) {
   Load();
   Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
-  Ready(c);
-  Seen& seen = NewSeen();
+  Seen& seen = Installed(c);
   std::atomic<int> failures{0};
   std::atomic<bool> removed_itself{false};
-  std::vector<uint8_t> bgr(640 * 480 * 4);
   seen.action = [&](HCAMERA h) {
     CameraListEntry e;
     uint32_t state = 0, size = 0;
@@ -176,12 +171,7 @@ TEST_F(ImageCallback, TheCallbackMayCallAnyExport) {
       removed_itself = true;
     }
   };
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
-  for (size_t n = 1; n <= 3; ++n) {
-    // One at a time: a frame that finds no buffer queued is lost.
-    ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-    ASSERT_TRUE(seen.WaitFor(n));
-  }
+  for (size_t n = 1; n <= 3; ++n) ASSERT_TRUE(Handed(c, seen, n));
   EXPECT_TRUE(removed_itself);
   // A new installation works once the old thread has ended by itself; until
   // then it is refused as busy. (Not waited for through the call log: a
@@ -217,8 +207,7 @@ TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
     SCOPED_TRACE(all ? "CloseAll" : "Close");
     Cam c = OpenOnDemand(kGigE1);
     CamLib& l = *lib_;
-    Ready(c);
-    Seen& seen = NewSeen();
+    Seen& seen = Installed(c);
     std::atomic<bool> in_callback{false}, release{false};
     std::atomic<uint32_t> list_error{7777};
     seen.action = [&](HCAMERA) {
@@ -227,7 +216,6 @@ TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
       CameraList head{};
       list_error = l.Err(l.KIVCAM_GetList(&head));
     };
-    ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
     ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
     while (!in_callback) std::this_thread::yield();
     std::thread closer([&] {
@@ -248,13 +236,10 @@ TEST_F(ImageCallback, CloseFromItsOwnCallbackReleasesTheCameraAtOnce) {
   Load();
   Cam c = OpenOnDemand(kGigE1);
   CamLib& l = *lib_;
-  Ready(c);
-  Seen& seen = NewSeen();
+  Seen& seen = Installed(c);
   std::atomic<uint32_t> close_error{7777};
   seen.action = [&](HCAMERA h) { close_error = l.Err(l.KIVCAM_Close(h)); };
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(1));
+  ASSERT_TRUE(Handed(c, seen, 1));
   ASSERT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
   EXPECT_EQ(close_error.load(), kSucceeded);
   uint32_t state = 0;
@@ -267,16 +252,13 @@ TEST_F(ImageCallback, FreeLibraryFromTheCallbackReturnsAndTheUnloadJoinsTheThrea
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
-  Ready(c);
-  Seen& seen = NewSeen();
+  Seen& seen = Installed(c);
   std::atomic<bool> freed{false};
   seen.action = [&](HCAMERA) {
     l.KIVCAM_FreeLibrary();
     freed = true;
   };
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 2, 0), KIVCAM_TRUE);
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(seen.WaitFor(1));
+  ASSERT_TRUE(Handed(c, seen, 1));
   for (int i = 0; i < 1000 && !freed; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
   EXPECT_TRUE(freed.load());
   EXPECT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_FALSE);  // no library object any more
@@ -300,8 +282,7 @@ TEST_F(ImageCallback, TeardownUnderLoadNeverHangs) {
     ASSERT_EQ(c.sim->free_run(c.index, 0), 0);  // as fast as buffers come back
     Seen& seen = NewSeen();
     ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, &seen, &OnImage, 3, 1), KIVCAM_TRUE);
-    ImageBuffer* b = nullptr;
-    ASSERT_EQ(l.KIVCAM_ImageAlloc(c.h, &b), KIVCAM_TRUE);
+    ImageBuffer* b = Alloc(c.h);
     ASSERT_EQ(l.KIVCAM_ImageReq(c.h, b), KIVCAM_TRUE);
     ASSERT_TRUE(seen.WaitFor(2));
     std::atomic<bool> waiter_done{false};
@@ -396,10 +377,8 @@ TEST_F(ImageCallback, ProducerFailuresOnTheWayToAFrame) {
     ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
     ASSERT_EQ(l.KIVCAM_ResourceRelease(c.h), KIVCAM_TRUE);
   }
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(c.h), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_ImageStart(c.h), KIVCAM_TRUE);
-  ImageBuffer* b = nullptr;
-  ASSERT_EQ(l.KIVCAM_ImageAlloc(c.h, &b), KIVCAM_TRUE);
+  ASSERT_NO_FATAL_FAILURE(Ready(c));
+  ImageBuffer* b = Alloc(c.h);
   // Requests: the buffer stays free (not announced), or announced and not queued.
   for (const char* call : {"DSAnnounceBuffer", "DSQueueBuffer"}) {
     SCOPED_TRACE(call);
@@ -416,7 +395,7 @@ TEST_F(ImageCallback, ProducerFailuresOnTheWayToAFrame) {
   ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
   ASSERT_EQ(c.sim->fail_next("DSGetBufferInfo", -1001, "Injected info", 1), 0);
   log_->Clear();
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 5000, nullptr)), KIVCAM_ERR_OTHER);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr)), KIVCAM_ERR_OTHER);
   EXPECT_TRUE(log_->Saw("CCamera::ImageComplete", "Injected info"));
   // The stream thread: a failing announcement ends it, logged, and the
   // installation still counts (it is removed as usual).

@@ -21,8 +21,6 @@
 namespace camtest {
 namespace {
 
-constexpr uint32_t kWait = 5000;
-
 // The controlling process (watch_controller): it streams the camera to
 // `group` (null: unicast) and, per command, lets it make one frame and
 // completes it. Commands and answers go through pipes, a 64-bit word each.
@@ -75,34 +73,49 @@ class Controller {
 
 class Watch : public CameraTest {
  protected:
+  void TearDown() override {
+    controller_.reset();  // before the library and the data folder go
+    CameraTest::TearDown();
+  }
+  // A controlling process streaming `uid` to `group` (null: unicast), then
+  // the library loaded here.
+  void StartController(uint64_t uid, const uint8_t* group) {
+    controller_ = std::make_unique<Controller>(uid, group);
+    ASSERT_EQ(controller_->Ready(), 0u);
+    Load();
+  }
   HCAMERA WatchOpen(uint64_t uid) {
     HCAMERA h = nullptr;
     EXPECT_EQ(lib_->KIVCAM_WatchOpen(uid, &h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
     return h;
   }
+  // WatchOpen, then the controller's stream found, received and started.
+  HCAMERA Watching(uint64_t uid) {
+    HCAMERA h = WatchOpen(uid);
+    uint32_t state = 7;
+    EXPECT_EQ(lib_->KIVCAM_WatchCamera(h, &state), KIVCAM_TRUE);
+    EXPECT_EQ(state, 1u);
+    EXPECT_EQ(lib_->KIVCAM_WatchAlloc(h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+    EXPECT_EQ(lib_->KIVCAM_WatchStart(h), KIVCAM_TRUE) << lib_->KIVCAM_GetLastError();
+    return h;
+  }
+  std::unique_ptr<Controller> controller_;
 };
 
 const uint8_t kGroup[4] = {239, 1, 1, 1};
 
 TEST_F(Watch, WatchersInAnotherProcessReceiveTheControllersFrames) {
-  Controller controller(kGigE1, kGroup);
-  ASSERT_EQ(controller.Ready(), 0u);
-  Load();
+  ASSERT_NO_FATAL_FAILURE(StartController(kGigE1, kGroup));
   CamLib& l = *lib_;
-  HCAMERA w = WatchOpen(kGigE1);
-  uint32_t state = 7;
-  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
-  EXPECT_EQ(state, 1u);
-  ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
+  HCAMERA w = Watching(kGigE1);
   std::vector<ImageBuffer*> buffers(3);
   for (ImageBuffer*& b : buffers) {
-    ASSERT_EQ(l.KIVCAM_ImageAlloc(w, &b), KIVCAM_TRUE);
+    b = Alloc(w);
     ASSERT_EQ(l.KIVCAM_ImageReq(w, b), KIVCAM_TRUE);
   }
   for (int i = 0; i < 6; ++i) {
     SCOPED_TRACE(i);
-    const uint64_t sent = controller.Frame();
+    const uint64_t sent = controller_->Frame();
     ImageBuffer* b = buffers[i % buffers.size()];
     ImageInfo info{};
     ASSERT_EQ(l.KIVCAM_ImageComplete(w, b, kWait, &info), KIVCAM_TRUE) << l.KIVCAM_GetLastError();
@@ -119,21 +132,16 @@ TEST_F(Watch, WatchersInAnotherProcessReceiveTheControllersFrames) {
   // What the watcher leaves to the controller: the camera keeps streaming.
   EXPECT_EQ(l.KIVCAM_WatchStop(w), KIVCAM_TRUE);
   EXPECT_EQ(l.KIVCAM_WatchRelease(w), KIVCAM_TRUE);
-  EXPECT_NE(controller.Frame(), ~0ull);
+  EXPECT_NE(controller_->Frame(), ~0ull);
   EXPECT_EQ(l.KIVCAM_WatchClose(w), KIVCAM_TRUE);
 }
 
 // An unplugged camera is still stopped; its release then says it is gone.
 TEST_F(Watch, StopWorksOnAnAbsentCameraReleaseDoesNot) {
-  Controller controller(kGigE1, kGroup);
-  ASSERT_EQ(controller.Ready(), 0u);
-  Load();
+  ASSERT_NO_FATAL_FAILURE(StartController(kGigE1, kGroup));
   CamLib& l = *lib_;
-  HCAMERA w = WatchOpen(kGigE1);
-  uint32_t state = 0;
-  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
+  HCAMERA w = Watching(kGigE1);
+  uint32_t state = 1;
   const uint32_t index = CameraIndex(kGigE1, false);
   ASSERT_EQ(GigE().plug(index, 0), 0);
   ASSERT_EQ(l.KIVCAM_Camera(w, &state), KIVCAM_TRUE);
@@ -145,9 +153,7 @@ TEST_F(Watch, StopWorksOnAnAbsentCameraReleaseDoesNot) {
 }
 
 TEST_F(Watch, AUnicastStreamIsNothingToWatch) {
-  Controller controller(kGigE1, nullptr);
-  ASSERT_EQ(controller.Ready(), 0u);
-  Load();
+  ASSERT_NO_FATAL_FAILURE(StartController(kGigE1, nullptr));
   CamLib& l = *lib_;
   HCAMERA w = WatchOpen(kGigE1);
   EXPECT_EQ(Err(l.KIVCAM_WatchAlloc(w)), KIVCAM_ERR_NOT_RUNNING);  // no KIVCAM_WatchCamera yet
@@ -158,21 +164,14 @@ TEST_F(Watch, AUnicastStreamIsNothingToWatch) {
 }
 
 TEST_F(Watch, AControllerThatDiesEndsTheWatchersWaits) {
-  Controller controller(kGigE2, kGroup);
-  ASSERT_EQ(controller.Ready(), 0u);
-  Load();
+  ASSERT_NO_FATAL_FAILURE(StartController(kGigE2, kGroup));
   CamLib& l = *lib_;
-  HCAMERA w = WatchOpen(kGigE2);
-  uint32_t state = 0;
-  ASSERT_EQ(l.KIVCAM_WatchCamera(w, &state), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_WatchAlloc(w), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_WatchStart(w), KIVCAM_TRUE);
-  ImageBuffer* b = nullptr;
-  ASSERT_EQ(l.KIVCAM_ImageAlloc(w, &b), KIVCAM_TRUE);
+  HCAMERA w = Watching(kGigE2);
+  ImageBuffer* b = Alloc(w);
   ASSERT_EQ(l.KIVCAM_ImageReq(w, b), KIVCAM_TRUE);
   std::atomic<uint32_t> error{0};
   std::thread waiter([&] { error = Err(l.KIVCAM_ImageComplete(w, b, KIVCAM_INFINITE, nullptr)); });
-  controller.Kill();
+  controller_->Kill();
   auto t0 = std::chrono::steady_clock::now();
   waiter.join();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
@@ -228,26 +227,23 @@ TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
   CamLib& l = *lib_;
   g_bus_resets = 0;
   l.KIVCAM_SetCallBack(nullptr, &OnBusEvent);
-  HCAMERA h = OpenUid(kUsb1);
-  const uint32_t index = CameraIndex(kUsb1, true);
-  ASSERT_EQ(USB().deliver(index, 0), 0);
-  ASSERT_EQ(l.KIVCAM_ResourceAlloc(h), KIVCAM_TRUE);
-  ASSERT_EQ(l.KIVCAM_ImageStart(h), KIVCAM_TRUE);
+  Cam c = OpenOnDemand(kUsb1);
+  ASSERT_NO_FATAL_FAILURE(Ready(c));
   auto cb = [](HCAMERA, void*, uint32_t, uint32_t, uint32_t, ImageInfo*, void*) {};
-  ASSERT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, cb, 2, 0), KIVCAM_TRUE);
+  ASSERT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, cb, 2, 0), KIVCAM_TRUE);
   // Two endless completions and the stream thread wait on one stream; an
   // unplug ends every one of them, not just the first to wake.
   ImageBuffer* b[2] = {};
   std::atomic<uint32_t> error[2] = {{0}, {0}};
   std::vector<std::thread> waiters;
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(l.KIVCAM_ImageAlloc(h, &b[i]), KIVCAM_TRUE);
-    ASSERT_EQ(l.KIVCAM_ImageReq(h, b[i]), KIVCAM_TRUE);
+    b[i] = Alloc(c.h);
+    ASSERT_EQ(l.KIVCAM_ImageReq(c.h, b[i]), KIVCAM_TRUE);
   }
   for (int i = 0; i < 2; ++i)
-    waiters.emplace_back([&, i] { error[i] = Err(l.KIVCAM_ImageComplete(h, b[i], KIVCAM_INFINITE, nullptr)); });
+    waiters.emplace_back([&, i] { error[i] = Err(l.KIVCAM_ImageComplete(c.h, b[i], KIVCAM_INFINITE, nullptr)); });
   auto t0 = std::chrono::steady_clock::now();
-  ASSERT_EQ(USB().plug(index, 0), 0);
+  ASSERT_EQ(c.sim->plug(c.index, 0), 0);
   for (auto& w : waiters) w.join();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
   EXPECT_EQ(error[0].load(), KIVCAM_ERR_NO_CAMERA);
@@ -255,12 +251,12 @@ TEST_F(Watch, UnpluggingEndsTheWaitsForImages) {
   EXPECT_TRUE(log_->WaitFor("CCamera::Stream_Thread", "End  "));
   EXPECT_TRUE(log_->WaitFor("CKivCamDLL::UserCallBack_Thread", "BusReset User Proc End"));
   EXPECT_GE(g_bus_resets.load(), 1);
-  EXPECT_EQ(Err(l.KIVCAM_ImageStart(h)), KIVCAM_ERR_NO_CAMERA);
-  EXPECT_EQ(l.KIVCAM_ImageStop(h), KIVCAM_TRUE);  // stopping needs no camera
-  EXPECT_EQ(l.KIVCAM_SetImageCallBack(h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_ImageStart(c.h)), KIVCAM_ERR_NO_CAMERA);
+  EXPECT_EQ(l.KIVCAM_ImageStop(c.h), KIVCAM_TRUE);  // stopping needs no camera
+  EXPECT_EQ(l.KIVCAM_SetImageCallBack(c.h, nullptr, nullptr, 0, 0), KIVCAM_TRUE);
   // Back again: it opens anew.
-  ASSERT_EQ(USB().plug(index, 1), 0);
-  ASSERT_EQ(l.KIVCAM_Close(h), KIVCAM_TRUE);
+  ASSERT_EQ(c.sim->plug(c.index, 1), 0);
+  ASSERT_EQ(l.KIVCAM_Close(c.h), KIVCAM_TRUE);
   EXPECT_NE(OpenUid(kUsb1), nullptr);
 }
 
