@@ -285,7 +285,7 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
   bool arrived = false;
   // The buffer, once its own event came: straight from queued to announced.
   CImageStream::Places::node_type node;
-  for (bool first = true;; first = false) {
+  for (;;) {
     if (filled.count(data)) {
       arrived = true;
       node = filled.extract(data);
@@ -293,7 +293,7 @@ void CCamera::ImageComplete(const ImageBuffer* buffer, uint32_t timeout, ImageIn
     }
     if (!queued.count(data)) throw Error(KIVCAM_ERR_PARAM);  // never requested
     if (!allocated()) break;
-    remaining = first ? timeout : Remaining(timeout, start);
+    remaining = Remaining(timeout, start);
     // A watcher waits in slices: the stream it watches may end without a word.
     const uint32_t slice = m_bWatch ? std::min(remaining, kWatchSliceMs) : remaining;
     NewBufferEvent event;
