@@ -225,10 +225,19 @@ RawProducer* Raw() {
   return g_raw->ok ? g_raw.get() : nullptr;
 }
 
-// One camera streaming into `count` buffers of this program, started.
+// How the library lays out a GigE camera's buffer: the image, then the
+// packet information the producer fills in at `info_offset`.
+struct Layout {
+  size_t buffer_size = 0;
+  uint32_t info_offset = 0;
+};
+
+// One camera streaming into `count` buffers of this program, started. With a
+// `layout` the buffers and the producer's work per frame are the library's.
 class RawStream {
  public:
-  RawStream(RawProducer& p, uint32_t camera, uint32_t width, uint32_t height, uint32_t format, uint32_t count)
+  RawStream(RawProducer& p, uint32_t camera, uint32_t width, uint32_t height, uint32_t format, uint32_t count,
+            Layout layout = {})
       : p_(p) {
     char id[256];
     size_t size = sizeof id;
@@ -248,7 +257,11 @@ class RawStream {
       ds_ = nullptr;
       return;
     }
-    memory_.assign(count, std::vector<uint8_t>(size_t(width) * height));
+    if (layout.info_offset) {
+      size = sizeof layout.info_offset;
+      p.GCWritePort(ds_, 0x105, &layout.info_offset, &size);  // where the packet information goes
+    }
+    memory_.assign(count, std::vector<uint8_t>(std::max(layout.buffer_size, size_t(width) * height)));
     for (auto& m : memory_) {
       BUFFER_HANDLE b = nullptr;
       if (p.DSAnnounceBuffer(ds_, m.data(), m.size(), nullptr, &b) != GC_ERR_SUCCESS) return;
@@ -390,15 +403,23 @@ struct Pair {
     if (!p || !lib) return;
     p->free_run(kRawCamera, 0);
     p->free_run(kLibCamera, 0);
-    raw = std::make_unique<RawStream>(*p, kRawCamera, w, h, format, kBuffers);
     cam = std::make_unique<Camera>(*lib, kLibUid, w, h, format_name);
+    w_ = w, h_ = h, format_ = format;
   }
-  // Allocates the library camera's buffers and starts both.
-  bool Start() { return raw && raw->ok() && cam->ok() && cam->Requests(kBuffers) && cam->Start(); }
+  // Allocates the library camera's buffers and starts both; the raw stream's
+  // buffers are laid out as the library's, so the producer does the same
+  // work for a frame of either.
+  bool Start() {
+    if (!p || !cam || !cam->ok() || !cam->Requests(kBuffers)) return false;
+    const ImageBuffer& b = *cam->buffers[0];
+    raw = std::make_unique<RawStream>(*p, kRawCamera, w_, h_, format_, kBuffers, Layout{b.BufferSize, b.InfoOffset});
+    return raw->ok() && cam->Start();
+  }
   RawProducer* p = nullptr;
   Library* lib = nullptr;
   std::unique_ptr<RawStream> raw;
   std::unique_ptr<Camera> cam;
+  uint32_t w_ = 0, h_ = 0, format_ = 0;
 };
 
 // Request/complete against the raw loop, and against the raw loop that also
