@@ -131,6 +131,8 @@ KIVSIM_API int32_t kivsim_get_counters(uint32_t camera, kivsim_counters* out) {
   out->reset_requests = sc.reset_requests;
   out->register_writes = sc.register_writes;
   out->module_writes = c.module_writes;
+  out->waiting = c.waiting;
+  out->kills = c.kills;
   return 0;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstring>
@@ -188,6 +189,8 @@ class CameraTest : public ::testing::Test {
   uint32_t Grab(const Cam& c, ImageBuffer* buffer, ImageInfo* info = nullptr);
   // Waits until the producer has put `n` frames into this process's buffers.
   bool WaitDelivered(const Cam& c, uint64_t n);
+  // Polls the producer's counters of `c` until `done` holds (5 s at most).
+  bool WaitCounters(const Cam& c, const std::function<bool(const kivsim_counters&)>& done);
   // The producer's camera number of a virtual camera (USB or GigE by its ID).
   uint32_t CameraIndex(uint64_t uid, bool usb);
   kivsim_counters Counters(const Cam& c);
@@ -212,5 +215,7 @@ void MakeDirs(const std::string& path);
 // The plain description of the default world's first GigE camera, read straight
 // from the producer (call before the library loads it).
 std::string FetchDescription(const std::string& cti_path);
+// Waits until thread `tid` of this process sleeps (5 s at most).
+bool WaitAsleep(pid_t tid);
 
 }  // namespace camtest

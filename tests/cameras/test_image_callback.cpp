@@ -1,6 +1,9 @@
 // The image callback on the camera's stream thread: what it is handed, how
 // it starts and ends, what it may call (anything: nothing waits for its
 // thread), and teardown of cameras and the library while images flow.
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -218,14 +221,19 @@ TEST_F(ImageCallback, CloseWhileTheCallbackCallsALibraryLevelExport) {
     };
     ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
     while (!in_callback) std::this_thread::yield();
+    std::atomic<pid_t> closer_tid{0};
     std::thread closer([&] {
+      closer_tid = static_cast<pid_t>(syscall(SYS_gettid));
       if (all) {
         l.KIVCAM_CloseAll();
       } else {
         EXPECT_EQ(l.KIVCAM_Close(c.h), KIVCAM_TRUE);
       }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the close waits for the thread by now, most likely
+    // The close has told the thread to stop and sleeps until it ends: nothing
+    // else can put it to sleep, the callback holds no lock.
+    while (!closer_tid) std::this_thread::yield();
+    EXPECT_TRUE(WaitAsleep(closer_tid));
     release = true;
     closer.join();
     EXPECT_EQ(list_error.load(), kSucceeded);
