@@ -132,7 +132,6 @@ KIVSIM_API int32_t kivsim_get_counters(uint32_t camera, kivsim_counters* out) {
   out->register_writes = sc.register_writes;
   out->module_writes = c.module_writes;
   out->waiting = c.waiting;
-  out->kills = c.kills;
   return 0;
 }
 

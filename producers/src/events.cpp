@@ -218,7 +218,6 @@ GC_API EventKill(EVENT_HANDLE hEvent) {
   KIVSIM_ENTRY("EventKill");
   KIVSIM_HANDLE(Event, e, hEvent, "event");
   e->kills++;
-  if (Stream* s = BufferSource(e)) g_prod->counters[s->device->cam].kills++;
   e->cv->notify_all();
   return GC_ERR_SUCCESS;
 }

@@ -125,7 +125,6 @@ typedef struct kivsim_counters {
   uint32_t register_writes;   /* successful remote-register writes, machine-wide */
   uint32_t module_writes;     /* device/stream module register writes in this process */
   uint32_t waiting;           /* threads of this process blocked in EventGetData for its frames */
-  uint32_t kills;             /* EventKill calls on its new-buffer events in this process */
 } kivsim_counters;
 
 KIVSIM_API int32_t kivsim_camera_count(void);
