@@ -1,6 +1,7 @@
 // Bus-event callbacks: what the application's function is told, and that it
 // may call any export there: each works or fails at once, and nothing ever
 // waits for the thread the function runs on.
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -149,14 +150,17 @@ TEST_F(Callbacks, UnloadWaitsForARunningFunction) {
   ASSERT_TRUE(calls.WaitFor(1));
   std::atomic<bool> unloaded{false};
   size_t returned_at_unload = 0;
+  std::atomic<pid_t> unloader_tid{0};
   std::thread unloader([&] {
+    unloader_tid = static_cast<pid_t>(syscall(SYS_gettid));
     Unload();
     std::lock_guard<std::mutex> g(calls.m);
     returned_at_unload = calls.returned;
     unloaded = true;
   });
-  // Give the unload a head start; the check holds whatever the timing.
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // The unload sleeps until the function returns.
+  while (!unloader_tid) std::this_thread::yield();
+  EXPECT_TRUE(WaitAsleep(unloader_tid));
   EXPECT_FALSE(unloaded.load());
   calls.Release();
   unloader.join();
