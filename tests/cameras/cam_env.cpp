@@ -138,14 +138,6 @@ bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms)
   return false;
 }
 
-bool LogDrain::RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b) {
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    raise();
-    if (WaitFor(a, b, 2000)) return true;
-  }
-  return false;
-}
-
 void MakeDirs(const std::string& path) { fs::create_directories(path); }
 void CopyFile(const std::string& from, const std::string& to) {
   fs::copy_file(from, to, fs::copy_options::overwrite_existing);

@@ -112,11 +112,6 @@ class LogDrain {
   std::vector<std::string> Tail(const std::string& a, size_t n);
   // Waits until a line holding both texts arrives, at most the bound.
   bool WaitFor(const std::string& a, const std::string& b = "", int bound_ms = 10000);
-  // The virtual producers watch for raised events on a thread of their own
-  // that may not have taken its first look yet right after they opened; an
-  // event raised before that look is never delivered. So: raise, wait for
-  // the line, and raise again a bounded number of times.
-  bool RaiseUntil(const std::function<void()>& raise, const std::string& a, const std::string& b = "");
 
  private:
   void Pull();

@@ -124,8 +124,8 @@ TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   // The interface's threads see the producer's event; the bus-reset thread
   // refreshes its cameras, then tells the library from its own thread (the
   // event thread tells it too, on its own time).
-  ASSERT_TRUE(log_->RaiseUntil([&] { GigE().plug(index, 0); }, "CInterface::BusEventGet_Thread",
-                               "BusReset Event"));
+  GigE().plug(index, 0);
+  ASSERT_TRUE(log_->WaitFor("CInterface::BusEventGet_Thread", "BusReset Event"));
   ASSERT_TRUE(log_->WaitFor("CInterface::BusReset_Thread", "BusReset "));
   std::string line = log_->LineWith("CInterface::BusReset_Thread", "BusReset ");
   std::string thread = line.substr(line.find("ThreadID="));
