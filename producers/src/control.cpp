@@ -131,7 +131,18 @@ KIVSIM_API int32_t kivsim_get_counters(uint32_t camera, kivsim_counters* out) {
   out->reset_requests = sc.reset_requests;
   out->register_writes = sc.register_writes;
   out->module_writes = c.module_writes;
-  out->waiting = c.waiting;
+  // Seen under the producer lock, a waiter of an event is asleep in EventGetData.
+  out->waiting = 0;
+  if (g_prod->system)
+    for (const auto& [index, iface] : g_prod->system->open) {
+      auto d = iface->open.find(camera);
+      if (d == iface->open.end()) continue;
+      for (Stream* s : d->second->streams) {
+        if (!s) continue;
+        auto e = s->events.find(EVENT_NEW_BUFFER);
+        if (e != s->events.end()) out->waiting += e->second->waiters;
+      }
+    }
   return 0;
 }
 

@@ -129,19 +129,10 @@ GC_API EventGetData(EVENT_HANDLE hEvent, void* pBuffer, size_t* piSize, uint64_t
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min<uint64_t>(iTimeout, 1000000000ULL));
   e->waiters++;
   bool timed_out = false;
-  // Tests wait for a thread to block here before they act on it.
-  Stream* source = BufferSource(e);
-  uint32_t* blocked = source ? &g_prod->counters[source->device->cam].waiting : nullptr;
   while (!e->dead && e->kills == 0 && QueueLength(e) == 0) {
-    if (blocked) ++*blocked;
-    bool expired = false;
     if (iTimeout == GENTL_INFINITE) {
       e->cv->wait(lock);
-    } else {
-      expired = e->cv->wait_until(lock, deadline) == std::cv_status::timeout;
-    }
-    if (blocked) --*blocked;
-    if (expired) {
+    } else if (e->cv->wait_until(lock, deadline) == std::cv_status::timeout) {
       timed_out = e->kills == 0 && QueueLength(e) == 0;
       break;
     }

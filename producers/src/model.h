@@ -144,7 +144,6 @@ struct Fault {
 
 struct Counters {
   uint32_t announces = 0, revokes = 0, queues = 0, module_writes = 0;
-  uint32_t waiting = 0;
   uint64_t delivered = 0, underruns = 0;
 };
 
