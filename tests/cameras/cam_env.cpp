@@ -100,19 +100,19 @@ void LogDrain::Clear() {
   seen_.clear();
 }
 
+static bool Holds(const std::string& l, const std::string& a, const std::string& b) {
+  return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
+}
+
 bool LogDrain::Has(const std::string& a, const std::string& b) const {
-  return std::any_of(seen_.begin(), seen_.end(), [&](const std::string& l) {
-    return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
-  });
+  return std::any_of(seen_.begin(), seen_.end(), [&](const std::string& l) { return Holds(l, a, b); });
 }
 
 std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
   Pull();
   std::lock_guard<std::mutex> g(mutex_);
-  for (const auto& l : seen_) {
-    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return l;
-  }
-  return "";
+  auto it = std::find_if(seen_.begin(), seen_.end(), [&](const std::string& l) { return Holds(l, a, b); });
+  return it == seen_.end() ? "" : *it;
 }
 
 std::vector<std::string> LogDrain::Tail(const std::string& a, size_t n) {
@@ -124,11 +124,8 @@ std::vector<std::string> LogDrain::Tail(const std::string& a, size_t n) {
   return out;
 }
 
-bool LogDrain::Saw(const std::string& a, const std::string& b) {
-  Pull();
-  std::lock_guard<std::mutex> g(mutex_);
-  return Has(a, b);
-}
+// Log lines are never empty.
+bool LogDrain::Saw(const std::string& a, const std::string& b) { return !LineWith(a, b).empty(); }
 
 bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
   Pull();
@@ -270,6 +267,13 @@ bool CameraTest::WaitDelivered(const Cam& c, uint64_t n) {
   return WaitCounters(c, [n](const kivsim_counters& k) { return k.frames_delivered >= n; });
 }
 
+void CameraTest::Unplug(HCAMERA h, uint64_t uid, bool usb) {
+  ASSERT_EQ((usb ? USB() : GigE()).plug(CameraIndex(uid, usb), 0), 0);
+  uint32_t state = 1;
+  ASSERT_EQ(lib_->KIVCAM_Camera(h, &state), KIVCAM_TRUE);  // the call itself succeeds
+  ASSERT_EQ(state, 0u);
+}
+
 kivsim_counters CameraTest::Counters(const Cam& c) {
   kivsim_counters k{};
   c.sim->get_counters(c.index, &k);
@@ -278,6 +282,14 @@ kivsim_counters CameraTest::Counters(const Cam& c) {
 
 void CameraTest::WriteDataFile(const std::string& name, const std::string& text) {
   std::ofstream(DataFolder() + "/" + name, std::ios::binary) << text;
+}
+
+std::string AdditionalDescription(const std::string& body) {
+  return "<?xml version=\"1.0\"?><RegisterDescription ModelName=\"x\" VendorName=\"y\" "
+         "StandardNameSpace=\"GEV\" SchemaMajorVersion=\"1\" SchemaMinorVersion=\"1\" "
+         "SchemaSubMinorVersion=\"0\" MajorVersion=\"1\" MinorVersion=\"0\" SubMinorVersion=\"0\" "
+         "ProductGuid=\"1\" VersionGuid=\"2\" xmlns=\"http://www.genicam.org/GenApi/Version_1_1\">" +
+         body + "</RegisterDescription>";
 }
 
 std::string FetchDescription(const std::string& cti_path) {

@@ -91,9 +91,7 @@ TEST_F(Acquisition, EveryExportChecksInItsOrderOnBothKinds) {
   EXPECT_EQ(Err(l.KIVCAM_GetGigEPktLog(usb.h, &plog)), KIVCAM_ERR_NOT_GIGE);
   EXPECT_EQ(l.KIVCAM_GetGigEPktLog(gige.h, &plog), KIVCAM_TRUE);
   // An unplugged camera: 5 where presence counts, not where it does not.
-  ASSERT_EQ(usb.sim->plug(usb.index, 0), 0);
-  uint32_t state = 1;
-  ASSERT_EQ(l.KIVCAM_Camera(usb.h, &state), KIVCAM_TRUE);
+  ASSERT_NO_FATAL_FAILURE(Unplug(usb.h, kUsb1, true));
   EXPECT_EQ(Err(l.KIVCAM_ImageStart(usb.h)), KIVCAM_ERR_NO_CAMERA);
   EXPECT_EQ(Err(l.KIVCAM_ImageAlloc(usb.h, &b)), KIVCAM_ERR_NO_CAMERA);
   EXPECT_EQ(l.KIVCAM_ResourceRelease(usb.h), KIVCAM_TRUE);
@@ -140,10 +138,19 @@ TEST_F(Acquisition, BuffersGoThroughTheirPlaces) {
   EXPECT_EQ(b->Height, 480u);
   EXPECT_EQ(b->PayloadSize, 640u * 480u);
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
+  // A VSync token: ends with the frame, comes back, and is handed out again.
+  HVSYNC token = nullptr, again = nullptr;
+  ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &token), KIVCAM_TRUE);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, nullptr, 0)), KIVCAM_ERR_PARAM);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, 0)), KIVCAM_ERR_TIMEOUT);
   RequestOne(c, b);
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_REQUESTED);
   EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);  // queued twice
   EXPECT_EQ(Err(l.KIVCAM_ImageFree(c.h, b)), KIVCAM_ERR_BUFFER_BUSY);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, kWait)), kSucceeded);
+  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, 0)), KIVCAM_ERR_PARAM);  // collected
+  ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &again), KIVCAM_TRUE);
+  EXPECT_EQ(again, token);
   ASSERT_EQ(l.KIVCAM_ImageComplete(c.h, b, kWait, nullptr), KIVCAM_TRUE);
   EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
   // Collected but still announced: not free yet, but queued again without a new announcement.
@@ -253,20 +260,6 @@ TEST_F(Acquisition, BufferGeometryFollowsTheDevice) {
 
 // ---- completions ----------------------------------------------------------------
 
-TEST_F(Acquisition, ATimeoutOfZeroSeesTheFrameFirstAndHandsItOverNext) {
-  Load();
-  Cam c = OpenOnDemand(kUsb1);
-  CamLib& l = *lib_;
-  ImageBuffer* b = Started(c);
-  EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), kSucceeded);
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);  // nothing yet
-  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
-  ASSERT_TRUE(WaitDelivered(c, 1));
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);
-  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), kSucceeded);
-  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
-}
-
 // Frames come in the order the buffers were queued, whichever buffer a
 // completion asks for: one that sees another buffer's frame first keeps it
 // for that buffer's completion and goes on waiting for its own, up to its
@@ -320,11 +313,20 @@ TEST_F(Acquisition, AnAbortFromAnotherThreadEndsAnEndlessWait) {
   EXPECT_EQ(l.KIVCAM_ImageFree(c.h, b), KIVCAM_TRUE);  // back in place 1
 }
 
-TEST_F(Acquisition, StatusesOfDeliveredImages) {
+// A time-out of zero sees a delivered frame first and hands it over next;
+// then the statuses a frame may come with.
+TEST_F(Acquisition, ATimeoutOfZeroAndTheStatusesOfDeliveredImages) {
   Load();
   Cam c = OpenOnDemand(kUsb1);
   CamLib& l = *lib_;
   ImageBuffer* b = Started(c);
+  EXPECT_EQ(Err(l.KIVCAM_ImageReq(c.h, b)), kSucceeded);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);  // nothing yet
+  ASSERT_EQ(c.sim->deliver(c.index, 1), 0);
+  ASSERT_TRUE(WaitDelivered(c, 1));
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), KIVCAM_ERR_TIMEOUT);
+  EXPECT_EQ(Err(l.KIVCAM_ImageComplete(c.h, b, 0, nullptr)), kSucceeded);
+  EXPECT_EQ(b->Status, KIVCAM_BUFFER_STATUS_OK);
   // Informational: usable, but a request reports it as 14.
   ASSERT_EQ(c.sim->set_delivery_status(c.index, KIVSIM_STATUS_INFO, 0, 0, 1), 0);
   ImageInfo info{};
@@ -378,23 +380,6 @@ TEST_F(Acquisition, TransportRecordsHoldWhatTheProducerWrote) {
       EXPECT_GE(block, 1u);
     }
   }
-}
-
-TEST_F(Acquisition, VSyncTokensComeBackAndAreReused) {
-  Load();
-  Cam c = OpenOnDemand(kGigE1);
-  CamLib& l = *lib_;
-  ImageBuffer* b = Started(c);
-  HVSYNC token = nullptr;
-  ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &token), KIVCAM_TRUE);
-  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, nullptr, 0)), KIVCAM_ERR_PARAM);
-  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, 0)), KIVCAM_ERR_TIMEOUT);
-  RequestOne(c, b);
-  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, kWait)), kSucceeded);
-  EXPECT_EQ(Err(l.KIVCAM_VSyncComplete(c.h, token, 0)), KIVCAM_ERR_PARAM);  // collected
-  HVSYNC again = nullptr;
-  ASSERT_EQ(l.KIVCAM_VSyncReq(c.h, &again), KIVCAM_TRUE);
-  EXPECT_EQ(again, token);
 }
 
 // ---- conversion -------------------------------------------------------------------

@@ -141,15 +141,11 @@ TEST_F(Watch, StopWorksOnAnAbsentCameraReleaseDoesNot) {
   ASSERT_NO_FATAL_FAILURE(StartController(kGigE1, kGroup));
   CamLib& l = *lib_;
   HCAMERA w = Watching(kGigE1);
-  uint32_t state = 1;
-  const uint32_t index = CameraIndex(kGigE1, false);
-  ASSERT_EQ(GigE().plug(index, 0), 0);
-  ASSERT_EQ(l.KIVCAM_Camera(w, &state), KIVCAM_TRUE);
-  ASSERT_EQ(state, 0u);
+  ASSERT_NO_FATAL_FAILURE(Unplug(w, kGigE1, false));
   EXPECT_EQ(l.KIVCAM_WatchStop(w), KIVCAM_TRUE);
   EXPECT_EQ(Err(l.KIVCAM_WatchStart(w)), KIVCAM_ERR_NO_CAMERA);
   EXPECT_EQ(Err(l.KIVCAM_WatchRelease(w)), KIVCAM_ERR_NO_CAMERA);
-  ASSERT_EQ(GigE().plug(index, 1), 0);
+  ASSERT_EQ(GigE().plug(CameraIndex(kGigE1, false), 1), 0);
 }
 
 TEST_F(Watch, AUnicastStreamIsNothingToWatch) {
