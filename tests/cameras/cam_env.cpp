@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "kivgentl/gentl.h"
+#include "device.h"
 
 namespace camtest {
 
@@ -292,48 +292,8 @@ std::string AdditionalDescription(const std::string& body) {
          body + "</RegisterDescription>";
 }
 
-std::string FetchDescription(const std::string& cti_path) {
-  void* h = dlopen(cti_path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!h) return "";
-#define RAW(name) auto name = reinterpret_cast<P##name>(dlsym(h, #name))
-  RAW(GCInitLib); RAW(GCCloseLib); RAW(TLOpen); RAW(TLClose); RAW(TLUpdateInterfaceList);
-  RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose); RAW(IFUpdateDeviceList);
-  RAW(IFGetDeviceID); RAW(IFOpenDevice); RAW(DevGetPort); RAW(DevClose); RAW(GCGetPortURLInfo); RAW(GCReadPort);
-#undef RAW
-  // The default world: the second adapter's first camera, plain description at URL 1.
-  std::string text;
-  TL_HANDLE tl = nullptr;
-  IF_HANDLE ifh = nullptr;
-  DEV_HANDLE dev = nullptr;
-  PORT_HANDLE port = nullptr;
-  char id[512], url[512] = {};
-  size_t size = sizeof id;
-  INFO_DATATYPE type;
-  GCInitLib();
-  TLOpen(&tl);
-  TLUpdateInterfaceList(tl, nullptr, 1000);
-  if (TLGetInterfaceID(tl, 1, id, &size) == 0 && TLOpenInterface(tl, id, &ifh) == 0) {
-    IFUpdateDeviceList(ifh, nullptr, 1000);
-    size = sizeof id;
-    if (IFGetDeviceID(ifh, 0, id, &size) == 0 && IFOpenDevice(ifh, id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
-      size = sizeof url;
-      DevGetPort(dev, &port);
-      GCGetPortURLInfo(port, 1, URL_INFO_URL, &type, url, &size);
-      // "Local:name.xml;address;length", both numbers in hexadecimal.
-      const char* fields = std::strchr(url, ';');
-      char* rest = nullptr;
-      uint64_t address = fields ? std::strtoull(fields + 1, &rest, 16) : 0;
-      size_t length = rest && *rest == ';' ? std::strtoull(rest + 1, nullptr, 16) : 0;
-      text.resize(length);
-      if (length && GCReadPort(port, address, text.data(), &length) != 0) text.clear();
-      DevClose(dev);
-    }
-    IFClose(ifh);
-  }
-  TLClose(tl);
-  GCCloseLib();
-  dlclose(h);
-  return text;
+std::string DefaultDescription() {
+  return kivsim::BuildDescription(kivsim::Transport::GigE, kivsim::DefaultWorld(kivsim::Transport::GigE).cameras[0]);
 }
 
 }  // namespace camtest

@@ -209,9 +209,8 @@ void CopyLibrary(const std::string& dir, const std::vector<std::string>& produce
 void CopyFile(const std::string& from, const std::string& to);
 void MakeDirs(const std::string& path);
 
-// The plain description of the default world's first GigE camera, read straight
-// from the producer (call before the library loads it).
-std::string FetchDescription(const std::string& cti_path);
+// The plain description of the default world's first GigE camera, as its producer builds it.
+std::string DefaultDescription();
 // A GenICam description (an additional one for the data folder) holding `body`.
 std::string AdditionalDescription(const std::string& body);
 // Waits until thread `tid` of this process sleeps (5 s at most).

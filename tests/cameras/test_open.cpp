@@ -148,7 +148,7 @@ bool WriteZip(const std::string& path, const std::string& data, bool damage) {
 }
 
 TEST_F(Open, ZipCopyInTheDataFolder) {
-  std::string xml = FetchDescription(LibDir() + "/KivGigEGenTL.cti");
+  std::string xml = DefaultDescription();
   ASSERT_FALSE(xml.empty());
   ASSERT_TRUE(WriteZip(DataFolder() + "/" + kZipName, xml, false));
   Load();
@@ -169,7 +169,7 @@ TEST_F(Open, ZipCopyInTheDataFolder) {
 // description, one that lacks a standard feature, then a good one with an
 // additional description injected. A failed open leaves the device free.
 TEST_F(Open, DataFolderCopyAndAdditionalDescription) {
-  std::string xml = FetchDescription(LibDir() + "/KivGigEGenTL.cti");
+  std::string xml = DefaultDescription();
   ASSERT_NE(xml.find("TLParamsLocked"), std::string::npos);
   std::string broken = xml;
   for (size_t at; (at = broken.find("\"TLParamsLocked\"")) != std::string::npos;) broken.replace(at, 16, "\"X\"");
