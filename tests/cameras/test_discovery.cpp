@@ -119,6 +119,9 @@ TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
+  // Only a USB camera: nothing to watch.
+  HCAMERA h = nullptr;
+  EXPECT_EQ(Err(lib_->KIVCAM_WatchOpen(KIVCAM_UID_ANY, &h)), KIVCAM_ERR_NO_CAMERA);
 }
 
 TEST_F(Discovery, ReDetectionLoadsProducersAndKeepsOpenCameras) {

@@ -203,13 +203,6 @@ TEST_F(Watch, EachModeRefusesTheOthersExports) {
   EXPECT_EQ(Err(l.KIVCAM_WatchCamera(watch, &state)), KIVCAM_ERR_PARAM);
 }
 
-TEST_F(Watch, OnlyUsbCamerasLeaveNothingToWatch) {
-  World("[camera]\ntransport = usb\n");
-  Load();
-  HCAMERA h = nullptr;
-  EXPECT_EQ(Err(lib_->KIVCAM_WatchOpen(KIVCAM_UID_ANY, &h)), KIVCAM_ERR_NO_CAMERA);
-}
-
 std::atomic<int> g_bus_resets{0};
 void OnBusEvent(uint32_t event, void*) {
   if (event == KIVCAM_EVENT_BUSRESET) ++g_bus_resets;
