@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "kivgentl/gentl.h"
+#include "device.h"
 
 namespace camtest {
 
@@ -100,19 +100,19 @@ void LogDrain::Clear() {
   seen_.clear();
 }
 
+static bool Holds(const std::string& l, const std::string& a, const std::string& b) {
+  return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
+}
+
 bool LogDrain::Has(const std::string& a, const std::string& b) const {
-  return std::any_of(seen_.begin(), seen_.end(), [&](const std::string& l) {
-    return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
-  });
+  return std::any_of(seen_.begin(), seen_.end(), [&](const std::string& l) { return Holds(l, a, b); });
 }
 
 std::string LogDrain::LineWith(const std::string& a, const std::string& b) {
   Pull();
   std::lock_guard<std::mutex> g(mutex_);
-  for (const auto& l : seen_) {
-    if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return l;
-  }
-  return "";
+  auto it = std::find_if(seen_.begin(), seen_.end(), [&](const std::string& l) { return Holds(l, a, b); });
+  return it == seen_.end() ? "" : *it;
 }
 
 std::vector<std::string> LogDrain::Tail(const std::string& a, size_t n) {
@@ -124,11 +124,8 @@ std::vector<std::string> LogDrain::Tail(const std::string& a, size_t n) {
   return out;
 }
 
-bool LogDrain::Saw(const std::string& a, const std::string& b) {
-  Pull();
-  std::lock_guard<std::mutex> g(mutex_);
-  return Has(a, b);
-}
+// Log lines are never empty.
+bool LogDrain::Saw(const std::string& a, const std::string& b) { return !LineWith(a, b).empty(); }
 
 bool LogDrain::WaitFor(const std::string& a, const std::string& b, int bound_ms) {
   Pull();
@@ -270,6 +267,13 @@ bool CameraTest::WaitDelivered(const Cam& c, uint64_t n) {
   return WaitCounters(c, [n](const kivsim_counters& k) { return k.frames_delivered >= n; });
 }
 
+void CameraTest::Unplug(HCAMERA h, uint64_t uid, bool usb) {
+  ASSERT_EQ((usb ? USB() : GigE()).plug(CameraIndex(uid, usb), 0), 0);
+  uint32_t state = 1;
+  ASSERT_EQ(lib_->KIVCAM_Camera(h, &state), KIVCAM_TRUE);  // the call itself succeeds
+  ASSERT_EQ(state, 0u);
+}
+
 kivsim_counters CameraTest::Counters(const Cam& c) {
   kivsim_counters k{};
   c.sim->get_counters(c.index, &k);
@@ -280,48 +284,16 @@ void CameraTest::WriteDataFile(const std::string& name, const std::string& text)
   std::ofstream(DataFolder() + "/" + name, std::ios::binary) << text;
 }
 
-std::string FetchDescription(const std::string& cti_path) {
-  void* h = dlopen(cti_path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!h) return "";
-#define RAW(name) auto name = reinterpret_cast<P##name>(dlsym(h, #name))
-  RAW(GCInitLib); RAW(GCCloseLib); RAW(TLOpen); RAW(TLClose); RAW(TLUpdateInterfaceList);
-  RAW(TLGetInterfaceID); RAW(TLOpenInterface); RAW(IFClose); RAW(IFUpdateDeviceList);
-  RAW(IFGetDeviceID); RAW(IFOpenDevice); RAW(DevGetPort); RAW(DevClose); RAW(GCGetPortURLInfo); RAW(GCReadPort);
-#undef RAW
-  // The default world: the second adapter's first camera, plain description at URL 1.
-  std::string text;
-  TL_HANDLE tl = nullptr;
-  IF_HANDLE ifh = nullptr;
-  DEV_HANDLE dev = nullptr;
-  PORT_HANDLE port = nullptr;
-  char id[512], url[512] = {};
-  size_t size = sizeof id;
-  INFO_DATATYPE type;
-  GCInitLib();
-  TLOpen(&tl);
-  TLUpdateInterfaceList(tl, nullptr, 1000);
-  if (TLGetInterfaceID(tl, 1, id, &size) == 0 && TLOpenInterface(tl, id, &ifh) == 0) {
-    IFUpdateDeviceList(ifh, nullptr, 1000);
-    size = sizeof id;
-    if (IFGetDeviceID(ifh, 0, id, &size) == 0 && IFOpenDevice(ifh, id, DEVICE_ACCESS_EXCLUSIVE, &dev) == 0) {
-      size = sizeof url;
-      DevGetPort(dev, &port);
-      GCGetPortURLInfo(port, 1, URL_INFO_URL, &type, url, &size);
-      // "Local:name.xml;address;length", both numbers in hexadecimal.
-      const char* fields = std::strchr(url, ';');
-      char* rest = nullptr;
-      uint64_t address = fields ? std::strtoull(fields + 1, &rest, 16) : 0;
-      size_t length = rest && *rest == ';' ? std::strtoull(rest + 1, nullptr, 16) : 0;
-      text.resize(length);
-      if (length && GCReadPort(port, address, text.data(), &length) != 0) text.clear();
-      DevClose(dev);
-    }
-    IFClose(ifh);
-  }
-  TLClose(tl);
-  GCCloseLib();
-  dlclose(h);
-  return text;
+std::string AdditionalDescription(const std::string& body) {
+  return "<?xml version=\"1.0\"?><RegisterDescription ModelName=\"x\" VendorName=\"y\" "
+         "StandardNameSpace=\"GEV\" SchemaMajorVersion=\"1\" SchemaMinorVersion=\"1\" "
+         "SchemaSubMinorVersion=\"0\" MajorVersion=\"1\" MinorVersion=\"0\" SubMinorVersion=\"0\" "
+         "ProductGuid=\"1\" VersionGuid=\"2\" xmlns=\"http://www.genicam.org/GenApi/Version_1_1\">" +
+         body + "</RegisterDescription>";
+}
+
+std::string DefaultDescription() {
+  return kivsim::BuildDescription(kivsim::Transport::GigE, kivsim::DefaultWorld(kivsim::Transport::GigE).cameras[0]);
 }
 
 }  // namespace camtest

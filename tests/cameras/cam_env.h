@@ -86,7 +86,7 @@ class Sim {
   bool loaded() const { return handle_ != nullptr; }
 #define CAMTEST_SIM_CONTROLS(X)                                                              \
   X(camera_index) X(plug) X(raise_interface_event) X(fail_next) X(short_reads) X(deliver) X(free_run) \
-  X(set_delivery_status) X(get_counters) X(reset_faults) X(failures_injected)
+  X(set_delivery_status) X(get_counters) X(failures_injected)
 #define CAMTEST_SIM_FN(name) decltype(&::kivsim_##name) name = nullptr;
   CAMTEST_SIM_CONTROLS(CAMTEST_SIM_FN)
 #undef CAMTEST_SIM_FN
@@ -189,6 +189,8 @@ class CameraTest : public ::testing::Test {
   // The producer's camera number of a virtual camera (USB or GigE by its ID).
   uint32_t CameraIndex(uint64_t uid, bool usb);
   kivsim_counters Counters(const Cam& c);
+  // Unplugs virtual camera `uid`; the library's presence query then says it is gone.
+  void Unplug(HCAMERA h, uint64_t uid, bool usb);
   std::string DataFolder() const { return temp_ + "/appdata/Valdrix/KivCam"; }
   void WriteDataFile(const std::string& name, const std::string& text);
   std::string Temp() const { return temp_; }
@@ -207,9 +209,10 @@ void CopyLibrary(const std::string& dir, const std::vector<std::string>& produce
 void CopyFile(const std::string& from, const std::string& to);
 void MakeDirs(const std::string& path);
 
-// The plain description of the default world's first GigE camera, read straight
-// from the producer (call before the library loads it).
-std::string FetchDescription(const std::string& cti_path);
+// The plain description of the default world's first GigE camera, as its producer builds it.
+std::string DefaultDescription();
+// A GenICam description (an additional one for the data folder) holding `body`.
+std::string AdditionalDescription(const std::string& body);
 // Waits until thread `tid` of this process sleeps (5 s at most).
 bool WaitAsleep(pid_t tid);
 

@@ -192,7 +192,7 @@ TEST_F(Callbacks, EveryExportWorksFromTheFunction) {
     uint32_t state = 0;
     note("Camera", l.KIVCAM_Camera(cam, &state));
     note("Close", l.KIVCAM_Close(cam));
-    note("Close again", l.KIVCAM_Close(cam));
+    note("Close again", l.KIVCAM_Close(cam));  // fails
     HCAMERAPORT port = nullptr;
     note("OpenReg", l.KIVCAM_OpenReg(&port));
     size = 4;
@@ -207,7 +207,7 @@ TEST_F(Callbacks, EveryExportWorksFromTheFunction) {
     l.KIVCAM_CloseAllConvHandle();
     note("Open for CloseAll", l.KIVCAM_Open(KIVCAM_UID_ANY, &cam));
     l.KIVCAM_CloseAll();
-    note("Camera after CloseAll", l.KIVCAM_Camera(cam, &state));
+    note("Camera after CloseAll", l.KIVCAM_Camera(cam, &state));  // fails
     l.KIVCAM_ReDetection();
     note("Reset", l.KIVCAM_Reset());
     l.KIVCAM_SetCallBack(&calls, &Fn);  // replaces itself
@@ -217,19 +217,10 @@ TEST_F(Callbacks, EveryExportWorksFromTheFunction) {
   RaiseBusReset();
   ASSERT_TRUE(calls.WaitReturned(1)) << "an export called from the callback did not return";
   Unload();  // no later call may run the script, which refers to this body's locals
-  const std::vector<std::pair<const char*, uint32_t>> expected = {
-      {"SetStructVersion", kSucceeded}, {"GetList", kSucceeded}, {"Open", kSucceeded},
-      {"CameraInfo", kSucceeded}, {"ReadPort", kSucceeded}, {"GetNodeMap", kSucceeded},
-      {"SetCmdTimeOut", kSucceeded}, {"Camera", kSucceeded}, {"Close", kSucceeded},
-      {"Close again", KIVCAM_ERR_PARAM}, {"OpenReg", kSucceeded}, {"ReadReg", kSucceeded},
-      {"CloseReg", kSucceeded}, {"CreateConvHandle", kSucceeded}, {"ColorConvExec", kSucceeded},
-      {"Open for CloseAll", kSucceeded}, {"Camera after CloseAll", KIVCAM_ERR_PARAM},
-      {"Reset", kSucceeded}, {"GetLastError after SetCallBack", kSucceeded},
-  };
-  ASSERT_EQ(results.size(), expected.size());
-  for (size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_STREQ(results[i].first, expected[i].first);
-    EXPECT_EQ(results[i].second, expected[i].second) << results[i].first;
+  ASSERT_EQ(results.size(), 19u);
+  for (const auto& [name, error] : results) {
+    const bool fails = std::string(name) == "Close again" || std::string(name) == "Camera after CloseAll";
+    EXPECT_EQ(error, fails ? KIVCAM_ERR_PARAM : kSucceeded) << name;
   }
 }
 

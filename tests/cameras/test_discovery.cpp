@@ -43,7 +43,7 @@ TEST_F(Discovery, ListsEveryCameraInProducerAndInterfaceOrderIntoABufferBigEnoug
   EXPECT_EQ(Err(lib_->KIVCAM_GetList(nullptr)), KIVCAM_ERR_PARAM);
 }
 
-TEST_F(Discovery, ConfiguredLinksLongNamesAndUids) {
+TEST_F(Discovery, ConfiguredLinksLongNamesAndUidsInTheListAndPortRecords) {
   World(
       "[camera]\ntransport = gige\ninterface = 0\nuid = 1250999896372\nlink = 100\nvendor = " +
       std::string(300, 'V') +
@@ -57,6 +57,19 @@ TEST_F(Discovery, ConfiguredLinksLongNamesAndUids) {
   // Cut to 255 characters and terminated; 255 fit exactly.
   EXPECT_EQ(Name(list[0].Vendor), std::string(255, 'V'));
   EXPECT_EQ(Name(list[1].Model), std::string(255, 'M'));
+  // A port object's record fills the field without a terminator.
+  HCAMERAPORT port = nullptr;
+  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);
+  CameraListEntry e{};
+  ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
+  EXPECT_EQ(e.CameraKind, KIVCAM_CAMERAKIND_GIGE);
+  EXPECT_EQ(e.LinkCode, 0u);
+  EXPECT_EQ(std::string(e.Vendor, 256), std::string(256, 'V'));
+  // A failing query: 99, its text logged, the fields before it kept.
+  ASSERT_EQ(GigE().fail_next("DevGetInfo", -1001, "Injected info", 1), 0);
+  EXPECT_EQ(Err(lib_->KIVCAM_CameraRegInfo(port, &e)), KIVCAM_ERR_OTHER);
+  EXPECT_TRUE(log_->Saw("CCameraPort::CameraInfo", "Injected info"));
+  EXPECT_EQ(Uid(e), 0u);
 }
 
 // A module without GenTL entry points, then none at all, then the producer in
@@ -106,6 +119,9 @@ TEST_F(Discovery, ProducerThatFailsToStartLogsItsOwnText) {
   std::vector<CameraListEntry> list = lib_->List();
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0].CameraKind, KIVCAM_CAMERAKIND_USB);
+  // Only a USB camera: nothing to watch.
+  HCAMERA h = nullptr;
+  EXPECT_EQ(Err(lib_->KIVCAM_WatchOpen(KIVCAM_UID_ANY, &h)), KIVCAM_ERR_NO_CAMERA);
 }
 
 TEST_F(Discovery, ReDetectionLoadsProducersAndKeepsOpenCameras) {

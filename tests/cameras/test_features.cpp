@@ -134,11 +134,7 @@ TEST_F(Features, RefusalsCarryTheirCodes) {
 
   // Gone, stale and foreign handles.
   EXPECT_EQ(Err(lib_->KIVCAMF_GetInt(reinterpret_cast<HCAMERA>(&i), "Width", &i)), KIVCAM_ERR_PARAM);
-  const int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE1)).c_str());
-  ASSERT_GE(index, 0);
-  ASSERT_EQ(GigE().plug(static_cast<uint32_t>(index), 0), 0);
-  uint32_t state = 1;
-  ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);
+  ASSERT_NO_FATAL_FAILURE(Unplug(cam, kGigE1, false));
   EXPECT_EQ(Err(lib_->KIVCAMF_GetInt(cam, "Width", &i)), KIVCAM_ERR_NO_CAMERA);
   ASSERT_EQ(lib_->KIVCAM_Close(cam), KIVCAM_TRUE);
   EXPECT_EQ(Err(lib_->KIVCAMF_GetInt(cam, "Width", &i)), KIVCAM_ERR_PARAM);
@@ -191,8 +187,12 @@ TEST_F(Features, DescriptionsFollowTheCameraDescription) {
   Load();
   HCAMERA cam = OpenUid(kUsb1);
   ASSERT_NE(cam, nullptr);
-  KIVCAMF_INFO w{};
-  ASSERT_EQ(lib_->KIVCAMF_GetInfo(cam, "Width", &w), KIVCAM_TRUE);
+  auto info = [&](const char* name) {
+    KIVCAMF_INFO i{};
+    EXPECT_EQ(lib_->KIVCAMF_GetInfo(cam, name, &i), KIVCAM_TRUE) << name;
+    return i;
+  };
+  const KIVCAMF_INFO w = info("Width");
   EXPECT_EQ(w.Type, KIVCAMF_TYPE_INTEGER);
   EXPECT_EQ(w.Access, KIVCAMF_ACCESS_RW);
   EXPECT_EQ(w.HasRange, 1u);
@@ -202,9 +202,7 @@ TEST_F(Features, DescriptionsFollowTheCameraDescription) {
   EXPECT_EQ(w.IncMode, KIVCAMF_INC_FIXED);
   // OffsetX's maximum follows Width.
   ASSERT_EQ(lib_->KIVCAMF_SetInt(cam, "Width", 1000), KIVCAM_TRUE);
-  KIVCAMF_INFO ox{};
-  ASSERT_EQ(lib_->KIVCAMF_GetInfo(cam, "OffsetX", &ox), KIVCAM_TRUE);
-  EXPECT_EQ(ox.IntMax, 920);
+  EXPECT_EQ(info("OffsetX").IntMax, 920);
 
   auto text = [&](const char* name, uint32_t which) {
     return Text([&](char* t, uint32_t* n) { return lib_->KIVCAMF_GetInfoText(cam, name, which, t, n); });
@@ -215,22 +213,17 @@ TEST_F(Features, DescriptionsFollowTheCameraDescription) {
   EXPECT_EQ(text("PixelFormat", KIVCAMF_TEXT_UNIT), "");
   EXPECT_EQ(text("Width", 4), "<failed>");
 
-  KIVCAMF_INFO ex{};
-  ASSERT_EQ(lib_->KIVCAMF_GetInfo(cam, "ExposureTime", &ex), KIVCAM_TRUE);
+  const KIVCAMF_INFO ex = info("ExposureTime");
   EXPECT_EQ(ex.Type, KIVCAMF_TYPE_FLOAT);
   EXPECT_EQ(ex.FloatMin, 10.0);
   EXPECT_EQ(ex.FloatMax, 1000000.0);
-  KIVCAMF_INFO fc{};
-  ASSERT_EQ(lib_->KIVCAMF_GetInfo(cam, "FrameCounter", &fc), KIVCAM_TRUE);
-  EXPECT_EQ(fc.Access, KIVCAMF_ACCESS_RO);
-  KIVCAMF_INFO ts{};
-  ASSERT_EQ(lib_->KIVCAMF_GetInfo(cam, "TriggerSoftware", &ts), KIVCAM_TRUE);
+  EXPECT_EQ(info("FrameCounter").Access, KIVCAMF_ACCESS_RO);
+  const KIVCAMF_INFO ts = info("TriggerSoftware");
   EXPECT_EQ(ts.Type, KIVCAMF_TYPE_COMMAND);
   EXPECT_EQ(ts.Access, KIVCAMF_ACCESS_NA);  // TriggerMode is off
 
   // Entries: the USB camera offers every format; each symbol selects its value.
-  KIVCAMF_INFO pf{};
-  ASSERT_EQ(lib_->KIVCAMF_GetInfo(cam, "PixelFormat", &pf), KIVCAM_TRUE);
+  const KIVCAMF_INFO pf = info("PixelFormat");
   EXPECT_EQ(pf.Type, KIVCAMF_TYPE_ENUMERATION);
   ASSERT_GT(pf.EntryCount, 10u);
   std::vector<std::string> symbols;
@@ -265,12 +258,9 @@ TEST_F(Features, DescriptionsFollowTheCameraDescription) {
 TEST_F(Features, CommandsExecuteAndWaitForCompletion) {
   // A command whose value nobody clears but the test.
   WriteDataFile("KivSim_KivSim-GC1920M_KIVADD.xml",
-                "<?xml version=\"1.0\"?><RegisterDescription ModelName=\"x\" VendorName=\"y\" "
-                "StandardNameSpace=\"GEV\" SchemaMajorVersion=\"1\" SchemaMinorVersion=\"1\" "
-                "SchemaSubMinorVersion=\"0\" MajorVersion=\"1\" MinorVersion=\"0\" SubMinorVersion=\"0\" "
-                "ProductGuid=\"1\" VersionGuid=\"2\" xmlns=\"http://www.genicam.org/GenApi/Version_1_1\">"
-                "<Command Name=\"KivSlowCommand\"><pValue>KivSlowValue</pValue><CommandValue>1</CommandValue>"
-                "</Command><Integer Name=\"KivSlowValue\"><Value>0</Value></Integer></RegisterDescription>");
+                AdditionalDescription("<Command Name=\"KivSlowCommand\"><pValue>KivSlowValue</pValue>"
+                                      "<CommandValue>1</CommandValue></Command>"
+                                      "<Integer Name=\"KivSlowValue\"><Value>0</Value></Integer>"));
   Load();
   HCAMERA cam = OpenUid(kGigE1);
   ASSERT_NE(cam, nullptr);

@@ -96,12 +96,7 @@ TEST_F(Info, GeneralRecordMatchesTheListUntilTheCameraIsUnplugged) {
   EXPECT_EQ(state, 1u);
   EXPECT_TRUE(log_->Saw("KIVCAM_Camera", "End   Connect, HCAMERA=0x"));
 
-  ASSERT_TRUE(USB().loaded());
-  int32_t index = USB().camera_index(("KivU3V::" + std::to_string(kUsb1)).c_str());
-  ASSERT_GE(index, 0);
-  ASSERT_EQ(USB().plug(index, 0), 0);
-  ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);  // the call itself succeeds
-  EXPECT_EQ(state, 0u);
+  ASSERT_NO_FATAL_FAILURE(Unplug(cam, kUsb1, true));
   EXPECT_TRUE(log_->Saw("KIVCAM_Camera", "End   Disconnect, HCAMERA=0x"));
   EXPECT_EQ(Err(lib_->KIVCAM_CameraInfo(cam, &e)), KIVCAM_ERR_NO_CAMERA);
   void* map = nullptr;
@@ -109,7 +104,7 @@ TEST_F(Info, GeneralRecordMatchesTheListUntilTheCameraIsUnplugged) {
   USBCameraInfo u{};
   EXPECT_EQ(Err(lib_->KIVCAM_CameraInfoUSB(cam, &u)), KIVCAM_ERR_NO_CAMERA);
 
-  ASSERT_EQ(USB().plug(index, 1), 0);
+  ASSERT_EQ(USB().plug(CameraIndex(kUsb1, true), 1), 0);
   ASSERT_EQ(lib_->KIVCAM_Camera(cam, &state), KIVCAM_TRUE);
   EXPECT_EQ(state, 1u);
   EXPECT_EQ(lib_->KIVCAM_CameraInfo(cam, &e), KIVCAM_TRUE);
@@ -118,13 +113,10 @@ TEST_F(Info, GeneralRecordMatchesTheListUntilTheCameraIsUnplugged) {
 TEST_F(Info, BusResetRefreshesPresenceWithoutBeingAsked) {
   Load();
   HCAMERA cam = OpenUid(kGigE2);
-  ASSERT_TRUE(GigE().loaded());
-  int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE2)).c_str());
-  ASSERT_GE(index, 0);
   // The interface's threads see the producer's event; the bus-reset thread
   // refreshes its cameras, then tells the library from its own thread (the
   // event thread tells it too, on its own time).
-  GigE().plug(index, 0);
+  ASSERT_EQ(GigE().plug(CameraIndex(kGigE2, false), 0), 0);
   ASSERT_TRUE(log_->WaitFor("CInterface::BusEventGet_Thread", "BusReset Event"));
   ASSERT_TRUE(log_->WaitFor("CInterface::BusReset_Thread", "BusReset "));
   std::string line = log_->LineWith("CInterface::BusReset_Thread", "BusReset ");
@@ -169,8 +161,7 @@ TEST_F(Info, NodeMapReadsThroughTheCamerasPort) {
   EXPECT_ANY_THROW(value->ToString(false, true));
   EXPECT_EQ(value->ToString(false, true), "640");
   // An absent camera is not read at all.
-  int32_t index = GigE().camera_index(("KivGEV::" + std::to_string(kGigE1)).c_str());
-  ASSERT_EQ(GigE().plug(index, 0), 0);
+  ASSERT_EQ(GigE().plug(CameraIndex(kGigE1, false), 0), 0);
   EXPECT_ANY_THROW(value->ToString(false, true));
 }
 

@@ -94,24 +94,5 @@ TEST_F(Registers, PortObjectsHoldTheirDevice) {
   ASSERT_EQ(lib_->KIVCAM_Open(kGigE1, &cam), KIVCAM_TRUE);
 }
 
-TEST_F(Registers, PortInformationOfA100Link) {
-  World("[camera]\ntransport = gige\ninterface = 0\nlink = 100\nvendor = " + std::string(256, 'v') + "\n");
-  Load();
-  HCAMERAPORT port = nullptr;
-  ASSERT_EQ(lib_->KIVCAM_OpenReg(&port), KIVCAM_TRUE);
-  CameraListEntry e{};
-  ASSERT_EQ(lib_->KIVCAM_CameraRegInfo(port, &e), KIVCAM_TRUE);
-  EXPECT_EQ(e.CameraKind, KIVCAM_CAMERAKIND_GIGE);
-  EXPECT_EQ(e.LinkCode, 0u);
-  // 256 characters fill the field without a terminator.
-  EXPECT_EQ(std::string(e.Vendor, 256), std::string(256, 'v'));
-  // A failing query: 99, its text logged, the fields before it kept.
-  ASSERT_TRUE(GigE().loaded());
-  ASSERT_EQ(GigE().fail_next("DevGetInfo", -1001, "Injected info", 1), 0);
-  EXPECT_EQ(Err(lib_->KIVCAM_CameraRegInfo(port, &e)), KIVCAM_ERR_OTHER);
-  EXPECT_TRUE(log_->Saw("CCameraPort::CameraInfo", "Injected info"));
-  EXPECT_EQ(Uid(e), 0u);
-}
-
 }  // namespace
 }  // namespace camtest
