@@ -288,13 +288,16 @@ TEST(Loader, OldStyleEntryReferencesAndSwappedPorts) {
 
 // --- injection
 
-TEST(Inject, AddsNodesAndExtendsCategories) {
+TEST(Inject, AddsNodesExtendsCategoriesAndReplacesEnumerationsWithTheirEntries) {
   std::string a = Describe(R"(
     <Category Name="Root"><pFeature>Width</pFeature></Category>
-    <Integer Name="Width"><Value>640</Value></Integer>)");
+    <Integer Name="Width"><Value>640</Value></Integer>
+    <Enumeration Name="E"><EnumEntry Name="A"><Value>0</Value></EnumEntry><Value>0</Value></Enumeration>)");
   std::string b = Describe(R"(
     <Category Name="Root"><pFeature>Width</pFeature><pFeature>Extra</pFeature></Category>
-    <Integer Name="Extra"><Value>7</Value></Integer>)", false);
+    <Integer Name="Extra"><Value>7</Value></Integer>
+    <Enumeration Name="E" MergePriority="1"><EnumEntry Name="A"><Value>0</Value></EnumEntry>
+      <EnumEntry Name="B"><Value>1</Value></EnumEntry><Value>1</Value></Enumeration>)", false);
   CNodeMapRef map;
   map._LoadXMLFromStringInject(a, b);
   FeatureList_t features;
@@ -302,6 +305,7 @@ TEST(Inject, AddsNodesAndExtendsCategories) {
   ASSERT_EQ(features.size(), 2u);  // Width not repeated
   EXPECT_EQ(CIntegerPtr(map._GetNode("Extra"))->GetValue(), 7);
   EXPECT_TRUE(map._GetNode("Extra")->IsFeature());
+  EXPECT_EQ(CEnumerationPtr(map._GetNode("E"))->ToString(), "B");
 }
 
 TEST(Inject, MergePriorityDecidesWhoWins) {
@@ -321,16 +325,6 @@ TEST(Inject, MergePriorityDecidesWhoWins) {
     map._LoadXMLFromStringInject(a, b);
     EXPECT_EQ(CIntegerPtr(map._GetNode("W"))->GetValue(), c.want);
   }
-}
-
-TEST(Inject, ReplacedEnumerationBringsItsEntries) {
-  std::string a = Describe(R"(<Enumeration Name="E"><EnumEntry Name="A"><Value>0</Value></EnumEntry>
-      <Value>0</Value></Enumeration>)");
-  std::string b = Describe(R"(<Enumeration Name="E" MergePriority="1"><EnumEntry Name="A"><Value>0</Value></EnumEntry>
-      <EnumEntry Name="B"><Value>1</Value></EnumEntry><Value>1</Value></Enumeration>)", false);
-  CNodeMapRef map;
-  map._LoadXMLFromStringInject(a, b);
-  EXPECT_EQ(CEnumerationPtr(map._GetNode("E"))->ToString(), "B");
 }
 
 }  // namespace
