@@ -6,9 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <limits>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,18 +46,15 @@ int64_t I(const std::string& text, const Vars& vars = {}, const Exprs& exprs = {
   return f.EvaluateInt(values.data());
 }
 
-// The message of the FormulaError that `fn` throws ("" when it throws none).
-std::string ErrorOf(const std::function<void()>& fn) {
+// The compile error's message ("" when the text compiles).
+std::string CompileError(const std::string& text, Mode mode = Mode::Float, const Vars& vars = {},
+                         const Exprs& exprs = {}) {
   try {
-    fn();
+    CFormula f(text, mode, Names(vars), exprs);
   } catch (const FormulaError& e) {
     return e.what();
   }
   return "";
-}
-std::string CompileError(const std::string& text, Mode mode = Mode::Float, const Vars& vars = {},
-                         const Exprs& exprs = {}) {
-  return ErrorOf([&] { CFormula f(text, mode, Names(vars), exprs); });
 }
 
 FormulaValue Int(int64_t v) { return FormulaValue::Int(v); }
