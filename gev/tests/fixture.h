@@ -126,13 +126,6 @@ class GevTest : public ProducerTest {
     if (ring == RingExpected()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "received through the " << (ring ? "ring" : "socket");
   }
-  std::string InfoText(DEV_HANDLE d, int32_t cmd) {
-    char text[256] = {};
-    size_t n = sizeof text;
-    INFO_DATATYPE t;
-    EXPECT_EQ(p.DevGetInfo(d, cmd, &t, text, &n), GC_ERR_SUCCESS) << cmd;
-    return text;
-  }
 
   std::vector<std::unique_ptr<kivgev::EmulatedCamera>> cameras;
 };

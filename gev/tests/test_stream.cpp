@@ -323,7 +323,9 @@ TEST_F(Streaming, AStreamStoppedAndStartedAgainGoesOnWholeMostlyWithoutACopy) {
     TriggerWhole();
     TriggerWhole();
     // Only the first packets of a block after its leader can miss their slot.
-    if (round == 0) EXPECT_GT(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_ZERO_COPY_PACKETS), 2u * (packets - 40));
+    if (round == 0) {
+      EXPECT_GT(InfoOf<uint64_t>(p.DSGetInfo, ds, KIVGEV_STREAM_ZERO_COPY_PACKETS), 2u * (packets - 40));
+    }
     Reg(kAcqStop, 1);
     ASSERT_EQ(p.DSStopAcquisition(ds, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS) << p.LastError();
   }

@@ -186,6 +186,14 @@ class ProducerTest : public ::testing::Test {
     EXPECT_EQ(fn(h, cmd, &t, &v, &n), GC_ERR_SUCCESS) << cmd;
     return v;
   }
+  // A string answer of DevGetInfo.
+  std::string InfoText(DEV_HANDLE d, int32_t cmd) {
+    char text[256] = {};
+    size_t n = sizeof text;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.DevGetInfo(d, cmd, &t, text, &n), GC_ERR_SUCCESS) << cmd;
+    return text;
+  }
   kivsim_packet_log PacketLog(DS_HANDLE s) {
     kivsim_packet_log log{};
     size_t n = sizeof log;
