@@ -2,6 +2,9 @@
 // the virtual producers' tests drive theirs (producers/tests/gentl_api.h),
 // against emulated cameras in the test's own network namespace.
 #pragma once
+#include <sys/wait.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -26,6 +29,18 @@ bool WaitFor(F cond, int ms = 5000) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+// What a shell command printed, and its exit code.
+inline std::string Output(const std::string& command, int* code = nullptr) {
+  std::string out;
+  FILE* f = popen(command.c_str(), "r");
+  if (!f) return out;
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+  const int status = pclose(f);
+  if (code) *code = WEXITSTATUS(status);
+  return out;
 }
 
 // The receive path the producer is meant to take: these tests run as root
@@ -110,13 +125,6 @@ class GevTest : public ProducerTest {
     const bool ring = InfoOf<bool8_t>(p.DSGetInfo, ds, KIVGEV_STREAM_RING) != 0;
     if (ring == RingExpected()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "received through the " << (ring ? "ring" : "socket");
-  }
-  std::string InfoText(DEV_HANDLE d, int32_t cmd) {
-    char text[256] = {};
-    size_t n = sizeof text;
-    INFO_DATATYPE t;
-    EXPECT_EQ(p.DevGetInfo(d, cmd, &t, text, &n), GC_ERR_SUCCESS) << cmd;
-    return text;
   }
 
   std::vector<std::unique_ptr<kivgev::EmulatedCamera>> cameras;

@@ -25,14 +25,7 @@ bool Installed(const char* program) { return access(program, X_OK) == 0; }
 
 // Runs a program to its end (or `seconds`, then SIGINT) and returns what it printed.
 std::string RunPeer(const std::string& command, int seconds) {
-  const std::string line = "timeout -s INT " + std::to_string(seconds) + " stdbuf -oL " + command + " 2>&1";
-  std::string out;
-  if (FILE* f = popen(line.c_str(), "r")) {
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-    pclose(f);
-  }
-  return out;
+  return Output("timeout -s INT " + std::to_string(seconds) + " stdbuf -oL " + command + " 2>&1");
 }
 
 // The value after "name = " in arv-camera-test's closing statistics.
@@ -174,10 +167,7 @@ TEST_F(AravisFake, ItsFramesArriveWholeAtItsRateAcrossTheBlockIdWrap) {
   const double period_ms = double(last_ns - first_ns) / 1e6 / (frames - 2);
   EXPECT_GT(period_ms, 30.0) << "its 25 frames/s";
   EXPECT_LT(period_ms, 60.0);
-  uint32_t log[6] = {};
-  size_t n = sizeof log;
-  ASSERT_EQ(p.GCReadPort(ds, KIVSIM_DS_PACKET_LOG, log, &n), GC_ERR_SUCCESS);
-  EXPECT_EQ(log[1], 0u) << "no incomplete frame";
+  EXPECT_EQ(PacketLog(ds).incomplete, 0u);
   ASSERT_EQ(Write32(port, 0x124, 0, true), GC_ERR_SUCCESS);
   EXPECT_EQ(p.DevClose(d), GC_ERR_SUCCESS);
 }

@@ -41,27 +41,13 @@ TEST_F(TwoLinks, EachInterfaceListsTheCameraOnItsLinkWithItsInformation) {
     const std::string dev = DeviceId(ifs[n], 0);
     const uint64_t mac = cameras[n]->mac();
     EXPECT_EQ(dev, "KivGEV::" + std::to_string(mac));
-    char text[64] = {};
-    size = sizeof text;
-    INFO_DATATYPE t;
-    ASSERT_EQ(p.IFGetDeviceInfo(ifs[n], dev.c_str(), DEVICE_INFO_MODEL, &t, text, &size), GC_ERR_SUCCESS);
-    EXPECT_STREQ(text, expect_model[n]);
-    uint32_t v = 0;
-    size = sizeof v;
-    ASSERT_EQ(p.IFGetDeviceInfo(ifs[n], dev.c_str(), 1005, &t, &v, &size), GC_ERR_SUCCESS);
-    EXPECT_EQ(v, CameraIp(n));
-    ASSERT_EQ(p.IFGetDeviceInfo(ifs[n], dev.c_str(), 1002, &t, &v, &size), GC_ERR_SUCCESS);
-    EXPECT_EQ(v, HostIp(n)) << "the stream destination is the interface's address";
-    ASSERT_EQ(p.IFGetDeviceInfo(ifs[n], dev.c_str(), 1003, &t, &v, &size), GC_ERR_SUCCESS);
-    EXPECT_EQ(v, 2u);
-    uint64_t uid = 0;
-    size = sizeof uid;
-    ASSERT_EQ(p.IFGetDeviceInfo(ifs[n], dev.c_str(), 1011, &t, &uid, &size), GC_ERR_SUCCESS);
-    EXPECT_EQ(uid, mac);
-    int32_t access = -1;
-    size = sizeof access;
-    ASSERT_EQ(p.IFGetDeviceInfo(ifs[n], dev.c_str(), DEVICE_INFO_ACCESS_STATUS, &t, &access, &size), GC_ERR_SUCCESS);
-    EXPECT_EQ(access, DEVICE_ACCESS_STATUS_READWRITE);
+    EXPECT_EQ(InfoString(p, ifs[n], dev, DEVICE_INFO_MODEL), expect_model[n]);
+    EXPECT_EQ(Info<uint32_t>(p, ifs[n], dev, 1005, INFO_DATATYPE_UINT32), CameraIp(n));
+    EXPECT_EQ(Info<uint32_t>(p, ifs[n], dev, 1002, INFO_DATATYPE_UINT32), HostIp(n))
+        << "the stream destination is the interface's address";
+    EXPECT_EQ(Info<uint32_t>(p, ifs[n], dev, 1003, INFO_DATATYPE_UINT32), 2u);
+    EXPECT_EQ(Info<uint64_t>(p, ifs[n], dev, 1011, INFO_DATATYPE_UINT64), mac);
+    EXPECT_EQ(AccessStatus(ifs[n], dev), DEVICE_ACCESS_STATUS_READWRITE);
   }
 }
 
@@ -206,11 +192,7 @@ TEST_F(OneCamera, AnotherControllerRefusesTheOpenButAWatcherMayRead) {
   ASSERT_TRUE(other.Open(HostIp(0), CameraIp(0), &err)) << err;
   ASSERT_TRUE(other.WriteReg(kivgev::kRegCcp, kivgev::kCcpControl).ok());
   auto [h, id] = Find(CameraIp(0));
-  int32_t access = -1;
-  size_t n = sizeof access;
-  INFO_DATATYPE t;
-  ASSERT_EQ(p.IFGetDeviceInfo(h, id.c_str(), DEVICE_INFO_ACCESS_STATUS, &t, &access, &n), GC_ERR_SUCCESS);
-  EXPECT_EQ(access, DEVICE_ACCESS_STATUS_BUSY);
+  EXPECT_EQ(AccessStatus(h, id), DEVICE_ACCESS_STATUS_BUSY);
   DEV_HANDLE d = nullptr;
   EXPECT_EQ(p.IFOpenDevice(h, id.c_str(), DEVICE_ACCESS_EXCLUSIVE, &d), GC_ERR_ACCESS_DENIED);
   EXPECT_EQ(p.LastError(), "Device already open") << "the text the library looks for";
@@ -222,7 +204,7 @@ TEST_F(OneCamera, AnotherControllerRefusesTheOpenButAWatcherMayRead) {
   // Exclusive access keeps even readers out.
   ASSERT_TRUE(other.WriteReg(kivgev::kRegCcp, kivgev::kCcpExclusive).ok());
   uint8_t b[4];
-  n = 4;
+  size_t n = 4;
   EXPECT_EQ(p.GCReadPort(rp, 0xA03C, b, &n), GC_ERR_ACCESS_DENIED);
   EXPECT_EQ(p.DevClose(d), GC_ERR_SUCCESS);
   ASSERT_TRUE(other.WriteReg(kivgev::kRegCcp, 0).ok());

@@ -1,14 +1,13 @@
 // The library over the network: the command-line tool, started with the
 // network producer first on its loader path, sees, describes, configures and
 // grabs an emulated camera, and negotiates its packet size against the path's limit.
+#include <unistd.h>
+
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "fixture.h"
 #include "pixfmt.h"
@@ -27,19 +26,11 @@ class Library : public GevTest {
   }
   // `kivcam ARGS` with the network producer; what it printed, and its exit code.
   std::string Kivcam(const std::string& args, int* code = nullptr) {
-    const std::string line = "LD_LIBRARY_PATH=" KIVGEV_PRODUCER_DIR " " KIVCAM_CLI " " + args + " 2>&1";
-    std::string out;
-    FILE* f = popen(line.c_str(), "r");
-    if (!f) return out;
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-    const int status = pclose(f);
-    if (code) *code = WEXITSTATUS(status);
-    return out;
+    return Output("LD_LIBRARY_PATH=" KIVGEV_PRODUCER_DIR " " KIVCAM_CLI " " + args + " 2>&1", code);
   }
 };
 
-TEST_F(Library, KivcamListsDescribesAndConfiguresTheCameraOverTheNetwork) {
+TEST_F(Library, KivcamListsDescribesConfiguresAndGrabsTheCameraOverTheNetwork) {
   int code = -1;
   std::string out = Kivcam("list", &code);
   EXPECT_EQ(code, 0) << out;
@@ -57,17 +48,14 @@ TEST_F(Library, KivcamListsDescribesAndConfiguresTheCameraOverTheNetwork) {
   EXPECT_EQ(code, 0) << out;
   EXPECT_EQ(cameras[0]->ReadRegister(0xA000), 320u) << "the camera keeps what the tool set";
   EXPECT_EQ(cameras[0]->ReadRegister(kivgev::kRegCcp), 0u) << "and each command gave it up again";
-}
 
-// Raw files hold the frames as the emulator sent them: its test pattern of
-// frames it produced meanwhile, in order.
-TEST_F(Library, KivcamGrabSavesTheFramesTheEmulatorSends) {
+  // Raw files hold the frames as the emulator sent them: its test pattern of
+  // frames it produced meanwhile, in order.
   namespace fs = std::filesystem;
   const std::string dir = testing::TempDir() + "kivgev_grab_" + std::to_string(getpid());
   fs::remove_all(dir);
   const uint64_t before = cameras[0]->frames();
-  int code = -1;
-  std::string out = Kivcam("grab first -n 4 --format raw -o " + dir + " --set Width=64 Height=32", &code);
+  out = Kivcam("grab first -n 4 --format raw -o " + dir + " --set Width=64 Height=32", &code);
   const uint64_t after = cameras[0]->frames();
   ASSERT_EQ(code, 0) << out;
   EXPECT_NE(out.find("64x32 Mono8\n"), std::string::npos) << out;

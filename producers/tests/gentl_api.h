@@ -7,6 +7,7 @@
 #include <kivsim/kivsim.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -185,6 +186,20 @@ class ProducerTest : public ::testing::Test {
     EXPECT_EQ(fn(h, cmd, &t, &v, &n), GC_ERR_SUCCESS) << cmd;
     return v;
   }
+  // A string answer of DevGetInfo.
+  std::string InfoText(DEV_HANDLE d, int32_t cmd) {
+    char text[256] = {};
+    size_t n = sizeof text;
+    INFO_DATATYPE t;
+    EXPECT_EQ(p.DevGetInfo(d, cmd, &t, text, &n), GC_ERR_SUCCESS) << cmd;
+    return text;
+  }
+  kivsim_packet_log PacketLog(DS_HANDLE s) {
+    kivsim_packet_log log{};
+    size_t n = sizeof log;
+    EXPECT_EQ(p.GCReadPort(s, KIVSIM_DS_PACKET_LOG, &log, &n), GC_ERR_SUCCESS);
+    return log;
+  }
   template <class T>
   T BufferInfo(DS_HANDLE s, BUFFER_HANDLE b, BUFFER_INFO_CMD cmd) {
     T v{};
@@ -203,6 +218,28 @@ class UsbProducerTest : public ProducerTest {
  protected:
   UsbProducerTest() : ProducerTest(true) {}
 };
+
+// A device-information answer of a fixed size and type, or a string.
+template <class T>
+inline T Info(Producer& p, IF_HANDLE h, const std::string& id, DEVICE_INFO_CMD cmd, INFO_DATATYPE expect) {
+  T v{};
+  size_t n = sizeof v;
+  INFO_DATATYPE t = 0;
+  EXPECT_EQ(p.IFGetDeviceInfo(h, id.c_str(), cmd, &t, &v, &n), GC_ERR_SUCCESS) << cmd;
+  EXPECT_EQ(t, expect) << cmd;
+  EXPECT_EQ(n, sizeof v) << cmd;
+  return v;
+}
+
+inline std::string InfoString(Producer& p, IF_HANDLE h, const std::string& id, DEVICE_INFO_CMD cmd) {
+  char buf[512] = {};
+  size_t n = sizeof buf;
+  INFO_DATATYPE t = 0;
+  EXPECT_EQ(p.IFGetDeviceInfo(h, id.c_str(), cmd, &t, buf, &n), GC_ERR_SUCCESS) << cmd;
+  EXPECT_EQ(t, INFO_DATATYPE_STRING);
+  EXPECT_EQ(n, std::strlen(buf) + 1);
+  return buf;
+}
 
 // The test pattern, computed independently of the producer.
 inline uint32_t Pattern8(uint32_t x, uint32_t y, uint64_t frame, uint32_t c) {

@@ -112,9 +112,9 @@ TEST_F(Ports, DescriptionServedZippedAndPlainIsAValidNodeMapWithEveryBoundFeatur
   }
 }
 
-TEST_F(Ports, BootstrapRegistersAreBigEndian) {
-  DEV_HANDLE d = Open(0);
-  PORT_HANDLE port = Port(d);
+// Bootstrap registers big-endian, feature registers validated, then a short read.
+TEST_F(Ports, RegisterSpaceRules) {
+  PORT_HANDLE port = Port(Open(0));
   EXPECT_EQ(Read32(port, 0x0000, true) >> 16, 2u);
   EXPECT_EQ(Read32(port, 0x0D04, true) & 0xFFFF, 1500u);
   EXPECT_EQ(Read32(port, 0x0960, true) & 0x40000000, 0u);
@@ -126,11 +126,7 @@ TEST_F(Ports, BootstrapRegistersAreBigEndian) {
   ASSERT_EQ(p.GCReadPort(port, 0xA000, le, &n), GC_ERR_SUCCESS);
   EXPECT_EQ(le[2] << 8 | le[3], 640) << "Width in network order";
   EXPECT_TRUE(InfoOf<bool8_t>(p.GCGetPortInfo, port, PORT_INFO_BIG_ENDIAN));
-}
 
-TEST_F(Ports, FeatureRegistersValidateAndComputePayload) {
-  DEV_HANDLE d = Open(0);
-  PORT_HANDLE port = Port(d);
   ASSERT_EQ(Write32(port, 0xA000, 64, true), GC_ERR_SUCCESS);
   ASSERT_EQ(Write32(port, 0xA004, 48, true), GC_ERR_SUCCESS);
   EXPECT_EQ(Read32(port, 0xA014, true), 64u * 48u);
@@ -146,17 +142,13 @@ TEST_F(Ports, FeatureRegistersValidateAndComputePayload) {
   EXPECT_EQ(Write32(port, 0x0200, 1, true), GC_ERR_ACCESS_DENIED);
   EXPECT_EQ(Write32(port, 0x100000, 1, true), GC_ERR_ACCESS_DENIED);
   uint32_t v;
-  size_t n = 4;
+  n = 4;
   EXPECT_EQ(p.GCReadPort(port, 0x900000, &v, &n), GC_ERR_INVALID_ADDRESS);
   EXPECT_EQ(p.GCReadPort(port, 0xA000, nullptr, &n), GC_ERR_INVALID_PARAMETER);
-}
 
-TEST_F(Ports, ShortReadsReportFewerBytes) {
-  DEV_HANDLE d = Open(0);
-  PORT_HANDLE port = Port(d);
   ASSERT_EQ(p.kivsim_short_reads(1), 0);
   uint8_t b[8];
-  size_t n = 8;
+  n = 8;
   ASSERT_EQ(p.GCReadPort(port, 0x48, b, &n), GC_ERR_SUCCESS);
   EXPECT_EQ(n, 4u);
   n = 8;
@@ -195,9 +187,9 @@ class UsbRegisters : public Ports {
   UsbRegisters() : Ports(true) {}
 };
 
-TEST_F(UsbRegisters, DescriptionIsLittleEndianWithoutTheGigEBlock) {
-  DEV_HANDLE d = Open(0);
-  auto [zip, plain] = Descriptions(Port(d));
+TEST_F(UsbRegisters, LittleEndianDescriptionAndRegistersWithoutTheGigEBlock) {
+  PORT_HANDLE port = Port(Open(0));
+  auto [zip, plain] = Descriptions(port);
   ASSERT_FALSE(zip.empty());
   EXPECT_EQ(zip, plain);
   pugi::xml_document doc;
@@ -210,11 +202,8 @@ TEST_F(UsbRegisters, DescriptionIsLittleEndianWithoutTheGigEBlock) {
   // The vendor string register of the description is where the ABRM keeps it.
   pugi::xml_node vendor = root.find_child_by_attribute("StringReg", "Name", "DeviceVendorName");
   EXPECT_EQ(std::strtoul(vendor.child_value("Address"), nullptr, 0), 4u);
-}
 
-TEST_F(UsbRegisters, StreamingRegistersAreReachableFromTheBootstrap) {
-  DEV_HANDLE d = Open(0);
-  PORT_HANDLE port = Port(d);
+  // The streaming registers are reachable from the bootstrap.
   uint64_t sbrm = 0, sirm = 0;
   size_t n = 8;
   ASSERT_EQ(p.GCReadPort(port, 0x01D8, &sbrm, &n), GC_ERR_SUCCESS);
@@ -227,10 +216,10 @@ TEST_F(UsbRegisters, StreamingRegistersAreReachableFromTheBootstrap) {
   EXPECT_EQ(Read32(port, sirm + 0x10, false), 52u);
   EXPECT_GE(Read32(port, sirm + 0x14, false), 32u);
   EXPECT_EQ(Read32(port, sirm + 0x08, false), Read32(port, 0xA014, false)) << "required payload";
-  char vendor[65] = {};
+  char vendor_name[65] = {};
   n = 64;
-  ASSERT_EQ(p.GCReadPort(port, 0x0004, vendor, &n), GC_ERR_SUCCESS);
-  EXPECT_STREQ(vendor, "KivCam");
+  ASSERT_EQ(p.GCReadPort(port, 0x0004, vendor_name, &n), GC_ERR_SUCCESS);
+  EXPECT_STREQ(vendor_name, "KivCam");
   EXPECT_TRUE(InfoOf<bool8_t>(p.GCGetPortInfo, port, PORT_INFO_LITTLE_ENDIAN));
 }
 
