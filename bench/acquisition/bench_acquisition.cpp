@@ -397,14 +397,13 @@ class LibraryLoop {
 // The raw camera and the library's camera, both streaming the same format
 // into kBuffers buffers; frames as fast as buffers come back.
 struct Pair {
-  Pair(uint32_t w, uint32_t h, uint32_t format, const char* format_name) {
+  Pair(uint32_t w, uint32_t h, uint32_t format, const char* format_name) : w_(w), h_(h), format_(format) {
     p = Raw();
     lib = Lib();
     if (!p || !lib) return;
     p->free_run(kRawCamera, 0);
     p->free_run(kLibCamera, 0);
     cam = std::make_unique<Camera>(*lib, kLibUid, w, h, format_name);
-    w_ = w, h_ = h, format_ = format;
   }
   // Allocates the library camera's buffers and starts both; the raw stream's
   // buffers are laid out as the library's, so the producer does the same

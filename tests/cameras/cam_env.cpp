@@ -242,25 +242,28 @@ uint32_t CameraTest::Grab(const Cam& c, ImageBuffer* buffer, ImageInfo* info) {
   return Err(lib_->KIVCAM_ImageComplete(c.h, buffer, kWait, info));
 }
 
-bool CameraTest::WaitCounters(const Cam& c, const std::function<bool(const kivsim_counters&)>& done) {
+// Polls `done` every millisecond for at most 5 s.
+static bool Eventually(const std::function<bool()>& done) {
   for (auto t0 = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() - t0 < std::chrono::seconds(5);) {
-    if (done(Counters(c))) return true;
+    if (done()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return false;
 }
 
+bool CameraTest::WaitCounters(const Cam& c, const std::function<bool(const kivsim_counters&)>& done) {
+  return Eventually([&] { return done(Counters(c)); });
+}
+
 bool WaitAsleep(pid_t tid) {
   const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
-  for (auto t0 = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() - t0 < std::chrono::seconds(5);) {
+  return Eventually([&] {
     std::ifstream in(path);
     std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     // The state follows the parenthesised name.
     const size_t end = stat.rfind(')');
-    if (end != std::string::npos && end + 2 < stat.size() && stat[end + 2] == 'S') return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+    return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] == 'S';
+  });
 }
 
 bool CameraTest::WaitDelivered(const Cam& c, uint64_t n) {
